@@ -1,0 +1,125 @@
+// The core records: their constructors and destructors, and the byte order of stored words.
+#include "device/owners.h"
+
+#include <string.h>
+
+#define NEW_ZEROED(type) static_cast<type*>(NewZeroed(sizeof(type), __LINE__))
+
+static void* NewZeroed(size_t size, int line) {
+  void* memory = vakro_malloc(size, "device", line);
+  if (memory != nullptr) memset(memory, 0, size);
+  return memory;
+}
+
+DeviceSet* NewDeviceSet(void) { return NEW_ZEROED(DeviceSet); }
+
+void FreeDeviceSet(DeviceSet* set) {
+  if (set == nullptr) return;
+  for (int i = 0; i < set->count; i++) FreeDevice(set->devices[i]);
+  vakro_free(set);
+}
+
+Device* NewDevice(void) {
+  Device* device = NEW_ZEROED(Device);
+  if (device == nullptr) return nullptr;
+  device->refCount = 1;
+  device->maxKeypairs = MAX_KEYPAIRS;
+  return device;
+}
+
+void FreeDevice(Device* device) {
+  if (device == nullptr) return;
+  for (int i = 0; i < device->keypairCount; i++) FreeKeypair(device->keypairs[i]);
+  if (device->pin != nullptr) OPENSSL_cleanse(device->pin, strlen(device->pin));
+  vakro_free(device->pin);
+  vakro_free(device->filePath);
+  vakro_free(device->backupPath);
+  vakro_free(device);
+}
+
+Keypair* NewKeypair(void) { return NEW_ZEROED(Keypair); }
+
+void FreeKeypair(Keypair* keypair) {
+  if (keypair == nullptr) return;
+  for (int i = 0; i < keypair->certCount; i++) FreeCert(keypair->certs[i]);
+  vakro_free(keypair->salt);
+  vakro_free(keypair->iv);
+  vakro_free(keypair->encryptedPrivateKey);
+  VakroPKICryptoFreeMemory(keypair->publicKey);
+  EVP_PKEY_free(keypair->privateKey);
+  vakro_free(keypair);
+}
+
+Cert* NewCert(const unsigned char* bytes, int length) {
+  if (length < 0 || (bytes == nullptr && length > 0)) return nullptr;
+  OwnedCert cert(NEW_ZEROED(Cert));
+  if (!cert) return nullptr;
+  const auto size = static_cast<size_t>(length);
+  cert->data = static_cast<unsigned char*>(vakro_malloc(size, "device", __LINE__));
+  if (cert->data == nullptr) return nullptr;
+  if (size > 0) memcpy(cert->data, bytes, size);
+  cert->length = length;
+  return cert.release();
+}
+
+void FreeCert(Cert* cert) {
+  if (cert == nullptr) return;
+  vakro_free(cert->data);
+  vakro_free(cert);
+}
+
+Data* newData(int id, int length) {
+  if (length < 0) return nullptr;
+  OwnedData data(NEW_ZEROED(Data));
+  if (!data) return nullptr;
+  data->value = static_cast<unsigned char*>(NewZeroed(static_cast<size_t>(length), __LINE__));
+  if (data->value == nullptr) return nullptr;
+  data->id = id;
+  data->length = length;
+  return data.release();
+}
+
+void FreeData(Data* data) {
+  if (data == nullptr) return;
+  if (data->value != nullptr && data->length > 0)
+    OPENSSL_cleanse(data->value, static_cast<size_t>(data->length));
+  VakroPKICryptoFreeMemory(data->value);
+  OPENSSL_cleanse(data, sizeof(*data));
+  vakro_free(data);
+}
+
+void FreeDatas(Data** array, int count) {
+  if (array == nullptr) return;
+  for (int i = 0; i < count; i++) FreeData(array[i]);
+  vakro_free(array);
+}
+
+void removeData(Data** array, int count, int index) {
+  if (array == nullptr || index < 0 || index >= count) return;
+  FreeData(array[index]);
+  for (int i = index + 1; i < count; i++) array[i - 1] = array[i];
+}
+
+void FreeTempKeypair(Keypair** array) {
+  for (int i = 0; i < MAX_KEYPAIRS; i++) {
+    Keypair* keypair = array[i];
+    if (keypair == nullptr) continue;
+    if (keypair->saltLen != 0) vakro_free(keypair->salt);
+    if (keypair->ivLen != 0) vakro_free(keypair->iv);
+    if (keypair->encryptedPrivateKeyLen != 0) vakro_free(keypair->encryptedPrivateKey);
+    vakro_free(keypair);
+    array[i] = nullptr;
+  }
+}
+
+unsigned int be2int(const unsigned char* bytes) {
+  return static_cast<unsigned int>(bytes[0]) << 24 | static_cast<unsigned int>(bytes[1]) << 16 |
+         static_cast<unsigned int>(bytes[2]) << 8 | static_cast<unsigned int>(bytes[3]);
+}
+
+void int2be(unsigned int value, unsigned char* bytes) {
+  bytes[0] = static_cast<unsigned char>(value >> 24);
+  bytes[1] = static_cast<unsigned char>(value >> 16);
+  bytes[2] = static_cast<unsigned char>(value >> 8);
+  bytes[3] = static_cast<unsigned char>(value);
+}

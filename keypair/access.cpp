@@ -1,0 +1,1 @@
+#include "keypair/keypair.h"

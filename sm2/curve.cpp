@@ -1,0 +1,1 @@
+#include "sm2/sm2.h"

@@ -1,0 +1,148 @@
+// The device store: whole files, the container of the device file, its positional JSON, the
+// backed-up rewrite and the recovery from a backup, the updates of keypairs and certificates in
+// the file, and the data objects. The layout is drawn in docs/device-file.md.
+//
+// What every function shares: 1 is success and 0 failure unless another result is given;
+// out-arguments are written on success only; a new JSON value belongs to the caller and goes back
+// with vakro_json_free; a function that fails has released what it made. Nothing here takes the
+// module lock: whoever rewrites a device file holds it from the read to the end of the rewrite.
+#ifndef VAKRO_STORE_STORE_H
+#define VAKRO_STORE_STORE_H
+
+#include "device/device.h"
+
+inline constexpr int FILE_HASH_ID = VAKRO_HASH_SHA512;
+inline constexpr unsigned int DIGEST_SIZE = 64;
+
+// What a look at a file or an image says. UNKNOWN is a passing failure (memory, a descriptor, a
+// read error): the file may well be good, so nothing may take its place.
+enum class Found { MISSING_OR_DAMAGED = 0, GOOD = 1, UNKNOWN = -1 };
+
+extern "C" {
+
+// --- Whole files (file.cpp) ----------------------------------------------------------------------
+
+// ReadWholeFile reads a regular file into a fresh buffer (vakro_free). Refuses an empty file.
+int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length);
+
+// CopyFileData makes `destination` hold a copy of the whole source, with the source's mode, on
+// stable storage. Without a readable source the destination is not touched; a later failure can
+// leave it cut short.
+int CopyFileData(const char* source, const char* destination);
+
+// --- Hash, MAC, cipher on g_hSoftDevice (crypto.cpp) ---------------------------------------------
+
+// CalculateHash hands out the digest in crypto-library memory.
+int CalculateHash(unsigned int algorithm, const unsigned char* data, unsigned int length,
+                  unsigned char** digest, unsigned int* digestLength);
+
+// CalculateMac copies the value to the caller's `mac`, which is large enough for the algorithm.
+int CalculateMac(unsigned int algorithm, const unsigned char* key, unsigned int keyLength,
+                 const unsigned char* data, unsigned int dataLength, unsigned char* mac,
+                 unsigned int* macLength);
+
+// CalculateCipher enciphers (`encrypt` 1) or deciphers (0) in one go into the caller's `output` of
+// at least `inputLength` + 64 bytes. On 0 the output is untouched.
+int CalculateCipher(int encrypt, unsigned int algorithm, const unsigned char* key,
+                    unsigned int keyLength, const unsigned char* input, unsigned int inputLength,
+                    unsigned char* output, unsigned int* outputLength, const AEADParams* params);
+
+// --- Container (container.cpp) -------------------------------------------------------------------
+
+// ReadImage reads and checks a device file as VerifyDeviceFile does, and tells a bad file from a
+// failure to look. On GOOD *image (vakro_free) and *size are set.
+Found ReadImage(const char* path, unsigned char** image, unsigned int* size);
+
+// VerifyDeviceFile reads a file and checks container and digest; on 1 *image is the whole file
+// (vakro_free) of *size bytes.
+int VerifyDeviceFile(const char* path, unsigned char** image, unsigned int* size);
+
+// WriteDeviceDataToFile writes a container that holds `text`, with the device's fileTag, to its
+// filePath, on stable storage. On 0 the file may be cut short.
+int WriteDeviceDataToFile(Device* device, const unsigned char* text, unsigned int length);
+
+// --- Records from and to JSON (reader.cpp) -------------------------------------------------------
+
+// LoadImage builds the device record of a checked image as GetDeviceHandleFromData does. On GOOD
+// *device is set.
+Found LoadImage(const unsigned char* image, Device** device);
+
+// GetDeviceHandleFromData builds a device record from a checked image; the paths are not set.
+// `size` is not read. NULL for an image that is no device, or without memory.
+Device* GetDeviceHandleFromData(const unsigned char* image, unsigned int size);
+
+VakroJson* Keypair2Json(const Keypair* keypair);
+VakroJson* Cert2Json(const Cert* cert);
+
+// --- Processes (folder_lock.cpp) -----------------------------------------------------------------
+
+// LockFolder takes an advisory lock (flock) on the folder of the file at `path`, so that processes
+// never interleave in a read-change-write or a recovery; UnlockFolder gives it back. They nest
+// within a thread. Where the file system has no such lock the work goes on without it.
+void LockFolder(const char* path);
+void UnlockFolder(void);
+
+// --- Reading the text and the backed-up rewrite (rewrite.cpp) ------------------------------------
+
+// GetDeviceDataFromFile hands out the JSON text of the device file (vakro_free), recovers the file
+// from its backup if it is missing or damaged, and sets the device's fileTag from the file.
+int GetDeviceDataFromFile(Device* device, unsigned char** text, unsigned int* length);
+
+// RewriteDeviceFile is the backed-up rewrite: it takes over `tree`, encodes it and replaces the
+// device file's content with it.
+int RewriteDeviceFile(Device* device, VakroJson* tree);
+
+// UpdateDeviceDataToFile writes the whole record to its file and keeps the stored data objects.
+// Refuses a device without keypairs, and a file that holds a keypair the record does not know.
+int UpdateDeviceDataToFile(Device* device);
+
+// --- Keypairs and certificates in the file (records.cpp) -----------------------------------------
+// All find the file through the device and put the keypair's item, built from the record, in place
+// of the stored item with the same identity: the first eight items.
+
+int AddhKeypairToFile(Device* device, Keypair* keypair);
+int DeleteKeypairFromFile(Keypair* keypair);
+int AddCertToFile(Keypair* keypair, Cert* cert);       // the record does not hold `cert` yet
+int DeleteCertFromFile(Keypair* keypair, Cert* cert);  // the record still holds `cert`
+int UpdateKeypairToFile(Keypair* keypair);  // writes without a backup; the module never calls it
+
+// --- JSON helpers (json.cpp) ---------------------------------------------------------------------
+
+VakroJson* VakroJsonDeleteArrayItem(VakroJson* array, int index);
+VakroJson* VakroJsonUpdateArrayItem(VakroJson* array, int index, VakroJson* item);
+VakroJson* UpdateJsonKeypairsToDevice(VakroJson* tree, VakroJson* keypairs);
+VakroJson* UpdateJsonCertsToKeypair(VakroJson* keypairItem, VakroJson* certs);
+int KeypairJsonEqual(VakroJson* a, VakroJson* b);  // all items but the last
+int CertJsonEqual(VakroJson* a, VakroJson* b);
+
+// NULL when no stored item equals `keypairItem`.
+VakroJson* UpdateJsonKeypairToKeypairs(VakroJson* keypairs, VakroJson* keypairItem);
+
+int AddJsonCertToCerts(VakroJson* certs, VakroJson* cert);  // in place; 1 also if already there
+VakroJson* DeleteJsonCertToCerts(VakroJson* certs, VakroJson* cert);  // a copy if none is equal
+VakroJson* DeleteJsonCertToKeypair(VakroJson* keypairItem, VakroJson* cert);
+
+// --- Data objects (datas.cpp) --------------------------------------------------------------------
+
+// GetAllDatasFromFile hands out the device's data objects, to be released with FreeDatas; the array
+// has room for 8 more. Without data objects *count is 0 and *list not written.
+int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count);
+
+// WriteAllDatasToFile makes `list` the device's data objects, in this order.
+int WriteAllDatasToFile(Device* device, Data** list, unsigned int count);
+
+Data* Json2Data(VakroJson* item);
+VakroJson* Data2Json(const Data* data);
+VakroJson* Datas2Json(Data** list, int count);
+VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas);
+
+}  // extern "C"
+
+// The folder lock for a scope.
+struct FolderLock {
+  explicit FolderLock(const char* path) { LockFolder(path); }
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+  ~FolderLock() { UnlockFolder(); }
+};
+#endif
