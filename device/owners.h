@@ -25,6 +25,9 @@ using UtilBytes = std::unique_ptr<unsigned char[], Release<vakro_free>>;
 using UtilText = std::unique_ptr<char[], Release<vakro_free>>;
 using LibBytes = std::unique_ptr<unsigned char[], Release<VakroPKICryptoFreeMemory>>;
 using LibText = std::unique_ptr<char[], Release<VakroPKICryptoFreeMemory>>;
+inline void FreeOpensslMemory(void* memory) { OPENSSL_free(memory); }
+using OpensslBytes = std::unique_ptr<unsigned char[], Release<FreeOpensslMemory>>;
+using Lock = std::unique_ptr<VakroLock, Release<vakro_lock_free>>;
 using Json = std::unique_ptr<VakroJson, Release<vakro_json_free>>;
 
 using SoftDevice = std::unique_ptr<VakroPKICryptoDevice, Release<VakroPKICryptoFreeDevice>>;
@@ -94,6 +97,12 @@ int AnswerBytes(const void* bytes, int needed, void* buffer, int size, Length* l
   if (size < needed) return VAKRO_BUFFER_TOO_SMALL;
   if (needed > 0) memcpy(buffer, bytes, static_cast<size_t>(needed));
   return VAKRO_OK;
+}
+
+// AnswerString is the size query over a string and its NUL.
+template <class Length>
+int AnswerString(const char* text, void* buffer, int size, Length* length) {
+  return AnswerBytes(text, static_cast<int>(strlen(text)) + 1, buffer, size, length);
 }
 
 #endif
