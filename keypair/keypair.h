@@ -6,10 +6,11 @@
 #ifndef VAKRO_KEYPAIR_KEYPAIR_H
 #define VAKRO_KEYPAIR_KEYPAIR_H
 
-#include "device/device.h"
+#include "device/owners.h"
 
 inline constexpr int PRIVATE_KEY_CIPHER_ID = VAKRO_CIPHER_AES256_GCM;
-inline constexpr int KEY_HEADER_SIZE = 12;  // magic and algorithm word of both key encodings
+inline constexpr int MAGIC_SIZE = 8;        // of both key encodings
+inline constexpr int KEY_HEADER_SIZE = 12;  // magic and algorithm word
 inline constexpr char KEYPAIR_MAGIC[] = "_KEYPAIR";
 inline constexpr char PUBLIC_KEY_MAGIC[] = "_PUBKEY_";
 
@@ -60,10 +61,16 @@ int IsGenerateTempRSAKeypair(const RSAKeypairParams* params);
 PublicKey* NewPublicKey(void);
 EVP_PKEY* GetPublicKey(unsigned int algorithm, const unsigned char* encoding, int length, int* bits,
                        int* curve);
+EVP_PKEY* WrapRSA(RSA* rsa);  // a new key that holds a reference on `rsa`, or NULL
 EVP_PKEY* GetRSAPublicKey(const unsigned char* encoding, int length, int* bits);
 
 // ToRSAPublicKeyEncode hands out the public-key encoding in crypto-library memory.
 int ToRSAPublicKeyEncode(RSA* rsa, unsigned char** encoding, int* encodingLen);
 
 }  // extern "C"
+
+// FetchPrivateKey takes a reference on the keypair's private key under the module lock, so that it
+// can be used outside it, and reads the curve that belongs to it. Returns 1; -8 when there is no
+// key; 0 when the lock fails.
+int FetchPrivateKey(const Keypair* keypair, EvpKey& key, int& curve);
 #endif

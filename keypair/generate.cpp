@@ -1,0 +1,99 @@
+// Key generation, onto the device or as temporary keypairs.
+#include "keypair/stored.h"
+#include "sm2/sm2.h"
+
+static BigNum PublicExponent(const RSAKeypairParams* params) {
+  if (params == nullptr || params->exponent == nullptr) {
+    BigNum e(BN_new());
+    if (e && BN_set_word(e.get(), RSA_F4) != 1) e.reset();
+    return e;
+  }
+  if (params->exponentLen < 1) return nullptr;
+  return BigNum(BN_bin2bn(params->exponent, params->exponentLen, nullptr));
+}
+
+RSA* GenerateRSAKeypair(unsigned int bits, const RSAKeypairParams* params) {
+  // OpenSSL makes larger keys, for hours, and then refuses to use them.
+  if (bits > OPENSSL_RSA_MAX_MODULUS_BITS) return nullptr;
+  const BigNum e = PublicExponent(params);
+  RsaKey rsa(RSA_new());
+  if (!e || !rsa) return nullptr;
+  if (RSA_generate_key_ex(rsa.get(), static_cast<int>(bits), e.get(), nullptr) != 1) return nullptr;
+  return rsa.release();
+}
+
+int IsGenerateTempRSAKeypair(const RSAKeypairParams* params) {
+  return params == nullptr ? 0 : params->temporary;
+}
+
+int GenerateTempRSAKeypair(unsigned int bits, const RSAKeypairParams* params, unsigned int type,
+                           Keypair** out) {
+  const RsaKey rsa(GenerateRSAKeypair(bits, params));
+  if (!rsa) return 0;
+  OwnedKeypair keypair(NewKeypair());
+  if (!keypair) return 0;
+  keypair->algorithm = ALGORITHM_RSA;
+  keypair->bits = bits;
+  keypair->isTemp = 1;
+  keypair->type = type;
+  if (ToRSAPublicKeyEncode(rsa.get(), &keypair->publicKey, &keypair->publicKeyLen) != 1) return 0;
+  keypair->privateKey = WrapRSA(rsa.get());
+  if (keypair->privateKey == nullptr) return 0;
+  *out = keypair.release();
+  return 1;
+}
+
+namespace {
+struct Request {
+  unsigned int algorithm;
+  int bits;
+  const void* params;  // the record that belongs to the algorithm
+  unsigned int type;
+};
+}  // namespace
+
+static int MakeTemp(const Request& request, Keypair** out) {
+  if (request.algorithm == ALGORITHM_RSA) {
+    // A negative size turns into one that is refused as too large.
+    return GenerateTempRSAKeypair(static_cast<unsigned int>(request.bits),
+                                  static_cast<const RSAKeypairParams*>(request.params),
+                                  request.type, out);
+  }
+  const auto* params = static_cast<const ECCKeypairParams*>(request.params);
+  return GenerateTempECCKeypair(params->curve, request.bits, static_cast<int>(request.type), out);
+}
+
+static int MakeStored(Device* device, const Request& request, const char* label, Keypair** out) {
+  const ModuleLock lock;
+  if (!lock.held) return VAKRO_FAILED;
+  const int room = CheckRoom(device, request.type, label);
+  if (room != VAKRO_OK) return room;
+  const int owner = CheckOwner(device, label);
+  if (owner != VAKRO_OK) return owner;
+  Keypair* made = nullptr;
+  if (MakeTemp(request, &made) != 1) return VAKRO_FAILED;
+  return StoreKeypair(device, OwnedKeypair(made), label, out);
+}
+
+int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* parameters,
+                          unsigned int type, const char* label, Keypair** out) {
+  if (device == nullptr) return VAKRO_FAILED;
+  bool temporary = false;
+  switch (algorithm) {
+    case ALGORITHM_RSA:
+      temporary = IsGenerateTempRSAKeypair(static_cast<const RSAKeypairParams*>(parameters)) != 0;
+      break;
+    case ALGORITHM_ECC: {
+      const auto* params = static_cast<const ECCKeypairParams*>(parameters);
+      if (params == nullptr || checkCurveBits(params->curve, bits) != 1) return VAKRO_FAILED;
+      temporary = params->temporary != 0;
+      break;
+    }
+    default:
+      return VAKRO_NOT_SUPPORTED;
+  }
+  if (out == nullptr) return VAKRO_FAILED;
+  const Request request = {algorithm, bits, parameters, type};
+  if (temporary) return MakeTemp(request, out);
+  return label == nullptr ? VAKRO_FAILED : MakeStored(device, request, label, out);
+}

@@ -1,0 +1,56 @@
+// Import of a keypair from the crypto library's keypair encoding.
+#include "keypair/stored.h"
+#include "sm2/sm2.h"
+
+#include <string.h>
+
+static constexpr int MIN_ENCODING_SIZE = 16;
+
+static bool FillRSA(Keypair* keypair) {
+  const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
+  if (!rsa) return false;
+  keypair->bits = static_cast<unsigned int>(BN_num_bits(RSA_get0_n(rsa.get())));
+  return ToRSAPublicKeyEncode(rsa.get(), &keypair->publicKey, &keypair->publicKeyLen) == 1;
+}
+
+static bool FillECC(Keypair* keypair) {
+  const EcKey ec(EVP_PKEY_get1_EC_KEY(keypair->privateKey));
+  if (!ec) return false;
+  keypair->bits = static_cast<unsigned int>(GetECCBits(keypair->curve));
+  return ToECCPublicKeyEncode(keypair->curve, ec.get(), &keypair->publicKey,
+                              &keypair->publicKeyLen) == 1;
+}
+
+static OwnedKeypair Decode(unsigned int algorithm, const unsigned char* encoding, int encodingLen,
+                           unsigned int type) {
+  int curve = 0;
+  EvpKey key(DecodePair(algorithm, encoding, encodingLen, &curve));
+  OwnedKeypair keypair(key ? NewKeypair() : nullptr);
+  if (!keypair) return nullptr;
+  keypair->algorithm = algorithm;
+  keypair->type = type;
+  keypair->curve = curve;
+  keypair->privateKey = key.release();
+  const bool filled = algorithm == ALGORITHM_RSA ? FillRSA(keypair.get()) : FillECC(keypair.get());
+  return filled ? std::move(keypair) : nullptr;
+}
+
+int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encodingLen,
+                        unsigned int type, const char* label, Keypair** out) {
+  if (device == nullptr) return VAKRO_NULL_HANDLE;
+  if (out == nullptr || label == nullptr) return VAKRO_FAILED;
+  const ModuleLock lock;
+  if (!lock.held) return VAKRO_FAILED;
+  const int room = CheckRoom(device, type, label);
+  if (room != VAKRO_OK) return room;
+  if (encoding == nullptr || encodingLen < MIN_ENCODING_SIZE ||
+      memcmp(encoding, KEYPAIR_MAGIC, MAGIC_SIZE) != 0)
+    return VAKRO_FAILED;
+  const int owner = CheckOwner(device, label);
+  if (owner != VAKRO_OK) return owner;
+  const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);
+  if (algorithm != ALGORITHM_RSA && algorithm != ALGORITHM_ECC) return VAKRO_NOT_SUPPORTED;
+  OwnedKeypair keypair = Decode(algorithm, encoding, encodingLen, type);
+  if (!keypair) return VAKRO_FAILED;
+  return StoreKeypair(device, std::move(keypair), label, out);
+}

@@ -1,0 +1,179 @@
+// Private keys at rest. The PIN and a salt of the keypair's own give, by PBKDF2 with HMAC-SHA-512
+// (RFC 8018), the cipher key and the first part of the nonce; the authenticated cipher binds the
+// blob to its device file through the associated data. docs/device-file.md draws it.
+#include "device/owners.h"
+#include "keypair/keypair.h"
+#include "sm2/sm2.h"
+#include "store/store.h"
+
+#include <openssl/rand.h>
+
+#include <limits.h>
+#include <string.h>
+
+static constexpr int PBKDF2_ITERATIONS = 2000;
+static constexpr int SALT_SIZE = 32;
+static constexpr int IV_SIZE = 16;
+static constexpr int CIPHER_KEY_SIZE = 32;
+static constexpr int NONCE_PREFIX_SIZE = 8;  // from the derivation; the keypair's iv follows
+static constexpr int MATERIAL_SIZE = CIPHER_KEY_SIZE + NONCE_PREFIX_SIZE;
+static constexpr int MAX_NONCE_SIZE = 64;
+static constexpr int TAG_SIZE = 16;
+static constexpr int CIPHER_SLACK = 64;  // room for what the cipher adds
+static constexpr char AAD_TEXT[] = "password";
+static constexpr int AAD_TEXT_SIZE = sizeof(AAD_TEXT) - 1;
+
+namespace {
+// What one encryption or decryption is given besides the data. `params` points into the record.
+struct CipherInputs {
+  Wiped<MATERIAL_SIZE> material;
+  Wiped<MAX_NONCE_SIZE> nonce;
+  unsigned char aad[4 + AAD_TEXT_SIZE] = {};
+  AEADParams params = {};
+
+  bool Derive(const char* pin, unsigned int fileTag, const Keypair* keypair);
+};
+}  // namespace
+
+bool CipherInputs::Derive(const char* pin, unsigned int fileTag, const Keypair* keypair) {
+  // An iv from a file may have any length.
+  const int ivLen = keypair->ivLen;
+  if (keypair->salt == nullptr || keypair->iv == nullptr || ivLen < 0 ||
+      ivLen > MAX_NONCE_SIZE - NONCE_PREFIX_SIZE)
+    return false;
+  const size_t pinLen = strlen(pin);
+  if (pinLen > INT_MAX) return false;
+  if (PKCS5_PBKDF2_HMAC(pin, static_cast<int>(pinLen), keypair->salt, keypair->saltLen,
+                        PBKDF2_ITERATIONS, EVP_sha512(), MATERIAL_SIZE, material.bytes) != 1)
+    return false;
+  memcpy(nonce.bytes, material.bytes + CIPHER_KEY_SIZE, NONCE_PREFIX_SIZE);
+  memcpy(nonce.bytes + NONCE_PREFIX_SIZE, keypair->iv, static_cast<size_t>(ivLen));
+  int2be(fileTag, aad);
+  memcpy(aad + 4, AAD_TEXT, AAD_TEXT_SIZE);
+  params = {TAG_SIZE, nonce.bytes, NONCE_PREFIX_SIZE + ivLen, aad, sizeof(aad)};
+  return true;
+}
+
+static unsigned char* NewBytes(size_t size, int line) {
+  return static_cast<unsigned char*>(vakro_malloc(size, "keypair", line));
+}
+
+int EncryptKeypairData(Device* device, Keypair* keypair, const unsigned char* plaintext,
+                       int plaintextLen) {
+  if (plaintextLen < 0) return 0;
+  CipherInputs inputs;
+  if (!inputs.Derive(device->pin, device->fileTag, keypair)) return 0;
+  const UtilBytes output(NewBytes(static_cast<size_t>(plaintextLen) + CIPHER_SLACK, __LINE__));
+  if (!output) return 0;
+  unsigned int outputLen = 0;
+  if (CalculateCipher(1, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE, plaintext,
+                      static_cast<unsigned int>(plaintextLen), output.get(), &outputLen,
+                      &inputs.params) != 1)
+    return 0;
+  keypair->encryptedPrivateKey = NewBytes(outputLen, __LINE__);
+  if (keypair->encryptedPrivateKey == nullptr) return 0;
+  memcpy(keypair->encryptedPrivateKey, output.get(), outputLen);
+  keypair->encryptedPrivateKeyLen = static_cast<int>(outputLen);
+  return 1;
+}
+
+static UtilBytes RandomBytes(int size) {
+  UtilBytes bytes(NewBytes(static_cast<size_t>(size), __LINE__));
+  if (bytes && RAND_bytes(bytes.get(), size) != 1) bytes.reset();
+  return bytes;
+}
+
+// Gives the keypair fresh salt and iv and encrypts the encoding, which it wipes and releases.
+static int EncryptEncoding(Device* device, Keypair* keypair, unsigned char* encoding,
+                           int encodingLen) {
+  const SecretLibBytes owned(encoding, static_cast<size_t>(encodingLen));
+  UtilBytes salt = RandomBytes(SALT_SIZE);
+  UtilBytes iv = RandomBytes(IV_SIZE);
+  if (!salt || !iv) return 0;
+  keypair->salt = salt.get();
+  keypair->saltLen = SALT_SIZE;
+  keypair->iv = iv.get();
+  keypair->ivLen = IV_SIZE;
+  if (EncryptKeypairData(device, keypair, encoding, encodingLen) == 1) {
+    salt.release();
+    iv.release();
+    return 1;
+  }
+  keypair->salt = nullptr;
+  keypair->saltLen = 0;
+  keypair->iv = nullptr;
+  keypair->ivLen = 0;
+  return 0;
+}
+
+int EncryptRSAKeypair(Device* device, Keypair* keypair) {
+  const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
+  unsigned char* encoding = nullptr;
+  int encodingLen = 0;
+  if (!rsa || EncodeRSAKeypair(rsa.get(), &encoding, &encodingLen) != 1) return 0;
+  return EncryptEncoding(device, keypair, encoding, encodingLen);
+}
+
+int EncryptECCKeypair(Device* device, Keypair* keypair) {
+  const EcKey ec(EVP_PKEY_get1_EC_KEY(keypair->privateKey));
+  unsigned char* encoding = nullptr;
+  int encodingLen = 0;
+  if (!ec || EncodeECCKeypair(keypair->curve, ec.get(), &encoding, &encodingLen) != 1) return 0;
+  return EncryptEncoding(device, keypair, encoding, encodingLen);
+}
+
+int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {
+  const int size = i2d_RSAPrivateKey(rsa, nullptr);
+  if (size <= 0) return 0;
+  const SecretUtilBytes der(NewBytes(static_cast<size_t>(size), __LINE__),
+                            static_cast<size_t>(size));
+  if (der.bytes == nullptr) return 0;
+  unsigned char* at = der.bytes;
+  if (i2d_RSAPrivateKey(rsa, &at) != size) return 0;
+  return VakroPKICryptoRSAPrivKeyFromDER(der.bytes, size, encoding, encodingLen);
+}
+
+EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const char* pin,
+                         int* curve) {
+  if (keypair->encryptedPrivateKey == nullptr || keypair->encryptedPrivateKeyLen < 0)
+    return nullptr;
+  CipherInputs inputs;
+  if (!inputs.Derive(pin, keypair->device->fileTag, keypair)) return nullptr;
+  const size_t size = static_cast<size_t>(keypair->encryptedPrivateKeyLen) + CIPHER_SLACK;
+  const SecretUtilBytes output(NewBytes(size, __LINE__), size);
+  if (output.bytes == nullptr) return nullptr;
+  unsigned int outputLen = 0;
+  if (CalculateCipher(0, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE,
+                      keypair->encryptedPrivateKey,
+                      static_cast<unsigned int>(keypair->encryptedPrivateKeyLen), output.bytes,
+                      &outputLen, &inputs.params) != 1)
+    return nullptr;
+  return DecodePair(algorithm, output.bytes, static_cast<int>(outputLen), curve);
+}
+
+static EVP_PKEY* DecodeRSAEncoding(const unsigned char* encoding, int length) {
+  unsigned char* der = nullptr;
+  int derLen = 0;
+  if (VakroPKICryptoRSAPrivKeyToDER(encoding, length, &der, &derLen) != 1) return nullptr;
+  const SecretLibBytes owned(der, static_cast<size_t>(derLen));
+  return DecodeRSAPair(der, derLen);
+}
+
+EVP_PKEY* DecodePair(unsigned int algorithm, const unsigned char* encoding, int length,
+                     int* curve) {
+  switch (algorithm) {
+    case ALGORITHM_RSA:
+      return DecodeRSAEncoding(encoding, length);
+    case ALGORITHM_ECC:
+      return DecodeECCPair(encoding, length, curve);
+    default:
+      return nullptr;
+  }
+}
+
+EVP_PKEY* DecodeRSAPair(const unsigned char* der, int length) {
+  const unsigned char* at = der;
+  const RsaKey rsa(d2i_RSAPrivateKey(nullptr, &at, length));
+  if (!rsa || at != der + length) return nullptr;  // bytes left over mean damage
+  return WrapRSA(rsa.get());
+}

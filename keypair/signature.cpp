@@ -1,0 +1,145 @@
+// Signing and verification, dispatched on the algorithm and the type of the key.
+#include "device/owners.h"
+#include "keypair/keypair.h"
+#include "sm2/sm2.h"
+
+#include <string.h>
+
+static constexpr int SM2_SIGNATURE_SIZE = 80;         // the answer to a size query
+static constexpr int MAX_ECDSA_SIGNATURE_SIZE = 160;  // P-521 needs 139
+
+// The padding of an RSA signature algorithm, or 0 for any other.
+static int SignaturePadding(unsigned int algorithm) {
+  switch (algorithm) {
+    case ALGORITHM_RSA_PKCS1_SIGN:
+      return RSA_PKCS1_PADDING;
+    case ALGORITHM_RSA_RAW_SIGN:
+      return RSA_NO_PADDING;
+    default:
+      return 0;
+  }
+}
+
+namespace {
+// The caller's buffers of a signature.
+struct SignRequest {
+  const unsigned char* data;
+  int dataLen;
+  unsigned char* signature;
+  int size;
+  int* length;
+
+  bool HasData() const { return data != nullptr && dataLen >= 0; }
+};
+}  // namespace
+
+static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const SignRequest& request) {
+  const RsaKey rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
+  const int padding = SignaturePadding(algorithm);
+  if (!rsa || padding == 0) return VAKRO_FAILED;
+  const int modulusSize = RSA_size(rsa.get());
+  *request.length = modulusSize;
+  if (request.signature == nullptr) return VAKRO_OK;
+  if (modulusSize > request.size) return VAKRO_BUFFER_TOO_SMALL;
+  if (!request.HasData()) return VAKRO_FAILED;
+  const int written =
+      RSA_private_encrypt(request.dataLen, request.data, request.signature, rsa.get(), padding);
+  return written == -1 ? VAKRO_FAILED : VAKRO_OK;
+}
+
+static int SignECDSA(const EVP_PKEY* key, const SignRequest& request) {
+  const EcKey ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
+  if (!ec) return VAKRO_FAILED;
+  const int largest = ECDSA_size(ec.get());
+  if (request.signature == nullptr) {
+    *request.length = largest;
+    return VAKRO_OK;
+  }
+  unsigned char signature[MAX_ECDSA_SIGNATURE_SIZE];
+  unsigned int length = 0;
+  if (largest > MAX_ECDSA_SIGNATURE_SIZE || !request.HasData() ||
+      ECDSA_sign(0, request.data, request.dataLen, signature, &length, ec.get()) != 1)
+    return VAKRO_FAILED;
+  return AnswerBytes(signature, static_cast<int>(length), request.signature, request.size,
+                     request.length);
+}
+
+static int SignSM2(EVP_PKEY* key, const SignRequest& request) {
+  if (g_sm2 == nullptr || request.dataLen != SM2_FIELD_SIZE) return VAKRO_FAILED;
+  if (request.signature == nullptr) {
+    *request.length = SM2_SIGNATURE_SIZE;
+    return VAKRO_OK;
+  }
+  if (!request.HasData()) return VAKRO_FAILED;
+  unsigned char* signature = nullptr;
+  int length = 0;
+  const int result = SM2Sign(key, request.data, request.dataLen, &signature, &length);
+  if (result != VAKRO_OK) return result;
+  const LibBytes owned(signature);
+  return AnswerBytes(signature, length, request.signature, request.size, request.length);
+}
+
+int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameters*/,
+               const unsigned char* data, int dataLen, unsigned char* signature, int size,
+               int* length) {
+  if (keypair == nullptr) return VAKRO_NULL_HANDLE;
+  EvpKey key;
+  int curve = 0;
+  const int fetched = FetchPrivateKey(keypair, key, curve);
+  if (fetched != VAKRO_OK) return fetched;
+  if (length == nullptr) return VAKRO_FAILED;
+  const SignRequest request = {data, dataLen, signature, size, length};
+  switch (EVP_PKEY_get_base_id(key.get())) {
+    case EVP_PKEY_RSA:
+      return SignRSA(key.get(), algorithm, request);
+    case EVP_PKEY_EC:
+      if (algorithm == ALGORITHM_ECDSA_SIGN) return SignECDSA(key.get(), request);
+      if (algorithm == ALGORITHM_SM2_SIGN && curve == CURVE_SM2) return SignSM2(key.get(), request);
+      return VAKRO_FAILED;
+    default:
+      return VAKRO_FAILED;
+  }
+}
+
+static int VerifyRSA(EVP_PKEY* key, unsigned int algorithm, const unsigned char* data, int dataLen,
+                     const unsigned char* signature, int signatureLen) {
+  const RsaKey rsa(EVP_PKEY_get1_RSA(key));
+  const int padding = SignaturePadding(algorithm);
+  if (!rsa || padding == 0 || signatureLen < 1 || signatureLen != RSA_size(rsa.get()))
+    return VAKRO_FAILED;
+  const UtilBytes block(static_cast<unsigned char*>(
+      vakro_malloc(static_cast<size_t>(signatureLen), "keypair", __LINE__)));
+  if (!block) return VAKRO_FAILED;
+  const int blockLen = RSA_public_decrypt(signatureLen, signature, block.get(), rsa.get(), padding);
+  if (blockLen < 0 || blockLen != dataLen) return VAKRO_FAILED;
+  return CRYPTO_memcmp(block.get(), data, static_cast<size_t>(dataLen)) == 0 ? VAKRO_OK
+                                                                             : VAKRO_FAILED;
+}
+
+static int VerifyECDSA(EVP_PKEY* key, const unsigned char* data, int dataLen,
+                       const unsigned char* signature, int signatureLen) {
+  const EcKey ec(EVP_PKEY_get1_EC_KEY(key));
+  if (!ec) return VAKRO_FAILED;
+  return ECDSA_verify(0, data, dataLen, signature, signatureLen, ec.get()) == 1 ? VAKRO_OK
+                                                                                : VAKRO_FAILED;
+}
+
+int DeviceVerify(PublicKey* key, unsigned int algorithm, const void* /*parameters*/,
+                 const unsigned char* data, int dataLen, const unsigned char* signature,
+                 int signatureLen) {
+  if (key == nullptr || data == nullptr || dataLen < 0 || signature == nullptr || signatureLen < 0)
+    return VAKRO_FAILED;
+  switch (EVP_PKEY_get_base_id(key->key)) {
+    case EVP_PKEY_RSA:
+      return VerifyRSA(key->key, algorithm, data, dataLen, signature, signatureLen);
+    case EVP_PKEY_EC:
+      if (algorithm == ALGORITHM_ECDSA_SIGN)
+        return VerifyECDSA(key->key, data, dataLen, signature, signatureLen);
+      if (algorithm == ALGORITHM_SM2_SIGN && g_sm2 != nullptr && key->curve == CURVE_SM2 &&
+          dataLen == SM2_FIELD_SIZE)
+        return SM2Verify(key->key, data, dataLen, signature, signatureLen);
+      return VAKRO_FAILED;
+    default:
+      return VAKRO_FAILED;
+  }
+}

@@ -1,0 +1,19 @@
+// What generation and import share. Inside keypair/ only.
+#ifndef VAKRO_KEYPAIR_STORED_H
+#define VAKRO_KEYPAIR_STORED_H
+
+#include "device/owners.h"
+#include "keypair/keypair.h"
+
+// CheckRoom: 1; -6 when the device holds a keypair of this type and label; 0 when it is full.
+int CheckRoom(const Device* device, unsigned int type, const char* label);
+
+// CheckOwner: 1; -8 when the device has no PIN to encrypt under; 0 for a label that is too long.
+int CheckOwner(const Device* device, const char* label);
+
+// StoreKeypair encrypts a new keypair, writes it to the device file and puts it on the device, with
+// the caller's handle in *out. Returns 1; 0 with device and file unchanged. Caller locks and has
+// made both checks.
+int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypair** out);
+
+#endif
