@@ -113,6 +113,7 @@ DeviceSet* NewDeviceSet(void);
 void FreeDeviceSet(DeviceSet* set);  // frees its devices too, whatever their references
 Device* NewDevice(void);             // zero-filled, but refCount 1 and maxKeypairs
 void FreeDevice(Device* device);     // with its keypairs, whatever its references
+void FreePin(Device* device);        // wipes the copy of the PIN; the device is unverified then
 Keypair* NewKeypair(void);           // zero-filled
 void FreeKeypair(Keypair* keypair);
 Cert* NewCert(const unsigned char* bytes, int length);  // copies the bytes
@@ -136,6 +137,13 @@ void int2be(unsigned int value, unsigned char* bytes);
 // --- Lifecycle (lifecycle.cpp) -------------------------------------------------------------------
 
 char* GetCertificatKeyFilePath(void);  // a copy of the key folder's path; vakro_free
+
+// --- References (references.cpp)
+// ------------------------------------------------------------------
+
+// ReleaseReferences gives back `count` references and frees the device with the last one from
+// outside. Caller locks.
+void ReleaseReferences(Device* device, unsigned int count);
 
 // --- Key folder (names.cpp, scan.cpp) ------------------------------------------------------------
 

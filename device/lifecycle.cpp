@@ -1,1 +1,39 @@
-#include "device/device.h"
+// Start and stop of the module.
+#include "device/owners.h"
+#include "sm2/sm2.h"
+
+#include <string.h>
+
+static constexpr char KEY_FOLDER[] = "/etc/.VAKRO/SoftwareCert/";
+
+char* GetCertificatKeyFilePath(void) {
+  char* path = static_cast<char*>(vakro_malloc(sizeof(KEY_FOLDER), "device", __LINE__));
+  if (path != nullptr) memcpy(path, KEY_FOLDER, sizeof(KEY_FOLDER));
+  return path;
+}
+
+int DeviceInit(void) {
+  Lock lock(vakro_lock_new());
+  if (!lock) return VAKRO_FAILED;
+  SoftDevice softDevice(VakroPKICryptoGetPseudoDevice());
+  if (!softDevice) return VAKRO_FAILED;
+  UtilText keyFolder(GetCertificatKeyFilePath());
+  if (!keyFolder) return VAKRO_FAILED;
+  g_lock = lock.release();
+  g_hSoftDevice = softDevice.release();
+  g_keyFolder = keyFolder.release();
+  g_sm2 = NewSM2Info();  // NULL is no failure: the module then goes without SM2
+  return VAKRO_OK;
+}
+
+int DeviceEnd(void) {
+  vakro_lock_free(g_lock);
+  g_lock = nullptr;
+  VakroPKICryptoFreeDevice(g_hSoftDevice);
+  g_hSoftDevice = nullptr;
+  vakro_free(g_keyFolder);
+  g_keyFolder = nullptr;
+  FreeSM2Info(g_sm2);
+  g_sm2 = nullptr;
+  return VAKRO_OK;
+}

@@ -30,11 +30,16 @@ Device* NewDevice(void) {
 void FreeDevice(Device* device) {
   if (device == nullptr) return;
   for (int i = 0; i < device->keypairCount; i++) FreeKeypair(device->keypairs[i]);
-  if (device->pin != nullptr) OPENSSL_cleanse(device->pin, strlen(device->pin));
-  vakro_free(device->pin);
+  FreePin(device);
   vakro_free(device->filePath);
   vakro_free(device->backupPath);
   vakro_free(device);
+}
+
+void FreePin(Device* device) {
+  if (device->pin != nullptr) OPENSSL_cleanse(device->pin, strlen(device->pin));
+  vakro_free(device->pin);
+  device->pin = nullptr;
 }
 
 Keypair* NewKeypair(void) { return NEW_ZEROED(Keypair); }

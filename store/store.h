@@ -30,6 +30,10 @@ int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length);
 // leave it cut short.
 int CopyFileData(const char* source, const char* destination);
 
+// SyncFolder puts the names in the folder of the file at `path` on stable storage, where the file
+// system can.
+void SyncFolder(const char* path);
+
 // --- Hash, MAC, cipher on g_hSoftDevice (crypto.cpp) ---------------------------------------------
 
 // CalculateHash hands out the digest in crypto-library memory.

@@ -1,0 +1,136 @@
+// The PIN: a PIN is right when it decrypts every private key of the device; nothing of it is
+// stored. A verified device keeps its keys and a copy of the PIN until it is freed.
+#include "device/owners.h"
+#include "keypair/keypair.h"
+#include "store/store.h"
+
+#include <string.h>
+
+static char* CopyPin(const char* pin) {
+  const size_t size = strlen(pin) + 1;
+  char* copy = static_cast<char*>(vakro_malloc(size, "device", __LINE__));
+  if (copy != nullptr) memcpy(copy, pin, size);
+  return copy;
+}
+
+// Takes a time that depends on the length of the candidate alone.
+static bool SamePin(const char* pin, const char* candidate) {
+  const size_t pinLen = strlen(pin);
+  const size_t candidateLen = strlen(candidate);
+  size_t difference = pinLen ^ candidateLen;
+  for (size_t i = 0; i < candidateLen; i++) {
+    const size_t at = i < pinLen ? i : pinLen;
+    difference |= static_cast<unsigned char>(pin[at] ^ candidate[i]);
+  }
+  return difference == 0;
+}
+
+static void DropKeys(Device* device, int count) {
+  for (int i = 0; i < count; i++) {
+    Keypair* keypair = device->keypairs[i];
+    EVP_PKEY_free(keypair->privateKey);
+    keypair->privateKey = nullptr;
+    keypair->curve = -1;
+  }
+}
+
+int VerifyPin(Device* device, const char* pin) {
+  if (device->pin != nullptr) return SamePin(device->pin, pin) ? VAKRO_OK : VAKRO_WRONG_PIN;
+  for (int i = 0; i < device->keypairCount; i++) {
+    Keypair* keypair = device->keypairs[i];
+    int curve = 0;
+    EVP_PKEY* key = DecryptKeyPair(keypair->algorithm, keypair, pin, &curve);
+    if (key == nullptr) {
+      DropKeys(device, i);
+      return VAKRO_WRONG_PIN;
+    }
+    EVP_PKEY_free(keypair->privateKey);
+    keypair->privateKey = key;
+    if (keypair->algorithm == ALGORITHM_ECC) keypair->curve = curve;
+  }
+  device->pin = CopyPin(pin);
+  return device->pin != nullptr ? VAKRO_OK : VAKRO_FAILED;
+}
+
+namespace {
+// The freshly encrypted blobs of a PIN change; they borrow the device's private keys.
+struct Scratch {
+  Keypair* keypairs[MAX_KEYPAIRS] = {};
+  Scratch() = default;
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() { FreeTempKeypair(keypairs); }
+};
+}  // namespace
+
+static bool EncryptAgain(Device* device, Scratch& scratch) {
+  for (int i = 0; i < device->keypairCount; i++) {
+    const Keypair* keypair = device->keypairs[i];
+    Keypair* fresh = NewKeypair();
+    if (fresh == nullptr) return false;
+    scratch.keypairs[i] = fresh;
+    fresh->privateKey = keypair->privateKey;
+    const bool ecc = keypair->algorithm == ALGORITHM_ECC;
+    if (ecc) fresh->curve = keypair->curve;
+    if ((ecc ? EncryptECCKeypair(device, fresh) : EncryptRSAKeypair(device, fresh)) != 1)
+      return false;
+  }
+  return true;
+}
+
+static void TakeBytes(unsigned char*& to, int& toLen, unsigned char*& from, int& fromLen) {
+  vakro_free(to);
+  to = from;
+  toLen = fromLen;
+  from = nullptr;
+  fromLen = 0;
+}
+
+static void TakeOver(Keypair* keypair, Keypair* fresh) {
+  TakeBytes(keypair->salt, keypair->saltLen, fresh->salt, fresh->saltLen);
+  TakeBytes(keypair->iv, keypair->ivLen, fresh->iv, fresh->ivLen);
+  TakeBytes(keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen,
+            fresh->encryptedPrivateKey, fresh->encryptedPrivateKeyLen);
+}
+
+int ChangePin(Device* device, const char* newPin) {
+  Scratch scratch;
+  // The encryption takes its password from the device.
+  char* const oldPin = device->pin;
+  device->pin = const_cast<char*>(newPin);
+  const bool encrypted = EncryptAgain(device, scratch);
+  device->pin = oldPin;
+  if (!encrypted) return VAKRO_FAILED;
+  FreePin(device);
+  device->pin = CopyPin(newPin);
+  if (device->pin == nullptr) return VAKRO_FAILED;
+  for (int i = 0; i < device->keypairCount; i++) TakeOver(device->keypairs[i], scratch.keypairs[i]);
+  return VAKRO_OK;
+}
+
+int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries) {
+  if (device == nullptr) return VAKRO_FAILED;
+  if (retries != nullptr) *retries = -1;
+  if (type != PIN_TYPE_USER) return VAKRO_NOT_SUPPORTED;
+  if (pin == nullptr) return VAKRO_FAILED;
+  const ModuleLock lock;
+  if (!lock.held) return VAKRO_FAILED;
+  return VerifyPin(device, pin);
+}
+
+int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* newPin,
+                    int* retries) {
+  if (device == nullptr) return VAKRO_FAILED;
+  if (type != PIN_TYPE_USER) return VAKRO_NOT_SUPPORTED;
+  if (retries != nullptr) *retries = -1;
+  if (oldPin == nullptr || newPin == nullptr) return VAKRO_FAILED;
+  const ModuleLock lock;
+  if (!lock.held) return VAKRO_FAILED;
+  const int verified = VerifyPin(device, oldPin);
+  if (verified != VAKRO_OK) return verified;
+  const int changed = ChangePin(device, newPin);
+  if (changed != VAKRO_OK) return changed;
+  // From here on the record holds the new PIN, whether the file can be written or not; until it is
+  // written the old PIN is the one that the next scan will need.
+  return UpdateDeviceDataToFile(device) == 1 ? VAKRO_OK : VAKRO_FAILED;
+}

@@ -1,0 +1,32 @@
+// Device handles: taken, given back, and the release that frees a device.
+#include "device/owners.h"
+
+void ReleaseReferences(Device* device, unsigned int count) {
+  device->refCount -= count;
+  if (device->refCount == static_cast<unsigned int>(device->keypairCount)) FreeDevice(device);
+}
+
+Device* DeviceGetDevice(DeviceSet* set, unsigned int index) {
+  if (set == nullptr || set->count < 0 || index >= static_cast<unsigned int>(set->count))
+    return nullptr;
+  const ModuleLock lock;
+  if (!lock.held) return nullptr;
+  Device* device = set->devices[index];
+  device->refCount++;
+  return device;
+}
+
+int DeviceFreeDevice(Device* device) {
+  if (device == nullptr) return VAKRO_OK;
+  const ModuleLock lock;
+  if (!lock.held) return VAKRO_FAILED;
+  ReleaseReferences(device, 1);
+  return VAKRO_OK;
+}
+
+int DeviceFreeDevices(DeviceSet* set) {
+  if (set == nullptr) return VAKRO_OK;
+  for (int i = 0; i < set->count; i++) DeviceFreeDevice(set->devices[i]);
+  vakro_free(set);
+  return VAKRO_OK;
+}
