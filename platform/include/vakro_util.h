@@ -16,6 +16,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 // --- Allocator ------------------------------------------------------------------------------
 
@@ -123,6 +124,7 @@ int vakro_base64encode(int mode, const unsigned char* bytes, int length, char** 
 int vakro_base64decode(int mode, const char* text, int length, unsigned char** bytes,
                        int* byteLength);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
