@@ -18,6 +18,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct VakroPKICryptoDevice VakroPKICryptoDevice;
 typedef struct VakroPKICryptoHash VakroPKICryptoHash;
@@ -132,6 +133,7 @@ int VakroPKICryptoEncodeECCSignature(const unsigned char* r, int rLen, const uns
 int VakroPKICryptoDecodeECCSignature(const unsigned char* sig, int sigLen, unsigned char** r,
                                      int* rLen, unsigned char** s, int* sLen);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
