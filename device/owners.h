@@ -10,7 +10,9 @@
 #include <openssl/ec.h>
 #include <openssl/rsa.h>
 
+#include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 #include <memory>
 
 template <auto Free>
@@ -29,6 +31,9 @@ inline void FreeOpensslMemory(void* memory) { OPENSSL_free(memory); }
 using OpensslBytes = std::unique_ptr<unsigned char[], Release<FreeOpensslMemory>>;
 using Lock = std::unique_ptr<VakroLock, Release<vakro_lock_free>>;
 using Json = std::unique_ptr<VakroJson, Release<vakro_json_free>>;
+
+inline void CloseFile(FILE* file) { fclose(file); }
+using File = std::unique_ptr<FILE, Release<CloseFile>>;
 
 using SoftDevice = std::unique_ptr<VakroPKICryptoDevice, Release<VakroPKICryptoFreeDevice>>;
 using HashObject = std::unique_ptr<VakroPKICryptoHash, Release<VakroPKICryptoFreeHash>>;
@@ -57,6 +62,17 @@ struct Wiped {
   Wiped(const Wiped&) = delete;
   Wiped& operator=(const Wiped&) = delete;
   ~Wiped() { OPENSSL_cleanse(bytes, N); }
+};
+
+// A file descriptor for a scope; below 0 there is none.
+struct Descriptor {
+  const int fd;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
 };
 
 // Heap memory of the crypto or the utility library that holds a secret; wiped, then released.
