@@ -32,8 +32,7 @@ struct DataList {
 
   // Takes over `data`. A list that was read has room for more; one that was not is made here.
   bool Append(OwnedData data) {
-    if (datas == nullptr)
-      datas = static_cast<Data**>(vakro_malloc(sizeof(Data*), "device", __LINE__));
+    if (datas == nullptr) datas = Allocate<Data*>(1, "device");
     if (datas == nullptr) return false;
     datas[count] = data.release();
     count++;

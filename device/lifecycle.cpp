@@ -7,7 +7,7 @@
 static constexpr char KEY_FOLDER[] = "/etc/.VAKRO/SoftwareCert/";
 
 char* GetCertificatKeyFilePath(void) {
-  char* path = static_cast<char*>(vakro_malloc(sizeof(KEY_FOLDER), "device", __LINE__));
+  char* path = Allocate<char>(sizeof(KEY_FOLDER), "device");
   if (path != nullptr) memcpy(path, KEY_FOLDER, sizeof(KEY_FOLDER));
   return path;
 }

@@ -9,17 +9,11 @@ static constexpr unsigned int LIST_STEP = 1024;  // more than the longest name a
 
 using Folder = std::unique_ptr<DIR, Release<closedir>>;
 
-static char* NewText(size_t size, int line) {
-  char* text = static_cast<char*>(vakro_malloc(size, "device", line));
-  if (text != nullptr) memset(text, 0, size);
-  return text;
-}
-
 char* GetFilePath(const char* folder, const char* name) {
   size_t folderLen = strlen(folder);
   if (folderLen > 0 && folder[folderLen - 1] == '/') folderLen--;
   const size_t nameLen = strlen(name);
-  char* path = NewText(folderLen + 1 + nameLen + 1, __LINE__);
+  char* path = Allocate<char>(folderLen + 1 + nameLen + 1, "device");
   if (path == nullptr) return nullptr;
   memcpy(path, folder, folderLen);
   path[folderLen] = '/';
@@ -39,7 +33,7 @@ int addFileName2List(char** list, unsigned int* used, unsigned int* capacity, co
   const size_t need = strlen(name) + 1;
   if (need > LIST_STEP) return 0;
   if (need > *capacity - *used) {
-    char* larger = NewText(*capacity + LIST_STEP, __LINE__);
+    char* larger = Allocate<char>(*capacity + LIST_STEP, "device");
     if (larger == nullptr) return 0;
     memcpy(larger, *list, *used);
     vakro_free(*list);
@@ -54,7 +48,7 @@ int addFileName2List(char** list, unsigned int* used, unsigned int* capacity, co
 namespace {
 // One packed list while it grows.
 struct NameList {
-  char* names = NewText(LIST_STEP, __LINE__);
+  char* names = Allocate<char>(LIST_STEP, "device");
   unsigned int used = 0;
   unsigned int capacity = LIST_STEP;
   NameList() = default;

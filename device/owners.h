@@ -10,6 +10,7 @@
 #include <openssl/ec.h>
 #include <openssl/rsa.h>
 
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -53,6 +54,16 @@ using OwnedDevice = std::unique_ptr<Device, Release<FreeDevice>>;
 using OwnedKeypair = std::unique_ptr<Keypair, Release<FreeKeypair>>;
 using OwnedCert = std::unique_ptr<Cert, Release<FreeCert>>;
 using OwnedData = std::unique_ptr<Data, Release<FreeData>>;
+
+// Allocate returns `count` zeroed elements of plain memory from vakro_malloc, or NULL; `tag` names
+// the allocating folder. A count of 0 gives memory too.
+template <class T>
+T* Allocate(size_t count, const char* tag, int line = __builtin_LINE()) {
+  if (count > SIZE_MAX / sizeof(T)) return nullptr;
+  void* const memory = vakro_malloc(count * sizeof(T), tag, line);
+  if (memory != nullptr) memset(memory, 0, count * sizeof(T));
+  return static_cast<T*>(memory);
+}
 
 // Stack memory for secrets, zero at first and wiped at the end.
 template <size_t N>

@@ -8,7 +8,7 @@
 
 static char* CopyPin(const char* pin) {
   const size_t size = strlen(pin) + 1;
-  char* copy = static_cast<char*>(vakro_malloc(size, "device", __LINE__));
+  char* copy = Allocate<char>(size, "device");
   if (copy != nullptr) memcpy(copy, pin, size);
   return copy;
 }

@@ -3,15 +3,9 @@
 
 #include <string.h>
 
-#define NEW_ZEROED(type) static_cast<type*>(NewZeroed(sizeof(type), __LINE__))
+static constexpr char TAG[] = "device";
 
-static void* NewZeroed(size_t size, int line) {
-  void* memory = vakro_malloc(size, "device", line);
-  if (memory != nullptr) memset(memory, 0, size);
-  return memory;
-}
-
-DeviceSet* NewDeviceSet(void) { return NEW_ZEROED(DeviceSet); }
+DeviceSet* NewDeviceSet(void) { return Allocate<DeviceSet>(1, TAG); }
 
 void FreeDeviceSet(DeviceSet* set) {
   if (set == nullptr) return;
@@ -20,7 +14,7 @@ void FreeDeviceSet(DeviceSet* set) {
 }
 
 Device* NewDevice(void) {
-  Device* device = NEW_ZEROED(Device);
+  Device* device = Allocate<Device>(1, TAG);
   if (device == nullptr) return nullptr;
   device->refCount = 1;
   device->maxKeypairs = MAX_KEYPAIRS;
@@ -42,7 +36,7 @@ void FreePin(Device* device) {
   device->pin = nullptr;
 }
 
-Keypair* NewKeypair(void) { return NEW_ZEROED(Keypair); }
+Keypair* NewKeypair(void) { return Allocate<Keypair>(1, TAG); }
 
 void FreeKeypair(Keypair* keypair) {
   if (keypair == nullptr) return;
@@ -57,10 +51,10 @@ void FreeKeypair(Keypair* keypair) {
 
 Cert* NewCert(const unsigned char* bytes, int length) {
   if (length < 0 || (bytes == nullptr && length > 0)) return nullptr;
-  OwnedCert cert(NEW_ZEROED(Cert));
+  OwnedCert cert(Allocate<Cert>(1, TAG));
   if (!cert) return nullptr;
   const auto size = static_cast<size_t>(length);
-  cert->data = static_cast<unsigned char*>(vakro_malloc(size, "device", __LINE__));
+  cert->data = Allocate<unsigned char>(size, TAG);
   if (cert->data == nullptr) return nullptr;
   if (size > 0) memcpy(cert->data, bytes, size);
   cert->length = length;
@@ -75,9 +69,9 @@ void FreeCert(Cert* cert) {
 
 Data* newData(int id, int length) {
   if (length < 0) return nullptr;
-  OwnedData data(NEW_ZEROED(Data));
+  OwnedData data(Allocate<Data>(1, TAG));
   if (!data) return nullptr;
-  data->value = static_cast<unsigned char*>(NewZeroed(static_cast<size_t>(length), __LINE__));
+  data->value = Allocate<unsigned char>(static_cast<size_t>(length), TAG);
   if (data->value == nullptr) return nullptr;
   data->id = id;
   data->length = length;

@@ -14,7 +14,7 @@
 
 static char* CopyText(const char* text, size_t length, const char* suffix) {
   const size_t suffixLen = strlen(suffix);
-  char* copy = static_cast<char*>(vakro_malloc(length + suffixLen + 1, "device", __LINE__));
+  char* copy = Allocate<char>(length + suffixLen + 1, "device");
   if (copy == nullptr) return nullptr;
   memcpy(copy, text, length);
   memcpy(copy + length, suffix, suffixLen + 1);

@@ -168,8 +168,8 @@ int DeviceReadDataEx(Device* device, int id, int offset, unsigned char* buffer, 
                      unsigned int* length);
 
 // DeviceWriteDataEx overwrites `length` bytes from `offset` on. Returns 1; -1 also for a length
-// below 1 or NULL data; -21 the range leaves the object; 0 failure, the file as it was.
-int DeviceWriteDataEx(Device* device, int id, int offset, const unsigned char* data, int length);
+// below 1 or NULL bytes; -21 the range leaves the object; 0 failure, the file as it was.
+int DeviceWriteDataEx(Device* device, int id, int offset, const unsigned char* bytes, int length);
 
 // DeviceDeleteData removes the object; the others keep their order. Returns 1, or 0 on failure.
 int DeviceDeleteData(Device* device, int id);
@@ -204,7 +204,7 @@ int DeviceGetCertificate(Keypair* keypair, int index, unsigned char* buffer, int
 // DeviceAddCertificate appends a certificate, unparsed, at most 10 to a keypair; the device file
 // is written first. Returns 1; -8 PIN not verified; 0 refused or failed, nothing changed. The
 // device file keeps one copy of equal certificates.
-int DeviceAddCertificate(Keypair* keypair, const unsigned char* cert, int certLen);
+int DeviceAddCertificate(Keypair* keypair, const unsigned char* bytes, int length);
 
 // DeviceDeleteCertificate removes certificate `index`. Returns 1, -8 or 0 as above.
 int DeviceDeleteCertificate(Keypair* keypair, int index);

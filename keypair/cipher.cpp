@@ -50,8 +50,7 @@ static int DecryptRSA(EVP_PKEY* key, unsigned int algorithm, const CipherRequest
   const int padding = EncryptionPadding(algorithm);
   if (padding == 0 || request.input == nullptr) return VAKRO_FAILED;
   const auto blockSize = static_cast<size_t>(modulusSize);
-  const SecretUtilBytes block(
-      static_cast<unsigned char*>(vakro_malloc(blockSize, "keypair", __LINE__)), blockSize);
+  const SecretUtilBytes block(Allocate<unsigned char>(blockSize, "keypair"), blockSize);
   if (block.bytes == nullptr) return VAKRO_FAILED;
   const int plaintextLen =
       RSA_private_decrypt(modulusSize, request.input, block.bytes, rsa.get(), padding);

@@ -54,8 +54,8 @@ bool CipherInputs::Derive(const char* pin, unsigned int fileTag, const Keypair* 
   return true;
 }
 
-static unsigned char* NewBytes(size_t size, int line) {
-  return static_cast<unsigned char*>(vakro_malloc(size, "keypair", line));
+static unsigned char* NewBytes(size_t size, int line = __builtin_LINE()) {
+  return Allocate<unsigned char>(size, "keypair", line);
 }
 
 int EncryptKeypairData(Device* device, Keypair* keypair, const unsigned char* plaintext,
@@ -63,14 +63,14 @@ int EncryptKeypairData(Device* device, Keypair* keypair, const unsigned char* pl
   if (plaintextLen < 0) return 0;
   CipherInputs inputs;
   if (!inputs.Derive(device->pin, device->fileTag, keypair)) return 0;
-  const UtilBytes output(NewBytes(static_cast<size_t>(plaintextLen) + CIPHER_SLACK, __LINE__));
+  const UtilBytes output(NewBytes(static_cast<size_t>(plaintextLen) + CIPHER_SLACK));
   if (!output) return 0;
   unsigned int outputLen = 0;
   if (CalculateCipher(1, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE, plaintext,
                       static_cast<unsigned int>(plaintextLen), output.get(), &outputLen,
                       &inputs.params) != 1)
     return 0;
-  keypair->encryptedPrivateKey = NewBytes(outputLen, __LINE__);
+  keypair->encryptedPrivateKey = NewBytes(outputLen);
   if (keypair->encryptedPrivateKey == nullptr) return 0;
   memcpy(keypair->encryptedPrivateKey, output.get(), outputLen);
   keypair->encryptedPrivateKeyLen = static_cast<int>(outputLen);
@@ -78,7 +78,7 @@ int EncryptKeypairData(Device* device, Keypair* keypair, const unsigned char* pl
 }
 
 static UtilBytes RandomBytes(int size) {
-  UtilBytes bytes(NewBytes(static_cast<size_t>(size), __LINE__));
+  UtilBytes bytes(NewBytes(static_cast<size_t>(size)));
   if (bytes && RAND_bytes(bytes.get(), size) != 1) bytes.reset();
   return bytes;
 }
@@ -125,8 +125,7 @@ int EncryptECCKeypair(Device* device, Keypair* keypair) {
 int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {
   const int size = i2d_RSAPrivateKey(rsa, nullptr);
   if (size <= 0) return 0;
-  const SecretUtilBytes der(NewBytes(static_cast<size_t>(size), __LINE__),
-                            static_cast<size_t>(size));
+  const SecretUtilBytes der(NewBytes(static_cast<size_t>(size)), static_cast<size_t>(size));
   if (der.bytes == nullptr) return 0;
   unsigned char* at = der.bytes;
   if (i2d_RSAPrivateKey(rsa, &at) != size) return 0;
@@ -140,7 +139,7 @@ EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const c
   CipherInputs inputs;
   if (!inputs.Derive(pin, keypair->device->fileTag, keypair)) return nullptr;
   const size_t size = static_cast<size_t>(keypair->encryptedPrivateKeyLen) + CIPHER_SLACK;
-  const SecretUtilBytes output(NewBytes(size, __LINE__), size);
+  const SecretUtilBytes output(NewBytes(size), size);
   if (output.bytes == nullptr) return nullptr;
   unsigned int outputLen = 0;
   if (CalculateCipher(0, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE,

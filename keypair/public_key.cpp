@@ -14,11 +14,7 @@ EVP_PKEY* WrapRSA(RSA* rsa) {
   return key.release();
 }
 
-PublicKey* NewPublicKey(void) {
-  auto* key = static_cast<PublicKey*>(vakro_malloc(sizeof(PublicKey), "keypair", __LINE__));
-  if (key != nullptr) *key = {};
-  return key;
-}
+PublicKey* NewPublicKey(void) { return Allocate<PublicKey>(1, "keypair"); }
 
 int DeviceFreePublicKey(PublicKey* key) {
   if (key == nullptr) return VAKRO_NULL_HANDLE;
@@ -31,7 +27,7 @@ int DeviceFreePublicKey(PublicKey* key) {
 static bool CopyEncoding(PublicKey* key, const unsigned char* encoding, int length) {
   if (encoding == nullptr || length < 0) return false;
   const auto size = static_cast<size_t>(length);
-  key->publicKey = static_cast<unsigned char*>(vakro_malloc(size, "keypair", __LINE__));
+  key->publicKey = Allocate<unsigned char>(size, "keypair");
   if (key->publicKey == nullptr) return false;
   memcpy(key->publicKey, encoding, size);
   key->publicKeyLen = length;
@@ -108,8 +104,8 @@ EVP_PKEY* GetRSAPublicKey(const unsigned char* encoding, int length, int* bits) 
   if (!rsa || !n || !e) return nullptr;
   const int modulusBits = BN_num_bits(n.get());
   if (RSA_set0_key(rsa.get(), n.get(), e.get(), nullptr) != 1) return nullptr;
-  n.release();
-  e.release();
+  (void)n.release();  // now the key's
+  (void)e.release();
   EVP_PKEY* key = WrapRSA(rsa.get());
   if (key != nullptr) *bits = modulusBits;
   return key;

@@ -107,8 +107,7 @@ static int VerifyRSA(EVP_PKEY* key, unsigned int algorithm, const unsigned char*
   const int padding = SignaturePadding(algorithm);
   if (!rsa || padding == 0 || signatureLen < 1 || signatureLen != RSA_size(rsa.get()))
     return VAKRO_FAILED;
-  const UtilBytes block(static_cast<unsigned char*>(
-      vakro_malloc(static_cast<size_t>(signatureLen), "keypair", __LINE__)));
+  const UtilBytes block(Allocate<unsigned char>(static_cast<size_t>(signatureLen), "keypair"));
   if (!block) return VAKRO_FAILED;
   const int blockLen = RSA_public_decrypt(signatureLen, signature, block.get(), rsa.get(), padding);
   if (blockLen < 0 || blockLen != dataLen) return VAKRO_FAILED;

@@ -82,7 +82,7 @@ SM2Info* NewSM2Info(void) {
   EcGroup group = NewGroup();
   BigNum order = FromBytes(SM2_CURVE.n);
   if (!group || !order || !SetGenerator(group.get(), order.get())) return nullptr;
-  auto* info = static_cast<SM2Info*>(vakro_malloc(sizeof(SM2Info), "keypair", __LINE__));
+  SM2Info* info = Allocate<SM2Info>(1, "keypair");
   if (info == nullptr) return nullptr;
   info->group = group.release();
   info->order = order.release();
@@ -103,19 +103,19 @@ static const Curve* FindCurve(int id) {
   return nullptr;
 }
 
-int GetECCBits(int id) {
-  const Curve* curve = FindCurve(id);
-  return curve != nullptr ? curve->bits : -1;
+int GetECCBits(int curve) {
+  const Curve* found = FindCurve(curve);
+  return found != nullptr ? found->bits : -1;
 }
 
-int checkCurveBits(int id, int bits) {
-  const Curve* curve = FindCurve(id);
-  return curve != nullptr && curve->bits == bits ? 1 : 0;
+int checkCurveBits(int curve, int bits) {
+  const Curve* found = FindCurve(curve);
+  return found != nullptr && found->bits == bits ? 1 : 0;
 }
 
-int GetECCCurveNid(int id) {
-  const Curve* curve = FindCurve(id);
-  return curve != nullptr ? curve->nid : -1;
+int GetECCCurveNid(int curve) {
+  const Curve* found = FindCurve(curve);
+  return found != nullptr ? found->nid : -1;
 }
 
 int IsAllZero(const unsigned char* buf, int len) {

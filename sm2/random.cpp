@@ -4,7 +4,7 @@
 #include "sm2/sm2.h"
 
 BigNum RandomScalar() {
-  BigNum k(BN_secure_new());
+  BigNum k(BN_new());
   if (!k) return nullptr;
   do {
     if (BN_rand_range(k.get(), g_sm2->order) != 1) return nullptr;

@@ -111,9 +111,7 @@ int OpenFolderOf(const char* path) {
   return open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-// SyncFolder puts the file's name on stable storage. A folder that can't be read, and a file system
-// that does not sync folders, are as good as it gets.
-static bool SyncFolder(const char* path) {
+bool SyncFolder(const char* path) {
   const Descriptor folder(OpenFolderOf(path));
   if (folder.fd < 0) return errno == EACCES;
   if (Sync(fsync, folder.fd)) return true;

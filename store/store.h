@@ -64,10 +64,6 @@ int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length);
 // destination is not touched; a later failure can leave it cut short.
 int CopyFileData(const char* source, const char* destination);
 
-// SyncFolder puts the names in the folder of the file at `path` on stable storage, where the file
-// system can.
-void SyncFolder(const char* path);
-
 // --- Hash, MAC, cipher on g_hSoftDevice (crypto.cpp) ---------------------------------------------
 // Lengths beyond INT_MAX are refused.
 
@@ -214,6 +210,10 @@ bool WriteWholeFile(const char* path, const unsigned char* data, unsigned int le
                     const struct stat* like);
 
 int OpenFolderOf(const char* path);  // a descriptor of the folder that holds the file, or -1
+
+// SyncFolder puts the file's name on stable storage. A folder that can't be read, and a file system
+// that does not sync folders, are as good as it gets.
+bool SyncFolder(const char* path);
 
 // json.cpp
 
