@@ -61,12 +61,12 @@ enum VakroJsonType {
 
 // vakro_json_decode parses one JSON text (RFC 8259) of `length` bytes; it need not end in a NUL.
 // Strings pass byte for byte, without a check of their UTF-8. Arrays and objects nest at most 64
-// deep. Anything behind the value but white space is refused. Returns a new tree, or NULL.
+// deep. Anything around the value but white space is refused. Returns a new tree, or NULL.
 VakroJson* vakro_json_decode(const char* text, unsigned int length);
 
-// vakro_json_encode writes compact JSON: no white space; whole numbers without a fraction; a
-// number that was decoded and not touched keeps its digits; in strings only ", \ and bytes below
-// 0x20 are escaped.
+// vakro_json_encode writes compact JSON: no white space; a number that was decoded keeps its digits,
+// one made here has no fraction if it is whole and otherwise the fewest digits that give it back; in
+// strings only ", \ and bytes below 0x20 are escaped.
 int vakro_json_encode(const VakroJson* value, unsigned int flags, char** text,
                       unsigned int* length);
 
@@ -80,8 +80,8 @@ int vakro_json_getarraysize(const VakroJson* array);
 // the caller never frees it and must not use it after the array was freed or appended to.
 VakroJson* vakro_json_getarrayitem(VakroJson* array, int index);
 
-// vakro_json_getstring returns the bytes of a string (borrowed, may hold NULs), NULL for any other
-// type; vakro_json_getstringlength their count.
+// vakro_json_getstring returns the bytes of a string (borrowed; NULs may stand among them, and one
+// stands behind), NULL for any other type; vakro_json_getstringlength their count.
 const char* vakro_json_getstring(const VakroJson* value);
 unsigned int vakro_json_getstringlength(const VakroJson* value);
 
@@ -95,8 +95,9 @@ VakroJson* vakro_json_newarray(void);
 VakroJson* vakro_json_newstring(const char* text, unsigned int length);
 VakroJson* vakro_json_newnumber(double number);
 
-// vakro_json_addarrayitem appends a copy of `item`; the caller still owns `item`. On 0 the array is
-// as it was.
+// vakro_json_addarrayitem appends a copy of `item`; the caller still owns `item`. The array may be
+// an item of another: its owner then holds the new item too. Refuses an item that would nest deeper
+// than a text that can be decoded. On 0 the array is as it was.
 int vakro_json_addarrayitem(VakroJson* array, const VakroJson* item);
 
 // vakro_json_dup returns a deep copy, or NULL. Copies are independent of their source.

@@ -1,0 +1,127 @@
+// The JSON parser: RapidJSON's reader, in situ. It runs over one copy of the text, unescapes the
+// strings where they stand, and the nodes point there. In this mode the reader allocates nothing
+// and recurses as deep as the values nest, which the builder bounds.
+#include "platform/util/json.h"
+
+#include <string.h>
+
+#ifdef __SSE2__
+#define RAPIDJSON_SSE2
+#endif
+#include <rapidjson/reader.h>
+
+static constexpr unsigned FLAGS = rapidjson::kParseInsituFlag;
+
+// The reader's vector code looks at up to 15 bytes behind the NUL that ends the text.
+static constexpr size_t PADDING = 16;
+
+// Takes the reader's events. Finished values wait on a stack until their array or object ends. A
+// result of false ends the parse.
+struct Builder {
+  Text* text;  // borrowed
+  VakroJson stack = MakeNode(VAKRO_JSON_ARRAY, 0);
+  unsigned level = 1;  // of the value that comes next
+
+  explicit Builder(Text* parsed) : text(parsed) {}
+  Builder(const Builder&) = delete;
+  Builder& operator=(const Builder&) = delete;
+  ~Builder() { ClearNode(&stack); }
+
+  bool Push(VakroJson node) {
+    node.level = level;
+    Cleared owner(&node);
+    if (!AppendNode(&stack, node)) return false;
+    owner.release();
+    return true;
+  }
+
+  bool Open() { return level++ <= MAX_LEVEL; }
+
+  // Moves the last `count` values from the stack to a new array or object.
+  bool Close(VakroJsonType type, unsigned count) {
+    VakroJson node = MakeNode(type, --level);
+    if (count > 0) {
+      node.items = NewArray<VakroJson>(count).release();
+      if (node.items == nullptr) return false;
+      stack.length -= count;
+      memcpy(node.items, stack.items + stack.length, count * sizeof(VakroJson));
+      node.length = node.capacity = count;
+    }
+    return Push(node);
+  }
+
+  bool Null() { return Push(MakeNode(VAKRO_JSON_NULL, level)); }
+  bool Bool(bool b) { return Push(MakeNode(b ? VAKRO_JSON_TRUE : VAKRO_JSON_FALSE, level)); }
+  bool Number(std::string_view digits) { return Push(MakeText(VAKRO_JSON_NUMBER, text, digits)); }
+  bool String(const char* bytes, unsigned length, bool) {
+    return Push(MakeText(VAKRO_JSON_STRING, text, {bytes, length}));
+  }
+  bool Key(const char* bytes, unsigned length, bool copy) { return String(bytes, length, copy); }
+  bool StartArray() { return Open(); }
+  bool EndArray(unsigned count) { return Close(VAKRO_JSON_ARRAY, count); }
+  bool StartObject() { return Open(); }
+  bool EndObject(unsigned count) { return Close(VAKRO_JSON_OBJECT, 2 * count); }
+};
+
+static bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Returns the end of the digits at `at`, or NULL when there are none.
+static char* SkipDigits(char* at) {
+  if (at == nullptr || !IsDigit(*at)) return nullptr;
+  while (IsDigit(*at)) at++;
+  return at;
+}
+
+// Returns the end of the number (RFC 8259, section 6) at `at`, or NULL when there is none.
+static char* SkipNumber(char* at) {
+  if (*at == '-') at++;
+  at = *at == '0' ? at + 1 : SkipDigits(at);
+  if (at != nullptr && *at == '.') at = SkipDigits(at + 1);
+  if (at == nullptr || (*at != 'e' && *at != 'E')) return at;
+  at++;
+  if (*at == '+' || *at == '-') at++;
+  return SkipDigits(at);
+}
+
+// The reader's own number parser converts on the way: it refuses what exceeds a double, and a
+// fraction of 2^28 zeros overflows its exponent. Digits are all that is wanted here.
+template <>
+template <>
+void rapidjson::Reader::ParseNumber<FLAGS, rapidjson::InsituStringStream, Builder>(
+    rapidjson::InsituStringStream& stream, Builder& builder) {
+  char* const start = stream.src_;
+  char* const end = SkipNumber(start);
+  if (end == nullptr || !builder.Number({start, static_cast<size_t>(end - start)})) {
+    SetParseError(rapidjson::kParseErrorValueInvalid, stream.Tell());
+    return;
+  }
+  stream.src_ = end;
+}
+
+// Copies the text and says whether it is free of the control characters that may stand nowhere in
+// JSON: the NUL would end the parse early, and some slip through the reader's vector code.
+static bool CopyText(const char* text, size_t length, char* copy) {
+  unsigned char found = 0;
+  for (size_t i = 0; i < length; i++) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool bad = (c < 0x20) & (c != '\t') & (c != '\n') & (c != '\r');
+    found = static_cast<unsigned char>(found | bad);
+    copy[i] = text[i];
+  }
+  return found == 0;
+}
+
+VakroJson* vakro_json_decode(const char* text, unsigned int length) {
+  if (text == nullptr) return nullptr;
+  const TextUse copy(NewText(size_t{length} + PADDING));
+  if (!copy || !CopyText(text, length, BytesOf(copy.get()))) return nullptr;
+  memset(BytesOf(copy.get()) + length, 0, PADDING);
+
+  Builder builder(copy.get());
+  rapidjson::InsituStringStream stream(BytesOf(copy.get()));
+  rapidjson::Reader reader;
+  if (reader.Parse<FLAGS>(stream, builder).IsError()) return nullptr;
+  VakroJson* const root = NewValue(builder.stack.items[0]);
+  if (root != nullptr) builder.stack.length = 0;  // moved
+  return root;
+}
