@@ -40,6 +40,10 @@ bool AddNumber(VakroJson* array, int number) {
   return AddItem(array, Json(vakro_json_newnumber(number)));
 }
 
+bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]) {
+  return AddString(array, {name, strnlen(name, NAME_SIZE)});
+}
+
 UtilText EncodeTree(const VakroJson* tree, unsigned int* length) {
   char* text = nullptr;
   if (vakro_json_encode(tree, VAKRO_JSON_COMPACT, &text, length) != 1) return nullptr;

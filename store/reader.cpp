@@ -12,10 +12,6 @@ static bool ReadName(const VakroJson* item, char (&name)[NAME_SIZE]) {
   return true;
 }
 
-static bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]) {
-  return AddString(array, {name, strnlen(name, NAME_SIZE)});
-}
-
 static bool ReadNumber(const VakroJson* item, unsigned int* field) {
   int number = 0;
   if (!JsonNumber(item, &number)) return false;

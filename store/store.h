@@ -228,6 +228,7 @@ bool JsonNumber(const VakroJson* value, int* number);
 bool AddItem(VakroJson* array, const Json& item);
 bool AddString(VakroJson* array, std::string_view text);
 bool AddNumber(VakroJson* array, int number);
+bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]);
 
 UtilText EncodeTree(const VakroJson* tree, unsigned int* length);  // NULL on failure
 
