@@ -19,7 +19,6 @@ static constexpr int NONCE_PREFIX_SIZE = 8;  // from the derivation; the keypair
 static constexpr int MATERIAL_SIZE = CIPHER_KEY_SIZE + NONCE_PREFIX_SIZE;
 static constexpr int MAX_NONCE_SIZE = 64;
 static constexpr int TAG_SIZE = 16;
-static constexpr int CIPHER_SLACK = 64;  // room for what the cipher adds
 static constexpr char AAD_TEXT[] = "password";
 static constexpr int AAD_TEXT_SIZE = sizeof(AAD_TEXT) - 1;
 
