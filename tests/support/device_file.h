@@ -1,0 +1,90 @@
+// Device files and key encodings made byte by byte, through OpenSSL alone: nothing here calls the
+// code under test. Bytes travel as std::string.
+#ifndef VAKRO_TESTS_DEVICE_FILE_H
+#define VAKRO_TESTS_DEVICE_FILE_H
+
+#include <openssl/evp.h>
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+inline constexpr char PIN[] = "a good PIN";
+inline constexpr unsigned int TAG = 0x01020304;
+
+inline const unsigned char* Raw(std::string_view bytes) {
+  return reinterpret_cast<const unsigned char*>(bytes.data());
+}
+inline int Len(std::string_view bytes) { return static_cast<int>(bytes.size()); }
+std::string Word(unsigned int value);  // big-endian
+std::string Hex(std::string_view bytes);
+std::string Unhex(std::string_view digits);
+std::string Base64(std::string_view bytes);
+std::string Digest(const char* name, std::string_view bytes);  // OpenSSL's name of the hash
+
+// --- Keys: fixed ones, and their encodings ---
+
+struct TestKey {
+  int algorithm, bits, curve;
+  EVP_PKEY* key;          // OpenSSL's own kind, SM2 included
+  std::string pair;       // the keypair encoding
+  std::string publicKey;  // the public-key encoding
+  std::string point;      // 0x04, x, y; empty for RSA
+  std::string scalar;     // d; empty for RSA
+};
+const TestKey& TestRsa();  // 2048 bits
+const TestKey& TestP256();
+const TestKey& TestSm2();
+std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d);
+std::string EccPublic(int curve, std::string_view x, std::string_view y);
+
+// Seal and Open are the protection of private keys: PBKDF2 and AES-256-GCM. Open is empty for a
+// wrong PIN.
+std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
+                 std::string_view iv, unsigned int tag = TAG);
+std::string Open(std::string_view blob, std::string_view pin, std::string_view salt,
+                 std::string_view iv, unsigned int tag = TAG);
+
+// --- The text: JSON as plain strings ---
+
+std::string Quoted(std::string_view text);
+std::string Array(const std::vector<std::string>& items);
+
+struct StoredKeypair {
+  std::string label = "sign";
+  long type = 1;
+  const TestKey* key = &TestP256();
+  std::vector<std::string> certs = {};  // their bytes
+  std::string pin = PIN;
+  unsigned int tag = TAG;
+  std::string salt = std::string(32, 's');
+  std::string iv = std::string(16, 'i');
+  std::string Json() const;
+};
+std::string StoredData(int id, std::string_view value);
+
+struct StoredDevice {
+  std::string serialNumber = "0123456789";
+  std::string label = "abc";
+  std::vector<std::string> keypairs = {StoredKeypair().Json()};
+  std::vector<std::string> more = {};  // root items behind the keypairs
+  std::string Json() const;
+  std::string File(unsigned int tag = TAG) const;
+};
+
+// --- The container ---
+
+std::string Container(unsigned int tag, std::string_view json);
+std::string TextOf(std::string_view file);  // the JSON of a container
+
+// Swapped puts `to` in the place of the first `from` of the text, and makes length and digest
+// right again. Flipped changes bits of one byte.
+std::string Swapped(std::string_view file, std::string_view from, std::string_view to);
+std::string Flipped(std::string_view file, size_t at, unsigned char bits = 1);
+
+// ReadVectors reads "name = hex" lines of a file in tests/data/; '#' starts a comment.
+std::map<std::string, std::string> ReadVectors(const char* name);
+std::string DataFile(const char* name);  // its path
+
+#endif

@@ -1,0 +1,36 @@
+// Faults: the functions that the module imports are defined in the test program, forward to the
+// real ones and can be made to fail. Only calls made while WithFault runs its operation, in its
+// thread, are counted and failed; the test's own calls and GoogleTest's go through.
+#ifndef VAKRO_TESTS_INTERPOSE_H
+#define VAKRO_TESTS_INTERPOSE_H
+
+#include <initializer_list>
+#include <string>
+
+struct Fault {
+  // The function to fail; several joined by '|' count as one; "*" is every function of the table.
+  const char* name = "*";
+  long nth = 1;                // the first call to fail, counted from 1; 0 fails none
+  bool andLater = false;       // fail all later ones too
+  int error = 0;               // errno to leave; 0: the function's usual one
+  const char* file = nullptr;  // of fopen and open, count only paths that end so
+};
+
+void ArmFault(const Fault& fault);
+void DisarmFault();
+long FaultCalls();       // calls of the named functions in the last operation
+const char* FaultHit();  // the function that was failed last in the last operation, or NULL
+long LiveAllocations();  // blocks of vakro_malloc not yet given to vakro_free
+void FixRandRange(std::initializer_list<const char*> hex);  // next results of BN_rand_range
+
+// WithFault runs `operation` under the fault and returns its result.
+template <class Operation>
+auto WithFault(const Fault& fault, Operation operation) {
+  struct Armed {
+    explicit Armed(const Fault& f) { ArmFault(f); }
+    ~Armed() { DisarmFault(); }
+  } const armed(fault);
+  return operation();
+}
+
+#endif

@@ -1,0 +1,95 @@
+#include "tests/support/world.h"
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+std::string Bytes(const unsigned char* bytes, long length) {
+  return length <= 0
+             ? std::string()
+             : std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+}
+
+std::string Describe(const Device& device) {
+  std::ostringstream out;
+  out << device.serialNumber << ' ' << device.label << " pin "
+      << (device.pin == nullptr ? "-" : device.pin) << " refs " << device.refCount << " tag "
+      << device.fileTag << ' ' << device.filePath << ' ' << device.backupPath << '\n';
+  for (int i = 0; i < device.keypairCount; i++) {
+    const Keypair& k = *device.keypairs[i];
+    out << i << ' ' << &k << ' ' << k.label << ' ' << k.type << ' ' << k.algorithm << ' ' << k.bits
+        << ' ' << k.curve << ' ' << k.isTemp << ' ' << (k.device == &device) << ' ' << k.privateKey
+        << ' ' << Hex(Bytes(k.publicKey, k.publicKeyLen)) << ' ' << Hex(Bytes(k.salt, k.saltLen))
+        << ' ' << Hex(Bytes(k.iv, k.ivLen)) << ' '
+        << Hex(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen)) << '\n';
+    for (int c = 0; c < k.certCount; c++)
+      out << "  " << Hex(Bytes(k.certs[c]->data, k.certs[c]->length)) << '\n';
+  }
+  return out.str();
+}
+
+void ModuleTest::SetUp() {
+  char name[] = "/tmp/module_tests.XXXXXX";
+  ASSERT_NE(mkdtemp(name), nullptr);
+  folder_ = std::string(name) + "/";
+  live_ = LiveAllocations();
+  ASSERT_EQ(DeviceInit(), 1);
+  vakro_free(g_keyFolder);
+  g_keyFolder = static_cast<char*>(vakro_malloc(folder_.size() + 1, "test", __LINE__));
+  ASSERT_NE(g_keyFolder, nullptr);
+  memcpy(g_keyFolder, folder_.c_str(), folder_.size() + 1);
+}
+
+void ModuleTest::TearDown() {
+  FixRandRange({});
+  EXPECT_EQ(DeviceEnd(), 1);
+  EXPECT_EQ(LiveAllocations(), live_) << "not given back";
+  std::filesystem::remove_all(folder_);
+}
+
+void ModuleTest::Write(const std::string& name, const std::string& content,
+                       unsigned int mode) const {
+  std::ofstream(Path(name), std::ios::binary) << content;
+  ASSERT_EQ(chmod(Path(name).c_str(), mode), 0);
+}
+
+std::string ModuleTest::Read(const std::string& name) const {
+  std::ostringstream content;
+  content << std::ifstream(Path(name), std::ios::binary).rdbuf();
+  return content.str();
+}
+
+bool ModuleTest::Exists(const std::string& name) const {
+  return access(Path(name).c_str(), F_OK) == 0;
+}
+
+ModuleTest::Folder ModuleTest::List() const {
+  Folder list;
+  for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+    struct stat status = {};
+    EXPECT_EQ(stat(entry.path().c_str(), &status), 0);
+    const std::string name = entry.path().filename();
+    list[name] = std::to_string(status.st_mode) + (entry.is_directory() ? "" : Read(name));
+  }
+  return list;
+}
+
+DeviceHandle ModuleTest::Load(const std::string& file, const char* pin) {
+  Write("dev", file);
+  return Rescan(pin);
+}
+
+DeviceHandle ModuleTest::Rescan(const char* pin) {
+  const SetHandle set(DeviceGetAllDevices());
+  EXPECT_EQ(DeviceGetDeviceCount(set.get()), 1);
+  DeviceHandle device(DeviceGetDevice(set.get(), 0));
+  EXPECT_NE(device, nullptr);
+  if (device && pin != nullptr) {
+    EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, pin, nullptr), 1);
+  }
+  return device;
+}

@@ -1,0 +1,62 @@
+// The world of a test: a started module whose key folder is a temporary one, handles that give
+// themselves back, and snapshots that show that a refused call changed nothing.
+#ifndef VAKRO_TESTS_WORLD_H
+#define VAKRO_TESTS_WORLD_H
+
+#include "device/owners.h"
+#include "tests/support/device_file.h"
+#include "tests/support/interpose.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+using SetHandle = std::unique_ptr<DeviceSet, Release<DeviceFreeDevices>>;
+using DeviceHandle = std::unique_ptr<Device, Release<DeviceFreeDevice>>;
+using KeypairHandle = std::unique_ptr<Keypair, Release<DeviceFreeKeypair>>;
+using PublicHandle = std::unique_ptr<PublicKey, Release<DeviceFreePublicKey>>;
+
+std::string Bytes(const unsigned char* bytes, long length);
+std::string Describe(const Device& device);  // every field of the record, as text
+
+// Starts the module on an empty folder; at the end stops it, removes the folder and expects every
+// block of vakro_malloc back.
+class ModuleTest : public testing::Test {
+ protected:
+  using Folder = std::map<std::string, std::string>;  // name -> mode and content
+
+  void SetUp() override;
+  void TearDown() override;
+
+  std::string Path(const std::string& name) const { return folder_ + name; }
+  void Write(const std::string& name, const std::string& content, unsigned int mode = 0600) const;
+  std::string Read(const std::string& name) const;  // "" when there is none
+  bool Exists(const std::string& name) const;
+  Folder List() const;
+
+  // Writes the file as "dev" and loads it; verified with PIN unless `pin` is NULL.
+  DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN);
+  DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
+
+  // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
+  // live allocations as they were.
+  template <class Call>
+  void Refuses(int want, const Device* device, Call call) const {
+    const Folder folder = List();
+    const std::string record = device == nullptr ? "" : Describe(*device);
+    const long live = LiveAllocations();
+    EXPECT_EQ(call(), want);
+    EXPECT_EQ(LiveAllocations(), live) << "live allocations";
+    EXPECT_EQ(device == nullptr ? "" : Describe(*device), record);
+    EXPECT_TRUE(List() == folder) << "the folder changed";
+  }
+
+  std::string folder_;  // with a trailing slash
+
+ private:
+  long live_ = 0;
+};
+
+#endif
