@@ -73,7 +73,7 @@ int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count) {
 
   const int stored = vakro_json_getarraysize(items);
   const size_t slots = static_cast<size_t>(stored) + SPARE_SLOTS;
-  auto** datas = static_cast<Data**>(vakro_malloc(slots * sizeof(Data*), "json", __LINE__));
+  auto** datas = static_cast<Data**>(vakro_malloc(slots * sizeof(void*), "json", __LINE__));
   if (datas == nullptr) return 0;
   for (int i = 0; i < stored; i++) {
     datas[i] = Json2Data(vakro_json_getarrayitem(items, i));

@@ -2,6 +2,8 @@
 // and certificates in the same layout. Data objects are datas.cpp's.
 #include "store/store.h"
 
+#include <array>
+
 // --- Strings and bytes ---------------------------------------------------------------------------
 
 static bool ReadName(const VakroJson* item, char (&name)[NAME_SIZE]) {
@@ -38,12 +40,17 @@ static bool AddHex(VakroJson* array, const unsigned char* bytes, int length) {
   return AddString(array, {raw, static_cast<size_t>(rawLength)});
 }
 
-static int HexValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  return -1;
-}
+// The value of each hex digit; -1 for every other character.
+static constexpr std::array<signed char, 256> HEX_VALUES = [] {
+  std::array<signed char, 256> values{};
+  values.fill(-1);
+  for (signed char i = 0; i < 16; i++)
+    values[static_cast<unsigned char>("0123456789abcdef"[i])] =
+        values[static_cast<unsigned char>("0123456789ABCDEF"[i])] = i;
+  return values;
+}();
+
+static int HexValue(char digit) { return HEX_VALUES[static_cast<unsigned char>(digit)]; }
 
 static bool IsHex(const VakroJson* item) {
   std::string_view text;

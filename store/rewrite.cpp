@@ -87,7 +87,7 @@ static bool KnowsAllKeypairs(const Device* device, VakroJson* list) {
   const int count = vakro_json_getarraysize(list);
   for (int i = 0; i < count; i++) {
     VakroJson* item = vakro_json_getarrayitem(list, i);
-    if (item == nullptr || (IsKeypairItem(item) && !IsInRecord(item, device))) return false;
+    if (item == nullptr || (!IsInRecord(item, device) && IsKeypairItem(item))) return false;
   }
   return true;
 }

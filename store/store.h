@@ -101,8 +101,8 @@ int WriteDeviceDataToFile(Device* device, const unsigned char* text, unsigned in
 // --- Records from and to JSON (reader.cpp) -------------------------------------------------------
 
 // LoadImage builds the device record of a checked image as GetDeviceHandleFromData does, and tells
-// an image that is no device from exhausted memory. On GOOD *device is set.
-Found LoadImage(const unsigned char* image, Device** device);
+// an image that is no device from exhausted memory. On GOOD *out is set.
+Found LoadImage(const unsigned char* image, Device** out);
 
 // GetDeviceHandleFromData builds a device record from a checked image; the paths are not set.
 // `size` is not read. NULL for an image that is no device, or without memory. A keypair item that
