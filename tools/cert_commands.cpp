@@ -95,7 +95,7 @@ static void AddNumber(CLI::App* command, CertOptions& options) {
   command
       ->add_option("number", options.number,
                    "Number as 'cert list' shows it; may be left out when there is one")
-      ->check(CLI::Range(1, MAX_CERTS));
+      ->check(CLI::Range(1, MAX_CERTS).description(""));
 }
 
 void AddCertCommands(CLI::App& app, Target& target) {

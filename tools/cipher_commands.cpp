@@ -53,7 +53,7 @@ static void EncryptFor(const PublicPart& key, const CipherOptions& options) {
 }
 
 static void Encrypt(const Target& target, const CipherOptions& options) {
-  RefuseSameFile(options.file, options.output);
+  CheckOutput(options.file, options.output, Output::BINARY);
   if (options.publicKey.empty()) {
     const KeypairSession session(target);
     return EncryptFor(PublicPartOf(session.keypair.get()), options);
@@ -63,7 +63,7 @@ static void Encrypt(const Target& target, const CipherOptions& options) {
 }
 
 static void Decrypt(const Target& target, const CipherOptions& options) {
-  RefuseSameFile(options.file, options.output);
+  CheckOutput(options.file, options.output, Output::SECRET);
   const KeypairSession session(target);
   const PublicPart key = PublicPartOf(session.keypair.get());
   const unsigned int algorithm = AlgorithmOf(key);
@@ -99,7 +99,7 @@ void AddCipherCommands(CLI::App& app, Target& target) {
       ->add_option("--format", options->format,
                    "SM2 ciphertext: raw is C1 || C2 || C3, der the SEQUENCE that openssl reads")
       ->capture_default_str()
-      ->check(CLI::IsMember({"raw", "der"}));
+      ->check(CLI::IsMember({"raw", "der"}).description(""));
   encrypt
       ->add_option("--public-key", options->publicKey,
                    "Public key or certificate to use instead of a keypair, PEM or DER")

@@ -113,14 +113,14 @@ static CLI::App* AddObjectCommand(CLI::App& data, Target& target, const SharedOp
   AddDeviceOptions(*command, target);
   command->add_option("id", options->id, "Number of the object")
       ->required()
-      ->check(CLI::Range(1, INT_MAX));
+      ->check(CLI::Range(1, INT_MAX).description(""));
   command->callback([&target, options, run] { run(target, *options); });
   return command;
 }
 
 static void AddOffset(CLI::App* command, const SharedOptions& options) {
   command->add_option("--offset", options->offset, "Byte to begin at [0]")
-      ->check(CLI::Range(0, INT_MAX));
+      ->check(CLI::Range(0, INT_MAX).description(""));
 }
 
 void AddDataCommands(CLI::App& app, Target& target) {
@@ -132,7 +132,7 @@ void AddDataCommands(CLI::App& app, Target& target) {
   AddObjectCommand(*data, target, options, "create", "Make an object of zero bytes", Create)
       ->add_option("size", options->size, "Bytes; the size never changes")
       ->required()
-      ->check(CLI::Range(1, INT_MAX));
+      ->check(CLI::Range(1, INT_MAX).description(""));
 
   CLI::App* list = data->add_subcommand("list", "Show the objects and their sizes");
   AddDeviceOptions(*list, target);
@@ -142,7 +142,7 @@ void AddDataCommands(CLI::App& app, Target& target) {
       AddObjectCommand(*data, target, options, "read", "Write out an object's bytes", Read);
   AddOffset(read, options);
   read->add_option("--length", options->length, "Bytes to read [to the end]")
-      ->check(CLI::Range(0, INT_MAX));
+      ->check(CLI::Range(0, INT_MAX).description(""));
   read->add_option("-o,--output", options->file, "File to write [standard output]");
 
   CLI::App* write =

@@ -149,9 +149,9 @@ static void ListDevice(Device* device) {
     const KeypairHandle keypair(DeviceGetKeypair(device, i));
     if (!keypair) continue;
     const int certs = DeviceGetCertificateCount(keypair.get());
-    printf("    %-24s type %-4u %-9s", LabelOf(keypair.get()).c_str(),
+    printf("    %-24s type %-4u %s", LabelOf(keypair.get()).c_str(),
            DeviceGetKeypairType(keypair.get()), KindName(keypair.get()).c_str());
-    if (certs > 0) printf(" %d certificate%s", certs, certs == 1 ? "" : "s");
+    if (certs > 0) printf(", %d certificate%s", certs, certs == 1 ? "" : "s");
     printf("\n");
   }
   const int objects = StoredObjects(device);
@@ -176,7 +176,7 @@ static void ChangePin(const Target& target, const SecretSource& oldPin,
                   "The first 'keygen' or 'import' sets it.");
   }
   Unlock(device, oldPin);
-  const SecretText current = ReadNewSecret(newPin, "New PIN for device " + LabelOf(device));
+  const SecretText current = ReadNewPin(newPin, "New PIN for device " + LabelOf(device));
   if (DeviceChangePwd(device, PIN_TYPE_USER, device->pin, current.data(), nullptr) != VAKRO_OK) {
     throw Failure("The PIN could not be changed; the old one still holds.",
                   "Is the folder " + std::string(g_keyFolder) + " writable and the disk not full?");

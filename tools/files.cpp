@@ -60,14 +60,16 @@ static bool WriteAll(int fd, ByteSpan bytes) {
   return true;
 }
 
+static void RefuseTerminal(Output kind) {
+  if (kind != Output::BINARY || !isatty(STDOUT_FILENO)) return;
+  throw Failure("The result is binary and standard output is a terminal.",
+                "Give a file with --output FILE.");
+}
+
 static void WriteStandardOutput(ByteSpan bytes, Output kind) {
-  if (kind == Output::BINARY && isatty(STDOUT_FILENO)) {
-    throw Failure("The result is binary and standard output is a terminal.",
-                  "Give a file with --output FILE.");
-  }
-  if (!WriteAll(STDOUT_FILENO, bytes)) {
-    throw Failure("Can't write to standard output: " + SystemError() + ".");
-  }
+  RefuseTerminal(kind);
+  if (WriteAll(STDOUT_FILENO, bytes)) return;
+  throw Failure("Can't write to standard output: " + SystemError() + ".");
 }
 
 void WriteOutput(const std::string& path, ByteSpan bytes, Output kind) {
@@ -88,9 +90,10 @@ void WriteText(const std::string& path, const std::string& text) {
               Output::TEXT);
 }
 
-void RefuseSameFile(const std::string& input, const std::string& output) {
+void CheckOutput(const std::string& input, const std::string& output, Output kind) {
+  if (output == "-") return RefuseTerminal(kind);
   std::error_code none;
-  if (input == "-" || output == "-" || !std::filesystem::equivalent(input, output, none)) return;
+  if (input == "-" || !std::filesystem::equivalent(input, output, none)) return;
   throw Failure("The output " + output + " would replace the input.", "Choose another --output.");
 }
 

@@ -25,8 +25,8 @@ void WriteOutput(const std::string& path, ByteSpan bytes, Output kind);
 
 void WriteText(const std::string& path, const std::string& text);
 
-// RefuseSameFile fails when the output would replace the input.
-void RefuseSameFile(const std::string& input, const std::string& output);
+// CheckOutput fails, before any work, when WriteOutput would refuse or would replace the input.
+void CheckOutput(const std::string& input, const std::string& output, Output kind);
 
 bool HasTerminal();  // of this process, whatever its standard streams are
 

@@ -20,7 +20,7 @@ static constexpr int OBJECTS_MAX = 100;  // in one file; more is no key file
 struct Passphrase {
   const SecretSource& source;
   SecretText text;
-  std::string problem;  // why it could not be read
+  std::exception_ptr problem;  // why it could not be read
 };
 
 // Called from C: what goes wrong is kept for the caller instead of thrown.
@@ -29,8 +29,8 @@ static int GivePassphrase(char* buffer, int size, int, void* context) {
   try {
     if (passphrase.text.empty())
       passphrase.text = ReadSecret(passphrase.source, "Passphrase of the file");
-  } catch (const std::exception& failure) {
-    passphrase.problem = failure.what();
+  } catch (...) {
+    passphrase.problem = std::current_exception();
     return -1;
   }
   const size_t length = passphrase.text.size() - 1;
@@ -59,6 +59,7 @@ KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
   const Secret content = ReadSecretInput(path);
   // PKCS#12 files of older programs use ciphers that OpenSSL keeps apart; it may not be installed.
   OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+  if (content.empty()) return {};  // a memory BIO of no bytes can't be made
   Passphrase passphrase{source, {}, {}};
   const PassphraseMethod method(UI_UTIL_wrap_read_pem_callback(GivePassphrase, 0));
   const Bio bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
@@ -71,7 +72,7 @@ KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
     if (info) Keep(file, info.get());
   }
   ERR_clear_error();
-  if (!passphrase.problem.empty()) throw Failure(passphrase.problem);
+  if (passphrase.problem) std::rethrow_exception(passphrase.problem);
   if (!passphrase.text.empty() && !file.privateKey && file.certs.empty()) {
     throw Failure("Can't open " + path + " with this passphrase.", "Is it the right one?");
   }

@@ -1,4 +1,4 @@
-// keygen, import, public-key, delete-keypair.
+// keygen, importing, public-key, delete-keypair.
 #include "tools/certificates.h"
 #include "tools/data_list.h"
 #include "tools/key_files.h"
@@ -33,16 +33,25 @@ static constexpr Algorithm ALGORITHMS[] = {{"rsa-1024", ALGORITHM_RSA, 1024, 0},
                                            {"p-256", ALGORITHM_ECC, 256, CURVE_P256},
                                            {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
 
-static std::vector<std::string> AlgorithmNames() {
-  std::vector<std::string> names;
-  for (const Algorithm& a : ALGORITHMS) names.emplace_back(a.name);
+static std::string AlgorithmNames() {
+  std::string names;
+  for (const Algorithm& a : ALGORITHMS) names += (names.empty() ? "" : ", ") + std::string(a.name);
   return names;
 }
 
+static const Algorithm* FindAlgorithm(const std::string& name) {
+  for (const Algorithm& a : ALGORITHMS) {
+    if (name == a.name) return &a;
+  }
+  return nullptr;
+}
+
+static std::string CheckAlgorithm(const std::string& name) {
+  return FindAlgorithm(name) != nullptr ? "" : name + " is none of " + AlgorithmNames();
+}
+
 static void Generate(const Target& target, KeypairOptions options) {
-  const Algorithm& algorithm =
-      *std::find_if(std::begin(ALGORITHMS), std::end(ALGORITHMS),
-                    [&](const Algorithm& a) { return options.algorithm == a.name; });
+  const Algorithm& algorithm = *FindAlgorithm(options.algorithm);
   if (options.label.empty()) options.label = options.algorithm;
   const Session session(target);
   if (algorithm.curve == CURVE_SM2 && g_sm2 == nullptr) {
@@ -75,7 +84,6 @@ static int AddCertificates(Keypair* keypair, std::vector<Certificate>& certs, EV
 }
 
 static void Import(const Target& target, const KeypairOptions& options) {
-  const Module early({});  // the conversions below are the module's libraries'
   KeyFile file = ReadKeyFile(options.file, options.passphrase);
   if (!file.privateKey) {
     throw Failure(options.file + " holds no private key that can be read.",
@@ -124,8 +132,9 @@ static void Delete(const Target& target, const KeypairOptions& options) {
   const std::string label = LabelOf(session.keypair.get());
   RequireNoDataList(device);
   Unlock(device, options.pin);
-  if (!options.yes && AskOnTerminal("Keypair " + label +
-                                    " will be gone for good. Type its label to go on: ") != label) {
+  const std::string question =
+      "Keypair " + label + " will be gone for good. Type its label to go on: ";
+  if (!options.yes && AskOnTerminal(question, "--yes goes on without asking.") != label) {
     throw Failure("Nothing was deleted.");
   }
   RequireChange(DeviceDeleteKeypair(session.keypair.get()), "delete keypair " + label);
@@ -139,13 +148,11 @@ static std::string RefuseBadLabel(const std::string& label) {
 
 static CLI::Option* AddNewKeypairOptions(CLI::App* command, KeypairOptions& options) {
   command
-      ->add_option(
-          "--type", options.type,
-          "Any number but 0, yours to give meaning to; keypairs of one device differ in type "
-          "or label")
+      ->add_option("--type", options.type,
+                   "Any number from 1, its meaning yours; type and label name a keypair")
       ->capture_default_str()
       ->type_name("N")
-      ->check(CLI::Range(1u, 2147483647u));
+      ->check(CLI::Range(1u, 2147483647u).description(""));
   AddSecretOptions(*command, options.pin, "pin", "PIN");
   return command->add_option("--label", options.label, "Label of the keypair")
       ->type_name("LABEL")
@@ -157,35 +164,34 @@ void AddKeypairCommands(CLI::App& app, Target& target) {
 
   CLI::App* keygen = app.add_subcommand("keygen", "Make a keypair");
   keygen->footer("The PIN given with the first keypair of a device becomes the device's PIN.");
-  keygen->add_option("algorithm", options->algorithm, "What to make")
+  keygen->add_option("algorithm", options->algorithm, "One of " + AlgorithmNames())
       ->required()
-      ->check(CLI::IsMember(AlgorithmNames(), CLI::ignore_case));
+      ->check(CheckAlgorithm);
   AddNewKeypairOptions(keygen, *options)
       ->description("Label of the keypair [the algorithm's name]");
   AddDeviceOptions(*keygen, target);
   keygen->callback([&target, options] { Generate(target, *options); });
 
-  CLI::App* import =
+  CLI::App* importing =
       app.add_subcommand("import", "Store a private key, and its certificates, from a file");
-  import->footer(
+  importing->footer(
       "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, PKCS#12.\n"
       "The PIN given with the first keypair of a device becomes the device's PIN.");
-  import->add_option("file", options->file, "Key file; - is standard input")->required();
-  AddNewKeypairOptions(import, *options)->required();
-  AddDeviceOptions(*import, target);
-  AddSecretOptions(*import, options->passphrase, "passphrase", "passphrase of the key file");
-  import->callback([&target, options] { Import(target, *options);
-});
+  importing->add_option("file", options->file, "Key file; - is standard input")->required();
+  AddNewKeypairOptions(importing, *options)->required();
+  AddDeviceOptions(*importing, target);
+  AddSecretOptions(*importing, options->passphrase, "passphrase", "passphrase of the key file");
+  importing->callback([&target, options] { Import(target, *options); });
 
-CLI::App* publicKey = app.add_subcommand("public-key", "Write a public key as PEM; needs no PIN");
-publicKey->add_option("-o,--output", options->output, "File to write [standard output]")
-    ->type_name("FILE");
-AddKeypairOptions(*publicKey, target);
-publicKey->callback([&target, options] { WritePublicKey(target, *options); });
+  CLI::App* publicKey = app.add_subcommand("public-key", "Write a public key as PEM; needs no PIN");
+  publicKey->add_option("-o,--output", options->output, "File to write [standard output]")
+      ->type_name("FILE");
+  AddKeypairOptions(*publicKey, target);
+  publicKey->callback([&target, options] { WritePublicKey(target, *options); });
 
-CLI::App* remove = app.add_subcommand("delete-keypair", "Delete a keypair for good");
-remove->add_flag("--yes", options->yes, "Do not ask whether it is meant");
-AddKeypairOptions(*remove, target);
-AddSecretOptions(*remove, options->pin, "pin", "PIN");
-remove->callback([&target, options] { Delete(target, *options); });
+  CLI::App* remove = app.add_subcommand("delete-keypair", "Delete a keypair for good");
+  remove->add_flag("--yes", options->yes, "Do not ask whether it is meant");
+  AddKeypairOptions(*remove, target);
+  AddSecretOptions(*remove, options->pin, "pin", "PIN");
+  remove->callback([&target, options] { Delete(target, *options); });
 }

@@ -11,6 +11,27 @@ static const char* const FOOTER =
     "Every command has a --help of its own. Exit status: 0 done, 1 failed, 2 wrong usage.\n"
     "A PIN is asked on the terminal, or read with --pin-file or --pin-env; never an argument.";
 
+// Help without the library's remarks on which options exclude which.
+struct HelpText : CLI::Formatter {
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const bool hasValue = option->get_type_size() > 0 && !option->get_positional();
+    return hasValue ? " " + option->get_type_name() : "";
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    const std::string value = option->get_default_str();
+    return option->get_description() + (value.empty() ? "" : " [" + value + "]");
+  }
+};
+
+static std::string UsageProblem(const CLI::App* app, const CLI::Error& error) {
+  const std::vector<std::string> unknown = app->remaining(true);
+  std::string what = error.what();
+  if (what == "A subcommand is required") {
+    what = unknown.empty() ? "A command is missing" : "There is no command " + unknown.front();
+  }
+  return "softdevice: " + what + ".\n  --help shows what there is.\n";
+}
+
 static int Tell(const char* what, const std::string& advice) {
   fprintf(stderr, "softdevice: %s\n", what);
   if (!advice.empty()) fprintf(stderr, "  %s\n", advice.c_str());
@@ -21,8 +42,10 @@ static int Run(int argc, char** argv) {
   Target target;
   CLI::App app("softdevice works on soft crypto devices: keys in files, opened with a PIN.",
                "softdevice");
-  app.footer(FOOTER);
-  app.get_formatter()->column_width(30);
+  app.failure_message(UsageProblem);
+  const auto help = std::make_shared<HelpText>();
+  help->column_width(26);
+  app.formatter(help);
   app.require_subcommand(1);
   AddFolderOption(app, target);
   AddDeviceCommands(app, target);
@@ -32,7 +55,9 @@ static int Run(int argc, char** argv) {
   AddCertCommands(app, target);
   AddRequestCommands(app, target);
   AddDataCommands(app, target);
+  app.footer(FOOTER);  // here, so that the commands do not inherit it
   try {
+    if (argc == 1) throw CLI::CallForHelp();
     app.parse(argc, argv);
     // Output that could not be written is a failure too.
     if (fflush(stdout) != 0) throw Failure("Can't write to standard output.");

@@ -36,7 +36,7 @@ void AddKeypairOptions(CLI::App& command, Target& target) {
       ->group("Where");
   command.add_option("--type", target.type, "Type, where several keypairs have the same label")
       ->type_name("N")
-      ->check(CLI::Range(1u, 2147483647u))
+      ->check(CLI::Range(1u, 2147483647u).description(""))
       ->group("Where");
 }
 

@@ -137,7 +137,7 @@ void AddRequestCommands(CLI::App& app, Target& target) {
   AddCommon(selfSign, target, *options);
   selfSign->add_option("--days", options->days, "Days until it expires")
       ->capture_default_str()
-      ->check(CLI::Range(1, 36500));
+      ->check(CLI::Range(1, 36500).description(""));
   selfSign->add_flag("--store", options->store, "Also add it to the keypair");
   selfSign->callback([&target, options] { SelfSign(target, *options); });
 }

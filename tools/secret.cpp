@@ -40,40 +40,42 @@ static SecretText FromEnvironment(const std::string& name, const std::string& wh
   return text;
 }
 
-static SecretText FromTerminal(const std::string& prompt, int flags) {
+static SecretText FromTerminal(const std::string& prompt, int flags, const std::string& advice) {
   // Without a terminal the dialogue would fall back to standard input, which may be the data.
-  if (!HasTerminal()) {
-    throw Failure("There is no terminal to ask on: " + prompt,
-                  "Options do without: --pin-file, --pin-env and the like; see --help.");
-  }
+  if (!HasTerminal()) throw Failure("There is no terminal to ask on.", advice);
   SecretText text(SECRET_MAX + 1);
   const Dialogue dialogue(UI_new_method(UI_OpenSSL()));
   if (!dialogue ||
       UI_add_input_string(dialogue.get(), prompt.c_str(), flags, text.data(), 0,
                           static_cast<int>(SECRET_MAX)) <= 0 ||
       UI_process(dialogue.get()) != 0) {
-    throw Failure("Nothing was read from the terminal.");
+    throw Failure("Nothing was read from the terminal, or more than " + std::to_string(SECRET_MAX) +
+                  " characters.");
   }
   text.resize(strlen(text.data()) + 1);
   return text;
 }
 
+static SecretText Ask(const std::string& prompt) {
+  return FromTerminal(prompt + ": ", 0,
+                      "--help names the options that take it from a file or the environment.");
+}
+
 SecretText ReadSecret(const SecretSource& source, const std::string& what) {
   if (!source.file.empty()) return FromFile(source.file, what);
   if (!source.env.empty()) return FromEnvironment(source.env, what);
-  return FromTerminal(what + ": ", 0);
+  return Ask(what);
 }
 
-SecretText ReadNewSecret(const SecretSource& source, const std::string& what) {
-  SecretText text = ReadSecret(source, what);
-  if (text.size() == 1) throw Failure("The " + what + " is empty: that would protect nothing.");
-  if (source.file.empty() && source.env.empty() &&
-      FromTerminal("Once more, to be sure: ", 0) != text) {
+SecretText ReadNewPin(const SecretSource& source, const std::string& what) {
+  SecretText pin = ReadSecret(source, what);
+  if (pin.size() == 1) throw Failure("An empty PIN would protect nothing.", "Choose another.");
+  if (source.file.empty() && source.env.empty() && Ask("Once more, to be sure") != pin) {
     throw Failure("The two entries differ; nothing was changed.", "Please try again.");
   }
-  return text;
+  return pin;
 }
 
-std::string AskOnTerminal(const std::string& question) {
-  return FromTerminal(question, UI_INPUT_FLAG_ECHO).data();
+std::string AskOnTerminal(const std::string& question, const std::string& advice) {
+  return FromTerminal(question, UI_INPUT_FLAG_ECHO, advice).data();
 }

@@ -140,15 +140,15 @@ std::vector<std::string> PassedOver(DeviceSet* set) {
 
 void Unlock(Device* device, const SecretSource& source) {
   const SecretText pin = DeviceGetKeypairCount(device) == 0
-                             ? ReadNewSecret(source, "New PIN for device " + LabelOf(device))
+                             ? ReadNewPin(source, "New PIN for device " + LabelOf(device))
                              : ReadSecret(source, "PIN of device " + LabelOf(device));
   switch (DeviceVerifyPwd(device, PIN_TYPE_USER, pin.data(), nullptr)) {
     case VAKRO_OK:
       return;
     case VAKRO_WRONG_PIN:
       throw Failure("Wrong PIN for device " + LabelOf(device) + ".",
-                    "Nothing is counted: try again. If the PIN is certain, a keypair of the device "
-                    "file is damaged or on a curve that can't be opened; put a copy back.");
+                    "Nothing is counted, so try again. If the PIN is certain, a keypair in the "
+                    "device file is damaged: put a copy of the file back.");
     default:
       throw Failure("The PIN could not be verified: out of memory?");
   }
