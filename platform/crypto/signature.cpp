@@ -19,10 +19,6 @@ static Bytes Write(const ECDSA_SIG* signature, int* length) {
   return der;
 }
 
-static bool IsPositive(const BIGNUM* number) {
-  return !BN_is_zero(number) && !BN_is_negative(number);
-}
-
 int VakroPKICryptoEncodeECCSignature(const unsigned char* r, int rLen, const unsigned char* s,
                                      int sLen, unsigned char** out, int* outLen) {
   if (!AreBytes(r, rLen) || !AreBytes(s, sLen) || out == nullptr || outLen == nullptr) return 0;
@@ -40,12 +36,12 @@ int VakroPKICryptoEncodeECCSignature(const unsigned char* r, int rLen, const uns
   return HandOut(der, static_cast<size_t>(length), out, outLen);
 }
 
-// A signature has one encoding only: whatever OpenSSL's reader lets pass must be what its writer
-// would write.
+// A signature has one encoding only: what OpenSSL's reader lets pass must be, to its end, what the
+// writer would write. The writer refuses negative numbers.
 static Signature Read(const unsigned char* sig, int sigLen) {
   const unsigned char* at = sig;
   Signature signature(d2i_ECDSA_SIG(nullptr, &at, sigLen));
-  if (!signature || at != sig + sigLen) return nullptr;
+  if (!signature) return nullptr;
   int length = 0;
   const Bytes again = Write(signature.get(), &length);
   if (!again || length != sigLen) return nullptr;
@@ -61,7 +57,7 @@ int VakroPKICryptoDecodeECCSignature(const unsigned char* sig, int sigLen, unsig
   if (!signature) return 0;
   const BIGNUM* const rNumber = ECDSA_SIG_get0_r(signature.get());
   const BIGNUM* const sNumber = ECDSA_SIG_get0_s(signature.get());
-  if (!IsPositive(rNumber) || !IsPositive(sNumber)) return 0;
+  if (BN_is_zero(rNumber) || BN_is_zero(sNumber)) return 0;
   Bytes rBytes = NewArray<unsigned char>(static_cast<size_t>(BN_num_bytes(rNumber)));
   Bytes sBytes = NewArray<unsigned char>(static_cast<size_t>(BN_num_bytes(sNumber)));
   if (!rBytes || !sBytes) return 0;

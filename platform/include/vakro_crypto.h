@@ -8,7 +8,8 @@
 //   Memory    every buffer handed out is the library's and goes back with
 //             VakroPKICryptoFreeMemory. The utility library shares its heap, so either library's
 //             release takes the other's buffers.
-//   Lengths   `int`, in bytes. Numbers in bytes are big-endian.
+//   Lengths   `int`, in bytes; NULL may stand for 0 bytes. Numbers in bytes are big-endian.
+//   Objects   after its final step an object can only be released.
 //   Threads   a device may be shared; an object belongs to one thread at a time.
 #ifndef VAKRO_CRYPTO_H
 #define VAKRO_CRYPTO_H
@@ -39,7 +40,7 @@ typedef struct AEADParams {
   const unsigned char* nonce;  // 1 to 64 bytes
   int nonceLen;
   const unsigned char* aad;  // associated data
-  int64_t aadLen;
+  int64_t aadLen;            // less than 2^31
 } AEADParams;
 
 // VakroPKICryptoGetPseudoDevice returns a handle of the software device, or NULL. Objects made on
@@ -97,7 +98,8 @@ int VakroPKICryptoHexDecode(const char* text, int length, unsigned char** bytes,
 //   RSA   the PKCS#1 RSAPrivateKey or RSAPublicKey DER (RFC 8017, A.1), to the end
 //   EC    | curve | len(x) | x | len(y) | y |, a keypair also | len(d) | d |; words big-endian,
 //         numbers as the bytes that were given
-// Decoders refuse what is short, long or has bytes behind it.
+// Decoders refuse what is short, long or has bytes behind it, and of DER every form but the one.
+// Whether numbers make a key is the caller's to check; RSA moduli and exponents are not 0.
 
 int VakroPKICryptoRSAPrivKeyFromDER(const unsigned char* der, int derLen, unsigned char** encoding,
                                     int* encodingLen);

@@ -64,9 +64,9 @@ enum VakroJsonType {
 // deep. Anything around the value but white space is refused. Returns a new tree, or NULL.
 VakroJson* vakro_json_decode(const char* text, unsigned int length);
 
-// vakro_json_encode writes compact JSON: no white space; a number that was decoded keeps its digits,
-// one made here has no fraction if it is whole and otherwise the fewest digits that give it back; in
-// strings only ", \ and bytes below 0x20 are escaped.
+// vakro_json_encode writes compact JSON: no white space; a number that was decoded keeps its
+// digits, one made here has no fraction if it is whole and otherwise the fewest digits that give it
+// back; in strings only ", \ and bytes below 0x20 are escaped.
 int vakro_json_encode(const VakroJson* value, unsigned int flags, char** text,
                       unsigned int* length);
 

@@ -21,7 +21,7 @@ void ReleaseText(Text* text) {
 }
 
 VakroJson MakeText(VakroJsonType type, Text* text, std::string_view bytes) {
-  VakroJson node = MakeNode(type, 1);
+  VakroJson node = MakeNode(type);
   node.length = static_cast<unsigned>(bytes.size());
   node.bytes = bytes.data();
   node.text = ShareText(text);
@@ -71,15 +71,13 @@ VakroJson* NewTextValue(VakroJsonType type, std::string_view bytes) {
 
 // Makes `copy` a copy of `source` for a place at `level`.
 static bool CopyNode(const VakroJson& source, unsigned level, VakroJson* copy) {
-  VakroJson node = MakeNode(source.type, level);
   if (!HasItems(source)) {
-    node = source;
-    node.level = level;
-    if (node.text != nullptr) ShareText(node.text);
-    *copy = node;
+    if (source.text != nullptr) ShareText(source.text);
+    *copy = source;
     return true;
   }
   if (level > MAX_LEVEL) return false;
+  VakroJson node = MakeNode(source.type, level);
   Cleared owner(&node);
   if (source.length > 0) {
     node.items = NewArray<VakroJson>(source.length).release();
@@ -119,7 +117,7 @@ unsigned int vakro_json_getstringlength(const VakroJson* value) {
   return IsString(value) ? value->length : 0;
 }
 
-VakroJson* vakro_json_newarray(void) { return NewValue(MakeNode(VAKRO_JSON_ARRAY, 1)); }
+VakroJson* vakro_json_newarray(void) { return NewValue(MakeNode(VAKRO_JSON_ARRAY)); }
 
 VakroJson* vakro_json_newstring(const char* text, unsigned int length) {
   if (text == nullptr && length > 0) return nullptr;

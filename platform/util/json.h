@@ -21,7 +21,7 @@ struct Text {
 
 struct VakroJson {
   VakroJsonType type;
-  unsigned level;     // of this node in its tree
+  unsigned level;     // of an array or object in its tree; means nothing for the others
   unsigned length;    // bytes of a string or number; items of an array or object
   unsigned capacity;  // places at `items`
   union {
@@ -35,7 +35,7 @@ inline bool HasItems(const VakroJson& node) {
   return node.type == VAKRO_JSON_ARRAY || node.type == VAKRO_JSON_OBJECT;
 }
 
-inline VakroJson MakeNode(VakroJsonType type, unsigned level) {
+inline VakroJson MakeNode(VakroJsonType type, unsigned level = 1) {
   return VakroJson{type, level, 0, 0, {nullptr}, nullptr};
 }
 
@@ -49,7 +49,7 @@ void ReleaseText(Text* text);
 using TextUse = std::unique_ptr<Text, Release<ReleaseText>>;
 inline char* BytesOf(Text* text) { return reinterpret_cast<char*>(text + 1); }
 
-// MakeText makes a string or number at level 1 that shares `text`.
+// MakeText makes a string or number that shares `text`.
 VakroJson MakeText(VakroJsonType type, Text* text, std::string_view bytes);
 
 // AppendNode moves `node` behind the last item. Returns false, with nothing moved, when memory is

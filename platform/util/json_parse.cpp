@@ -19,7 +19,7 @@ static constexpr size_t PADDING = 16;
 // result of false ends the parse.
 struct Builder {
   Text* text;  // borrowed
-  VakroJson stack = MakeNode(VAKRO_JSON_ARRAY, 0);
+  VakroJson stack = MakeNode(VAKRO_JSON_ARRAY);
   unsigned level = 1;  // of the value that comes next
 
   explicit Builder(Text* parsed) : text(parsed) {}
@@ -28,7 +28,6 @@ struct Builder {
   ~Builder() { ClearNode(&stack); }
 
   bool Push(VakroJson node) {
-    node.level = level;
     Cleared owner(&node);
     if (!AppendNode(&stack, node)) return false;
     owner.release();
@@ -50,8 +49,8 @@ struct Builder {
     return Push(node);
   }
 
-  bool Null() { return Push(MakeNode(VAKRO_JSON_NULL, level)); }
-  bool Bool(bool b) { return Push(MakeNode(b ? VAKRO_JSON_TRUE : VAKRO_JSON_FALSE, level)); }
+  bool Null() { return Push(MakeNode(VAKRO_JSON_NULL)); }
+  bool Bool(bool b) { return Push(MakeNode(b ? VAKRO_JSON_TRUE : VAKRO_JSON_FALSE)); }
   bool Number(std::string_view digits) { return Push(MakeText(VAKRO_JSON_NUMBER, text, digits)); }
   bool String(const char* bytes, unsigned length, bool) {
     return Push(MakeText(VAKRO_JSON_STRING, text, {bytes, length}));
