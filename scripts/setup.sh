@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need, and only those that are missing.
+# Needs root or sudo only when something is missing; where it can't install, it says what to.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build git                      # build
+  libssl-dev rapidjson-dev libcli11-dev          # libraries
+  libgtest-dev libbenchmark-dev                  # tests and benches
+  clang-14 libclang-rt-14-dev                    # fuzz targets
+  valgrind openssl python3                       # what tests and the demo run
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null || true)
+  [ "$status" = "install ok installed" ] || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+  as_root=()
+elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
+  as_root=(sudo -n)
+else
+  echo "These Debian packages are missing, and installing them takes root:" >&2
+  echo "  apt-get install ${missing[*]}" >&2
+  exit 1
+fi
+echo "Installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" apt-get install -q -y --no-install-recommends "${missing[@]}"
