@@ -27,9 +27,7 @@ int VakroPKICryptoEncodeECCSignature(const unsigned char* r, int rLen, const uns
   const Signature signature(ECDSA_SIG_new());
   if (!rNumber || !sNumber || !signature) return 0;
   if (BN_is_zero(rNumber.get()) || BN_is_zero(sNumber.get())) return 0;
-  if (ECDSA_SIG_set0(signature.get(), rNumber.get(), sNumber.get()) != 1) return 0;
-  rNumber.release();  // now the signature's
-  sNumber.release();
+  ECDSA_SIG_set0(signature.get(), rNumber.release(), sNumber.release());  // fails for NULL only
   int length = 0;
   Bytes der = Write(signature.get(), &length);
   if (!der) return 0;

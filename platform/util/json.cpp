@@ -35,24 +35,29 @@ void ClearNode(VakroJson* node) {
   vakro_free(node->items);
 }
 
-bool AppendNode(VakroJson* array, const VakroJson& node) {
-  if (array->length == array->capacity) {
-    if (array->capacity > INT_MAX / 2) return false;
-    const unsigned capacity = array->capacity > 0 ? 2 * array->capacity : 8;
-    auto grown = NewArray<VakroJson>(capacity);
-    if (!grown) return false;
-    if (array->length > 0) memcpy(grown.get(), array->items, array->length * sizeof(VakroJson));
-    vakro_free(std::exchange(array->items, grown.release()));
-    array->capacity = capacity;
-  }
-  array->items[array->length++] = node;
+static bool Grow(VakroJson* array) {
+  if (array->capacity > INT_MAX / 2) return false;
+  const unsigned capacity = array->capacity > 0 ? 2 * array->capacity : 8;
+  auto grown = NewArray<VakroJson>(capacity);
+  if (!grown) return false;
+  if (array->length > 0) memcpy(grown.get(), array->items, array->length * sizeof(VakroJson));
+  vakro_free(std::exchange(array->items, grown.release()));
+  array->capacity = capacity;
   return true;
 }
 
-VakroJson* NewValue(const VakroJson& node) {
+bool AppendNode(VakroJson* array, VakroJson node) {
+  Cleared owner(&node);
+  if (array->length == array->capacity && !Grow(array)) return false;
+  array->items[array->length++] = *owner.release();
+  return true;
+}
+
+VakroJson* NewValue(VakroJson node) {
+  Cleared owner(&node);
   auto value = NewArray<VakroJson>(1);
   if (!value) return nullptr;
-  value[0] = node;
+  value[0] = *owner.release();
   return value.release();
 }
 
@@ -62,11 +67,7 @@ VakroJson* NewTextValue(VakroJsonType type, std::string_view bytes) {
   char* const copy = BytesOf(text.get());
   if (!bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
   copy[bytes.size()] = '\0';
-  VakroJson node = MakeText(type, text.get(), {copy, bytes.size()});
-  Cleared owner(&node);
-  VakroJson* const value = NewValue(node);
-  if (value != nullptr) owner.release();
-  return value;
+  return NewValue(MakeText(type, text.get(), {copy, bytes.size()}));
 }
 
 // Makes `copy` a copy of `source` for a place at `level`.
@@ -128,19 +129,12 @@ int vakro_json_addarrayitem(VakroJson* array, const VakroJson* item) {
   VakroJson copy;
   // Copy before the array grows: the item may be one of its own.
   if (!IsArray(array) || item == nullptr || !CopyNode(*item, array->level + 1, &copy)) return 0;
-  Cleared owner(&copy);
-  if (!AppendNode(array, copy)) return 0;
-  owner.release();
-  return 1;
+  return AppendNode(array, copy) ? 1 : 0;
 }
 
 VakroJson* vakro_json_dup(const VakroJson* value) {
   VakroJson copy;
-  if (value == nullptr || !CopyNode(*value, 1, &copy)) return nullptr;
-  Cleared owner(&copy);
-  VakroJson* const duplicate = NewValue(copy);
-  if (duplicate != nullptr) owner.release();
-  return duplicate;
+  return value != nullptr && CopyNode(*value, 1, &copy) ? NewValue(copy) : nullptr;
 }
 
 void vakro_json_free(VakroJson* value) {

@@ -52,13 +52,10 @@ inline char* BytesOf(Text* text) { return reinterpret_cast<char*>(text + 1); }
 // MakeText makes a string or number that shares `text`.
 VakroJson MakeText(VakroJsonType type, Text* text, std::string_view bytes);
 
-// AppendNode moves `node` behind the last item. Returns false, with nothing moved, when memory is
-// out.
-bool AppendNode(VakroJson* array, const VakroJson& node);
-
-// NewValue moves `node` to a value of its own. Returns NULL, with nothing moved, when memory is
-// out.
-VakroJson* NewValue(const VakroJson& node);
+// AppendNode moves `node` behind the last item, NewValue to a value of its own. When memory is out
+// they clear it, leave the array as it was, and return false or NULL.
+bool AppendNode(VakroJson* array, VakroJson node);
+VakroJson* NewValue(VakroJson node);
 
 // NewTextValue returns a string or number with a copy of `bytes`, or NULL.
 VakroJson* NewTextValue(VakroJsonType type, std::string_view bytes);

@@ -27,13 +27,7 @@ struct Builder {
   Builder& operator=(const Builder&) = delete;
   ~Builder() { ClearNode(&stack); }
 
-  bool Push(VakroJson node) {
-    Cleared owner(&node);
-    if (!AppendNode(&stack, node)) return false;
-    owner.release();
-    return true;
-  }
-
+  bool Push(const VakroJson& node) { return AppendNode(&stack, node); }
   bool Open() { return level++ <= MAX_LEVEL; }
 
   // Moves the last `count` values from the stack to a new array or object.
@@ -87,14 +81,14 @@ static char* SkipNumber(char* at) {
 template <>
 template <>
 void rapidjson::Reader::ParseNumber<FLAGS, rapidjson::InsituStringStream, Builder>(
-    rapidjson::InsituStringStream& stream, Builder& builder) {
-  char* const start = stream.src_;
+    rapidjson::InsituStringStream& is, Builder& handler) {
+  char* const start = is.src_;
   char* const end = SkipNumber(start);
-  if (end == nullptr || !builder.Number({start, static_cast<size_t>(end - start)})) {
-    SetParseError(rapidjson::kParseErrorValueInvalid, stream.Tell());
+  if (end == nullptr || !handler.Number({start, static_cast<size_t>(end - start)})) {
+    SetParseError(rapidjson::kParseErrorValueInvalid, is.Tell());
     return;
   }
-  stream.src_ = end;
+  is.src_ = end;
 }
 
 // Copies the text and says whether it is free of the control characters that may stand nowhere in
@@ -120,7 +114,6 @@ VakroJson* vakro_json_decode(const char* text, unsigned int length) {
   rapidjson::InsituStringStream stream(BytesOf(copy.get()));
   rapidjson::Reader reader;
   if (reader.Parse<FLAGS>(stream, builder).IsError()) return nullptr;
-  VakroJson* const root = NewValue(builder.stack.items[0]);
-  if (root != nullptr) builder.stack.length = 0;  // moved
-  return root;
+  builder.stack.length = 0;
+  return NewValue(builder.stack.items[0]);
 }

@@ -50,7 +50,7 @@ static char* WriteChar(char c, char* at) {
     *at++ = '\\';
     *at++ = letter;
   } else {
-    memcpy(at, "\\u00", 4);
+    std::string_view("\\u00").copy(at, 4);
     at[4] = c < 0x10 ? '0' : '1';
     at[5] = "0123456789abcdef"[c & 15];
     at += 6;
