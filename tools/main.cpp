@@ -57,7 +57,7 @@ static int Run(int argc, char** argv) {
   AddDataCommands(app, target);
   app.footer(FOOTER);  // here, so that the commands do not inherit it
   try {
-    if (argc == 1) throw CLI::CallForHelp();
+    if (argc == 1) return printf("%s", app.help().c_str()) < 0 ? EXIT_FAILED : EXIT_USAGE;
     app.parse(argc, argv);
     // Output that could not be written is a failure too.
     if (fflush(stdout) != 0) throw Failure("Can't write to standard output.");
