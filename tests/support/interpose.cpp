@@ -7,12 +7,14 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <link.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,6 +23,8 @@
 #include <atomic>
 #include <deque>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -50,9 +54,32 @@ bool Listed(std::string_view names, std::string_view name) {
   return false;
 }
 
-bool MustFail(const char* name, const char* path = nullptr) {
-  if (!t_armed || !Listed(t_fault.name, name)) return false;
-  if (t_fault.file != nullptr && (path == nullptr || !std::string_view(path).ends_with(t_fault.file)))
+// The code of the three libraries. Calls from elsewhere, OpenSSL's own among them, are left alone.
+bool FromLibraries(const void* caller) {
+  static const auto ranges = [] {
+    std::vector<std::pair<uintptr_t, uintptr_t>> found;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* out) {
+          if (strstr(info->dlpi_name, "libvakro_") == nullptr) return 0;
+          for (int i = 0; i < info->dlpi_phnum; i++) {
+            const uintptr_t start = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
+            static_cast<decltype(found)*>(out)->emplace_back(start,
+                                                             start + info->dlpi_phdr[i].p_memsz);
+          }
+          return 0;
+        },
+        &found);
+    return found;
+  }();
+  const auto at = reinterpret_cast<uintptr_t>(caller);
+  return std::any_of(ranges.begin(), ranges.end(),
+                     [at](const auto& range) { return at >= range.first && at < range.second; });
+}
+
+bool MustFail(const char* name, const void* caller, const char* path = nullptr) {
+  if (!t_armed || !Listed(t_fault.name, name) || !FromLibraries(caller)) return false;
+  if (t_fault.file != nullptr &&
+      (path == nullptr || !std::string_view(path).ends_with(t_fault.file)))
     return false;
   t_calls++;
   if (t_calls != t_fault.nth && !(t_fault.andLater && t_fault.nth > 0 && t_calls > t_fault.nth))
@@ -89,12 +116,14 @@ void FixRandRange(std::initializer_list<const char*> hex) {
   g_randRange.assign(hex.begin(), hex.end());
 }
 
+#define CALLER __builtin_return_address(0)
+
 // Defines `name`: the next library's function, or `failure` when its turn to fail has come.
 #define INTERPOSE_AS(result, name, params, spec, args, failure)       \
   extern "C" result name params spec {                                \
     using Function = result(*) params;                                \
     static const auto next = reinterpret_cast<Function>(Next(#name)); \
-    return MustFail(#name) ? failure : next args;                     \
+    return MustFail(#name, CALLER) ? failure : next args;             \
   }
 #define INTERPOSE(result, name, params, args, failure) \
   INTERPOSE_AS(result, name, params, , args, failure)
@@ -204,12 +233,12 @@ INTERPOSE(dirent*, readdir, (DIR* d), (d), Failed(EIO, nullptr))
 
 extern "C" FILE* fopen(const char* path, const char* mode) {
   static const auto next = reinterpret_cast<FILE* (*)(const char*, const char*)>(Next("fopen"));
-  return MustFail("fopen", path) ? Failed(EMFILE, nullptr) : next(path, mode);
+  return MustFail("fopen", CALLER, path) ? Failed(EMFILE, nullptr) : next(path, mode);
 }
 
 extern "C" int open(const char* path, int flags, ...) {
   static const auto next = reinterpret_cast<int (*)(const char*, int, ...)>(Next("open"));
-  if (MustFail("open", path)) return Failed(EMFILE, -1);
+  if (MustFail("open", CALLER, path)) return Failed(EMFILE, -1);
   va_list rest;
   va_start(rest, flags);
   const unsigned int mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned int) : 0;
@@ -220,7 +249,7 @@ extern "C" int open(const char* path, int flags, ...) {
 extern "C" void* vakro_malloc(size_t size, const char* file, int line) {
   static const auto next =
       reinterpret_cast<void* (*)(size_t, const char*, int)>(Next("vakro_malloc"));
-  void* memory = MustFail("vakro_malloc") ? nullptr : next(size, file, line);
+  void* memory = MustFail("vakro_malloc", CALLER) ? nullptr : next(size, file, line);
   if (memory != nullptr) g_live++;
   return memory;
 }
@@ -232,9 +261,8 @@ extern "C" void vakro_free(void* memory) {
 }
 
 extern "C" int BN_rand_range(BIGNUM* result, const BIGNUM* range) {
-  static const auto next =
-      reinterpret_cast<int (*)(BIGNUM*, const BIGNUM*)>(Next("BN_rand_range"));
-  if (MustFail("BN_rand_range")) return 0;
+  static const auto next = reinterpret_cast<int (*)(BIGNUM*, const BIGNUM*)>(Next("BN_rand_range"));
+  if (MustFail("BN_rand_range", CALLER)) return 0;
   if (g_randRange.empty()) return next(result, range);
   const std::string hex = g_randRange.front();
   g_randRange.pop_front();

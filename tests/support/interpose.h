@@ -1,6 +1,6 @@
 // Faults: the functions that the module imports are defined in the test program, forward to the
-// real ones and can be made to fail. Only calls made while WithFault runs its operation, in its
-// thread, are counted and failed; the test's own calls and GoogleTest's go through.
+// real ones and can be made to fail. Only calls that the three libraries make while WithFault runs
+// its operation, in its thread, are counted and failed; all others go through.
 #ifndef VAKRO_TESTS_INTERPOSE_H
 #define VAKRO_TESTS_INTERPOSE_H
 
