@@ -1,0 +1,26 @@
+// The module's symbols and its C interface.
+#include "tests/support/world.h"
+
+#include <dlfcn.h>
+#include <fstream>
+
+extern "C" int InterfaceFromC(void);
+
+TEST(ExportsTest, EveryFunctionIsVisibleUnderItsName) {
+  void* library = dlopen("libvakro_device.so", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(library, nullptr);
+  std::ifstream names(DataFile("exported_functions.txt"));
+  int count = 0;
+  for (std::string name; std::getline(names, name); count++) {
+    void* function = dlsym(library, name.c_str());
+    Dl_info info = {};
+    ASSERT_TRUE(function != nullptr && dladdr(function, &info) != 0) << name;
+    EXPECT_TRUE(std::string_view(info.dli_fname).find("libvakro_device.so") !=
+                std::string_view::npos)
+        << name << " comes from " << info.dli_fname;
+  }
+  EXPECT_EQ(count, 134);
+  dlclose(library);
+}
+
+TEST_F(ModuleTest, TheInterfaceServesC) { EXPECT_EQ(InterfaceFromC(), 1); }
