@@ -15,6 +15,7 @@
 #include <openssl/types.h>
 
 #include <stddef.h>
+#include <atomic>
 
 inline constexpr int MAX_DEVICES = 64;   // in one set
 inline constexpr int MAX_KEYPAIRS = 64;  // on one device
@@ -35,7 +36,7 @@ struct Keypair {
   unsigned int algorithm;  // ALGORITHM_RSA or ALGORITHM_ECC
   unsigned int bits;
   // Elliptic curve only: the VakroCurve once the private key is known, 0 before. -1, for any
-  // keypair, after a failed PIN verification has discarded its key. Not stored.
+  // keypair, after a failed PIN verification has discarded its key. Not stored. A shared field.
   int curve;
   unsigned char* publicKey;  // VakroPKICryptoFreeMemory; the crypto library's encoding
   int publicKeyLen;
@@ -65,7 +66,7 @@ struct Device {
   // vakro_free, after wiping; NULL while the device is not verified, else a PIN under which every
   // private key was decrypted.
   char* pin;
-  int keypairCount;
+  int keypairCount;                 // a shared field
   int maxKeypairs;                  // MAX_KEYPAIRS
   Keypair* keypairs[MAX_KEYPAIRS];  // FreeKeypair; in file order, packed
   unsigned int refCount;
@@ -97,6 +98,13 @@ struct PublicKey {
   int publicKeyLen;
   EVP_PKEY* key;  // EVP_PKEY_free
 };
+
+// A shared field is changed under the module lock but read without it too. These two keep such
+// reads and changes from tearing; whoever holds the lock may read the field plainly.
+inline int ReadShared(int& field) { return std::atomic_ref(field).load(std::memory_order_relaxed); }
+inline void WriteShared(int& field, int value) {
+  std::atomic_ref(field).store(value, std::memory_order_relaxed);
+}
 
 extern "C" {
 

@@ -30,7 +30,7 @@ static void DropKeys(Device* device, int count) {
     Keypair* keypair = device->keypairs[i];
     EVP_PKEY_free(keypair->privateKey);
     keypair->privateKey = nullptr;
-    keypair->curve = -1;
+    WriteShared(keypair->curve, -1);
   }
 }
 
@@ -46,7 +46,7 @@ int VerifyPin(Device* device, const char* pin) {
     }
     EVP_PKEY_free(keypair->privateKey);
     keypair->privateKey = key;
-    if (keypair->algorithm == ALGORITHM_ECC) keypair->curve = curve;
+    if (keypair->algorithm == ALGORITHM_ECC) WriteShared(keypair->curve, curve);
   }
   device->pin = CopyPin(pin);
   return device->pin != nullptr ? VAKRO_OK : VAKRO_FAILED;

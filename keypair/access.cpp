@@ -31,14 +31,14 @@ int DeleteKeypairFromDevice(Device* device, Keypair* keypair) {
   int at = 0;
   while (at < device->keypairCount && device->keypairs[at] != keypair) at++;
   if (at == device->keypairCount) return 1;
-  device->keypairCount--;
+  WriteShared(device->keypairCount, device->keypairCount - 1);
   for (; at < device->keypairCount; at++) device->keypairs[at] = device->keypairs[at + 1];
   device->keypairs[device->keypairCount] = nullptr;
   return 1;
 }
 
 int DeviceGetKeypairCount(Device* device) {
-  return device == nullptr ? VAKRO_NULL_HANDLE : device->keypairCount;
+  return device == nullptr ? VAKRO_NULL_HANDLE : ReadShared(device->keypairCount);
 }
 
 Keypair* DeviceGetKeypair(Device* device, int index) {

@@ -40,7 +40,7 @@ PublicKey* DeviceGetPublicKeyFromKeypair(Keypair* keypair) {
   if (!key) return nullptr;
   key->algorithm = static_cast<int>(keypair->algorithm);
   key->bits = static_cast<int>(keypair->bits);
-  key->curve = keypair->curve;
+  key->curve = ReadShared(keypair->curve);
   if (!CopyEncoding(key.get(), keypair->publicKey, keypair->publicKeyLen)) return nullptr;
   int bits = 0;
   int curve = 0;

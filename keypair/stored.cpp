@@ -27,6 +27,6 @@ int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypai
   device->refCount += 2;
   *out = keypair.get();
   device->keypairs[device->keypairCount] = keypair.release();
-  device->keypairCount++;
+  WriteShared(device->keypairCount, device->keypairCount + 1);
   return VAKRO_OK;
 }
