@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs all tests: release, with the address and undefined-behaviour sanitizers,
-# and with the thread sanitizer.
+# Sets up, builds and runs all tests: release, and with the address and undefined-behaviour
+# sanitizers.
 # Other presets can be named: scripts/test.sh release
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan)
+[ ${#presets[@]} -gt 0 ] || presets=(release asan)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "== $preset"
