@@ -34,9 +34,18 @@ static Found LoadFile(const char* path, OwnedDevice& device) {
 }
 
 // remove() would take an empty folder too.
-static void RemoveFile(const char* path) {
+static bool IsFile(const char* path) {
   struct stat info;
-  if (lstat(path, &info) == 0 && !S_ISDIR(info.st_mode)) remove(path);
+  return lstat(path, &info) == 0 && !S_ISDIR(info.st_mode);
+}
+
+static void RemoveFile(const char* path) {
+  if (IsFile(path)) remove(path);
+}
+
+// A good device file may still be in memory only, if the process that wrote it has died.
+static void RemoveStaleBackup(const char* backupPath, const char* path) {
+  if (IsFile(backupPath) && SyncFile(path)) remove(backupPath);
 }
 
 static void AddToSet(DeviceSet* set, OwnedDevice& device, UtilText& filePath,
@@ -55,7 +64,7 @@ static Found AddFromDeviceFile(DeviceSet* set, const char* path) {
   UtilText filePath(CopyText(path, strlen(path), ""));
   UtilText backupPath(CopyText(path, strlen(path), BACKUP_SUFFIX));
   if (!filePath || !backupPath) return Found::UNKNOWN;
-  RemoveFile(backupPath.get());
+  RemoveStaleBackup(backupPath.get(), path);
   AddToSet(set, device, filePath, backupPath);
   return Found::GOOD;
 }

@@ -111,11 +111,20 @@ int OpenFolderOf(const char* path) {
   return open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
+// SyncAll syncs a descriptor; a file system that does not sync such files is as good as it gets.
+static bool SyncAll(int fd) {
+  return Sync(fsync, fd) || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS ||
+         errno == EROFS;
+}
+
 bool SyncFolder(const char* path) {
   const Descriptor folder(OpenFolderOf(path));
-  if (folder.fd < 0) return errno == EACCES;
-  if (Sync(fsync, folder.fd)) return true;
-  return errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS || errno == EROFS;
+  return folder.fd < 0 ? errno == EACCES : SyncAll(folder.fd);
+}
+
+bool SyncFile(const char* path) {
+  const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  return file.fd >= 0 && SyncAll(file.fd) && SyncFolder(path);
 }
 
 int CopyFileData(const char* source, const char* destination) {

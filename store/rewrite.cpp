@@ -35,11 +35,12 @@ int GetDeviceDataFromFile(Device* device, unsigned char** text, unsigned int* le
   return 1;
 }
 
-// A valid backup may be the only good copy: only a valid device file may take its place.
+// A valid backup may be the only good copy: only a valid device file may take its place, and one
+// that is on the disk: the process that wrote it may have died before it had synced it.
 static bool MayReplaceBackup(const Device* device) {
   UtilBytes image;
-  return ReadImageAt(device->backupPath, &image) == Found::MISSING_OR_DAMAGED ||
-         ReadImageAt(device->filePath, &image) == Found::GOOD;
+  if (ReadImageAt(device->backupPath, &image) == Found::MISSING_OR_DAMAGED) return true;
+  return ReadImageAt(device->filePath, &image) == Found::GOOD && SyncFile(device->filePath);
 }
 
 // The steps, each on stable storage before the next begins, and what a crash leaves in them:

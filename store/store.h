@@ -215,6 +215,10 @@ int OpenFolderOf(const char* path);  // a descriptor of the folder that holds th
 // that does not sync folders, are as good as it gets.
 bool SyncFolder(const char* path);
 
+// SyncFile puts bytes and name of a file on stable storage that another process may have left
+// unsynced: one that reads well need not be on the disk yet.
+bool SyncFile(const char* path);
+
 // json.cpp
 
 bool IsArray(const VakroJson* value);
