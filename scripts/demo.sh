@@ -21,14 +21,19 @@ refused() {
   sed 's/^/    /' refusal
 }
 
-step "Setting up and building"
-scripts/setup.sh
-cmake --preset release >/dev/null
-cmake --build --preset release --target softdevice | tail -n 1 | sed 's/^/  /'
-
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-PATH=$PWD/build/release/bin:$PATH
+
+step "Setting up and building"
+scripts/setup.sh
+build=$PWD/build/release
+if ! mkdir -p "$build" 2>/dev/null || [ ! -w "$build" ]; then
+  build=$scratch/build
+  say "This folder is another user's: building in $build."
+fi
+cmake --preset release -B "$build" >/dev/null
+cmake --build "$build" --target softdevice | tail -n 1 | sed 's/^/  /'
+PATH=$build/bin:$PATH
 cp README.md "$scratch"
 cd "$scratch"
 document=README.md

@@ -55,8 +55,9 @@ static void AddEntry(X509_NAME* name, const std::string& type, const std::string
 
 Name ParseName(const std::string& text) {
   Name name(X509_NAME_new());
-  if (!text.starts_with('/'))
+  if (!text.starts_with('/')) {
     throw Failure("The subject must begin with a slash, as in /CN=Alice.");
+  }
   std::string parts[2];  // type, value
   size_t part = 0;
   for (size_t i = 1; i <= text.size(); i++) {

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <stdio.h>
+#include <algorithm>
 
 struct CipherOptions {
   std::string file;
@@ -24,7 +25,8 @@ static unsigned int AlgorithmOf(const PublicPart& key) {
 }
 
 static void RequirePlaintextFits(const PublicPart& key, size_t length) {
-  const size_t max = static_cast<size_t>(key.bits / 8 - RSA_PADDING_OVERHEAD);
+  const int modulus = EVP_PKEY_get_size(key.key.get());
+  const size_t max = static_cast<size_t>(std::max(0, modulus - RSA_PADDING_OVERHEAD));
   if (key.kind == Kind::RSA_PKCS1 && length > max) {
     throw Failure(
         "RSA-" + std::to_string(key.bits) + " encrypts at most " + std::to_string(max) + " bytes.",
@@ -53,7 +55,7 @@ static void EncryptFor(const PublicPart& key, const CipherOptions& options) {
 }
 
 static void Encrypt(const Target& target, const CipherOptions& options) {
-  CheckOutput(options.file, options.output, Output::BINARY);
+  CheckFiles(options.file, options.output, Output::BINARY);
   if (options.publicKey.empty()) {
     const KeypairSession session(target);
     return EncryptFor(PublicPartOf(session.keypair.get()), options);
@@ -63,13 +65,14 @@ static void Encrypt(const Target& target, const CipherOptions& options) {
 }
 
 static void Decrypt(const Target& target, const CipherOptions& options) {
-  CheckOutput(options.file, options.output, Output::SECRET);
+  CheckFiles(options.file, options.output, Output::SECRET);
   const KeypairSession session(target);
   const PublicPart key = PublicPartOf(session.keypair.get());
   const unsigned int algorithm = AlgorithmOf(key);
   Bytes ciphertext = ReadInput(options.file);
-  if (key.kind == Kind::SM2 && IsSm2CipherDer(ciphertext))
+  if (key.kind == Kind::SM2 && IsSm2CipherDer(ciphertext)) {
     ciphertext = Sm2CipherFromDer(ciphertext);
+  }
   Unlock(session.device(), options.pin);
   Secret plaintext(ciphertext.size() + 1);
   int length = 0;
@@ -97,7 +100,8 @@ void AddCipherCommands(CLI::App& app, Target& target) {
   AddCommon(encrypt, *options, "File to encrypt; - is standard input");
   encrypt
       ->add_option("--format", options->format,
-                   "SM2 ciphertext: raw is C1 || C2 || C3, der the SEQUENCE that openssl reads")
+                   "SM2: raw is C1 || C2 || C3, der what openssl reads")
+      ->type_name("FORM")
       ->capture_default_str()
       ->check(CLI::IsMember({"raw", "der"}).description(""));
   encrypt

@@ -120,6 +120,7 @@ static CLI::App* AddObjectCommand(CLI::App& data, Target& target, const SharedOp
 
 static void AddOffset(CLI::App* command, const SharedOptions& options) {
   command->add_option("--offset", options->offset, "Byte to begin at [0]")
+      ->type_name("N")
       ->check(CLI::Range(0, INT_MAX).description(""));
 }
 
@@ -142,8 +143,10 @@ void AddDataCommands(CLI::App& app, Target& target) {
       AddObjectCommand(*data, target, options, "read", "Write out an object's bytes", Read);
   AddOffset(read, options);
   read->add_option("--length", options->length, "Bytes to read [to the end]")
+      ->type_name("N")
       ->check(CLI::Range(0, INT_MAX).description(""));
-  read->add_option("-o,--output", options->file, "File to write [standard output]");
+  read->add_option("-o,--output", options->file, "File to write [standard output]")
+      ->type_name("FILE");
 
   CLI::App* write =
       AddObjectCommand(*data, target, options, "write", "Overwrite bytes of an object", Write);

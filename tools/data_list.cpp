@@ -34,8 +34,9 @@ void ForgetEmptyList(Device* device) {
   const Json root = ReadRoot(device);
   const int objects = CountObjects(root.get());
   if (objects == -2) throw Failure("The device file can't be read.");
-  if (objects == -1)
+  if (objects == -1) {
     throw Failure("The device has no list of data objects.", "Nothing needs doing.");
+  }
   if (objects > 0) {
     throw Failure("The device still holds data objects.",
                   "'softdevice data list' shows them, 'softdevice data delete' removes one.");

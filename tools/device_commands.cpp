@@ -22,21 +22,13 @@ struct CreateOptions {
 
 static constexpr size_t SERIAL_BYTES = 8;  // of a random serial number
 
-static void FlushFolder(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;  // a folder that may be entered but not listed
-  fsync(fd);
-  close(fd);
-}
-
 // MakeFolder makes the folder, and those above it, where they are missing.
 static void MakeFolder(const std::string& path) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string folder = path.substr(0, slash);
     if (mkdir(folder.c_str(), 0700) == 0) {
-      const size_t parent = folder.find_last_of('/');
-      FlushFolder(parent == std::string::npos ? "." : folder.substr(0, parent + 1));
+      SyncFolder(folder.c_str());
     } else if (errno != EEXIST) {
       throw Failure("Can't make the folder " + folder + ": " + SystemError() + ".",
                     "--folder DIR works in a folder of your own.");
@@ -47,8 +39,7 @@ static void MakeFolder(const std::string& path) {
 static std::string RandomSerialNumber() {
   unsigned char bytes[SERIAL_BYTES];
   char text[2 * SERIAL_BYTES + 1];
-  if (RAND_bytes(bytes, sizeof bytes) != 1)
-    throw Failure("No random numbers: " + OpenSslError() + ".");
+  if (RAND_bytes(bytes, sizeof bytes) != 1) throw Failure("There are no random numbers.");
   for (size_t i = 0; i < sizeof bytes; i++) snprintf(text + 2 * i, 3, "%02X", bytes[i]);
   return text;
 }
@@ -85,8 +76,9 @@ static UtilText TextOfEmptyDevice(const Device& device, unsigned int& length) {
   for (const Json* item : {&serial, &label, &keypairs}) {
     if (vakro_json_addarrayitem(root.get(), item->get()) != 1) throw std::bad_alloc();
   }
-  if (vakro_json_encode(root.get(), VAKRO_JSON_COMPACT, &text, &length) != 1)
+  if (vakro_json_encode(root.get(), VAKRO_JSON_COMPACT, &text, &length) != 1) {
     throw std::bad_alloc();
+  }
   return UtilText(text);
 }
 
@@ -101,15 +93,16 @@ static void WriteNewDevice(Device* device) {
                   "Choose another serial number. If the file is the rest of a 'create' that was "
                   "interrupted, remove it.");
   }
-  if (fd < 0)
+  if (fd < 0) {
     throw Failure("Can't create " + std::string(device->filePath) + ": " + SystemError() + ".");
+  }
   close(fd);
-  if (WriteDeviceDataToFile(device, reinterpret_cast<unsigned char*>(text.get()), length) != 1) {
+  if (WriteDeviceDataToFile(device, reinterpret_cast<unsigned char*>(text.get()), length) != 1 ||
+      !SyncFolder(device->filePath)) {
     const std::string cause = SystemError();
     unlink(device->filePath);
     throw Failure("Can't write " + std::string(device->filePath) + ": " + cause + ".");
   }
-  FlushFolder(g_keyFolder);
 }
 
 static void Create(const Target& target, CreateOptions options) {
@@ -163,8 +156,9 @@ static void List(const Target& target) {
   DeviceSet* devices = folder.devices.get();
   for (int i = 0; i < devices->count; i++) ListDevice(devices->devices[i]);
   if (devices->count == 0) printf("No devices in %s\n", g_keyFolder);
-  for (const std::string& file : PassedOver(devices))
+  for (const std::string& file : PassedOver(devices)) {
     fprintf(stderr, "Passed over %s\n", file.c_str());
+  }
 }
 
 static void ChangePin(const Target& target, const SecretSource& oldPin,
@@ -175,9 +169,9 @@ static void ChangePin(const Target& target, const SecretSource& oldPin,
     throw Failure("Device " + LabelOf(device) + " has no keypairs, and so no PIN to change.",
                   "The first 'keygen' or 'import' sets it.");
   }
-  Unlock(device, oldPin);
+  const SecretText former = Unlock(device, oldPin);
   const SecretText current = ReadNewPin(newPin, "New PIN for device " + LabelOf(device));
-  if (DeviceChangePwd(device, PIN_TYPE_USER, device->pin, current.data(), nullptr) != VAKRO_OK) {
+  if (DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr) != VAKRO_OK) {
     throw Failure("The PIN could not be changed; the old one still holds.",
                   "Is the folder " + std::string(g_keyFolder) + " writable and the disk not full?");
   }

@@ -90,7 +90,10 @@ void WriteText(const std::string& path, const std::string& text) {
               Output::TEXT);
 }
 
-void CheckOutput(const std::string& input, const std::string& output, Output kind) {
+void CheckFiles(const std::string& input, const std::string& output, Output kind) {
+  if (input != "-" && access(input.c_str(), R_OK) != 0) {
+    throw Failure("Can't open " + input + ": " + SystemError() + ".");
+  }
   if (output == "-") return RefuseTerminal(kind);
   std::error_code none;
   if (input == "-" || !std::filesystem::equivalent(input, output, none)) return;

@@ -25,8 +25,9 @@ void WriteOutput(const std::string& path, ByteSpan bytes, Output kind);
 
 void WriteText(const std::string& path, const std::string& text);
 
-// CheckOutput fails, before any work, when WriteOutput would refuse or would replace the input.
-void CheckOutput(const std::string& input, const std::string& output, Output kind);
+// CheckFiles fails, before any work and any PIN, when the input can't be read, or the output would
+// be refused or replace the input.
+void CheckFiles(const std::string& input, const std::string& output, Output kind);
 
 bool HasTerminal();  // of this process, whatever its standard streams are
 

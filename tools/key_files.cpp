@@ -27,8 +27,9 @@ struct Passphrase {
 static int GivePassphrase(char* buffer, int size, int, void* context) {
   Passphrase& passphrase = *static_cast<Passphrase*>(context);
   try {
-    if (passphrase.text.empty())
+    if (passphrase.text.empty()) {
       passphrase.text = ReadSecret(passphrase.source, "Passphrase of the file");
+    }
   } catch (...) {
     passphrase.problem = std::current_exception();
     return -1;

@@ -115,8 +115,9 @@ static void WritePublicKey(const Target& target, const KeypairOptions& options) 
 static void RequireNoDataList(Device* device) {
   const int objects = StoredObjects(device);
   if (objects == -1) return;
-  if (objects == -2)
+  if (objects == -2) {
     throw Failure("The device file can't be read, or its list of data objects is damaged.");
+  }
   const std::string why =
       "A device file with a list of data objects, even an empty one, does not let "
       "a keypair go.";

@@ -71,6 +71,7 @@ static EvpKey RsaFromEncoding(ByteSpan encoding) {
   const BigNum n(BN_bin2bn(rawModulus, modulusLen, nullptr));
   const BigNum e(BN_bin2bn(rawExponent, exponentLen, nullptr));
   const ParamBuilder builder(OSSL_PARAM_BLD_new());
+  if (!n || !e || !builder) throw std::bad_alloc();
   OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get());
   OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get());
   return FromParams("RSA", builder.get());
@@ -91,6 +92,7 @@ static EvpKey EccFromEncoding(ByteSpan encoding) {
   std::copy_n(y.get(), yLen, point.end() - yLen);
   const char* name = curve == CURVE_SM2 ? "SM2" : "prime256v1";
   const ParamBuilder builder(OSSL_PARAM_BLD_new());
+  if (!builder) throw std::bad_alloc();
   OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, name, 0);
   OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
                                    point.size());

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <stdio.h>
+#include <sys/resource.h>
 #include <new>
 
 static const char* const FOOTER =
@@ -72,6 +73,8 @@ static int Run(int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
+  const rlimit none = {0, 0};
+  setrlimit(RLIMIT_CORE, &none);  // a core file would hold PIN and keys
   try {
     return Run(argc, argv);
   } catch (const std::exception& error) {

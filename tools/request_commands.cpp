@@ -136,6 +136,7 @@ void AddRequestCommands(CLI::App& app, Target& target) {
   CLI::App* selfSign = app.add_subcommand("self-sign", "Write a self-signed certificate");
   AddCommon(selfSign, target, *options);
   selfSign->add_option("--days", options->days, "Days until it expires")
+      ->type_name("N")
       ->capture_default_str()
       ->check(CLI::Range(1, 36500).description(""));
   selfSign->add_flag("--store", options->store, "Also add it to the keypair");

@@ -9,8 +9,9 @@
 #include <algorithm>
 
 std::string FolderOf(const Target& target) {
-  if (!target.folder.empty())
+  if (!target.folder.empty()) {
     return target.folder.ends_with('/') ? target.folder : target.folder + "/";
+  }
   const UtilText own(GetCertificatKeyFilePath());
   if (!own) throw std::bad_alloc();
   return own.get();
@@ -138,13 +139,13 @@ std::vector<std::string> PassedOver(DeviceSet* set) {
   return left;
 }
 
-void Unlock(Device* device, const SecretSource& source) {
-  const SecretText pin = DeviceGetKeypairCount(device) == 0
-                             ? ReadNewPin(source, "New PIN for device " + LabelOf(device))
-                             : ReadSecret(source, "PIN of device " + LabelOf(device));
+SecretText Unlock(Device* device, const SecretSource& source) {
+  SecretText pin = DeviceGetKeypairCount(device) == 0
+                       ? ReadNewPin(source, "New PIN for device " + LabelOf(device))
+                       : ReadSecret(source, "PIN of device " + LabelOf(device));
   switch (DeviceVerifyPwd(device, PIN_TYPE_USER, pin.data(), nullptr)) {
     case VAKRO_OK:
-      return;
+      return pin;
     case VAKRO_WRONG_PIN:
       throw Failure("Wrong PIN for device " + LabelOf(device) + ".",
                     "Nothing is counted, so try again. If the PIN is certain, a keypair in the "

@@ -51,8 +51,9 @@ std::string LabelOf(Device* device);         // printable
 std::string SerialNumberOf(Device* device);  // printable
 std::string LabelOf(Keypair* keypair);       // printable
 
-// Unlock verifies the PIN. On a device without keypairs this sets the PIN, so it is asked twice.
-void Unlock(Device* device, const SecretSource& source);
+// Unlock verifies the PIN and returns it. On a device without keypairs this sets the PIN, so it is
+// asked twice.
+SecretText Unlock(Device* device, const SecretSource& source);
 
 // RequireChange fails unless `result`, of a call that changes the device file, is success; `what`
 // was to be done, as in "store the keypair".

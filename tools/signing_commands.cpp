@@ -18,7 +18,7 @@ struct SigningOptions {
 };
 
 static void Sign(const Target& target, const SigningOptions& options) {
-  CheckOutput(options.file, options.output, Output::BINARY);
+  CheckFiles(options.file, options.output, Output::BINARY);
   const KeypairSession session(target);
   const PublicPart key = PublicPartOf(session.keypair.get());
   Unlock(session.device(), options.pin);
