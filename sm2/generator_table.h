@@ -1,0 +1,17 @@
+// Odd multiples of the generator, computed by make_generator_table when the library is built.
+#ifndef VAKRO_SM2_GENERATOR_TABLE_H
+#define VAKRO_SM2_GENERATOR_TABLE_H
+
+#include "sm2/point.h"
+
+namespace sm2 {
+
+inline constexpr int GENERATOR_WIDTH = 7;     // bits of a window
+inline constexpr int GENERATOR_WINDOWS = 37;  // 259 bits
+inline constexpr size_t GENERATOR_ROWS = 64;
+
+// Row j of window i is (2j + 1) 2^(7i) G.
+extern const AffinePoint GENERATOR_TABLE[GENERATOR_WINDOWS][GENERATOR_ROWS];
+
+}  // namespace sm2
+#endif
