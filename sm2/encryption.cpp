@@ -1,11 +1,9 @@
 // SM2 public-key encryption, GB/T 32918.4; the ciphertext is C1 || C2 || C3.
-#include "sm2/random.h"
-#include "sm2/sm2.h"
+#include "sm2/operands.h"
 
 #include <string.h>
 
 static constexpr int TRY_AGAIN = -1;
-static constexpr int SHARED_SIZE = 2 * SM2_FIELD_SIZE;  // x2 || y2
 
 namespace {
 // One SM3 digest over several pieces.
@@ -18,22 +16,7 @@ struct SM3 {
   // Copies the first `size` bytes of the digest, at most 32.
   bool Finish(unsigned char* out, int size) const;
 };
-
-// The shared point, wiped at the end.
-struct SharedPoint {
-  Wiped<SM2_POINT_SIZE> raw;
-  bool Read(const EC_POINT* point);
-  const unsigned char* X() const { return raw.bytes + 1; }
-  const unsigned char* Y() const { return raw.bytes + 1 + SM2_FIELD_SIZE; }
-};
 }  // namespace
-
-static bool ToBytes(const EC_POINT* point, unsigned char* raw) {
-  return EC_POINT_point2oct(g_sm2->group, point, POINT_CONVERSION_UNCOMPRESSED, raw, SM2_POINT_SIZE,
-                            nullptr) == SM2_POINT_SIZE;
-}
-
-bool SharedPoint::Read(const EC_POINT* point) { return ToBytes(point, raw.bytes); }
 
 bool SM3::Finish(unsigned char* out, int size) const {
   unsigned char* digest = nullptr;
@@ -73,27 +56,22 @@ int SM3C3(const unsigned char* x2, const unsigned char* y2, const unsigned char*
 }
 
 int TrySM2Encrypt(const EC_POINT* pub, const unsigned char* m, int mLen, unsigned char* out) {
-  const EC_GROUP* group = g_sm2->group;
-  const BigNum k = RandomScalar();  // A1
-  const BnCtx ctx(BN_CTX_new());
-  const EcPoint c1(EC_POINT_new(group));
-  const EcPoint point(EC_POINT_new(group));
-  if (!k || !ctx || !c1 || !point) return 0;
+  ScalarBytes k;
+  unsigned char point[SM2_AFFINE_SIZE];
+  if (!RandomScalar(k) || !ReadPublicPoint(pub, point)) return 0;  // A1
   // A2: C1 = [k]G
-  if (EC_POINT_mul(group, c1.get(), k.get(), nullptr, nullptr, ctx.get()) != 1 ||
-      !ToBytes(c1.get(), out))
-    return 0;
+  out[0] = POINT_CONVERSION_UNCOMPRESSED;
+  if (SM2MultiplyGenerator(out + 1, k.bytes) != 1) return 0;
   // A4: (x2, y2) = [k]P_B
-  SharedPoint shared;
-  if (EC_POINT_mul(group, point.get(), nullptr, pub, k.get(), ctx.get()) != 1 ||
-      !shared.Read(point.get()))
-    return 0;
+  AffineBytes shared;
+  if (SM2MultiplyPoint(shared.bytes, k.bytes, point) != 1) return 0;
   // A5: t = KDF(x2 || y2, mLen)
   unsigned char* const c2 = out + SM2_POINT_SIZE;
-  if (SM2KDF(shared.X(), SHARED_SIZE, c2, mLen) != 1) return 0;
+  if (SM2KDF(shared.bytes, SM2_AFFINE_SIZE, c2, mLen) != 1) return 0;
   if (IsAllZero(c2, mLen)) return TRY_AGAIN;
-  Xor(c2, m, mLen);                                          // A6
-  return SM3C3(shared.X(), shared.Y(), m, mLen, c2 + mLen);  // A7
+  Xor(c2, m, mLen);  // A6
+  // A7: C3 = SM3(x2 || M || y2)
+  return SM3C3(shared.bytes, shared.bytes + SM2_FIELD_SIZE, m, mLen, c2 + mLen);
 }
 
 int SM2Encrypt(EVP_PKEY* key, const unsigned char* m, int mLen, unsigned char* out) {
@@ -105,27 +83,21 @@ int SM2Encrypt(EVP_PKEY* key, const unsigned char* m, int mLen, unsigned char* o
   return result;
 }
 
-// B1 to B3: (x2, y2) = [d]C1
-static bool ReadShared(const BIGNUM* d, const unsigned char* c1, SharedPoint& shared) {
-  const EC_GROUP* group = g_sm2->group;
-  const BnCtx ctx(BN_CTX_new());
-  const EcPoint point(EC_POINT_new(group));
-  return c1[0] == POINT_CONVERSION_UNCOMPRESSED && ctx && point &&
-         EC_POINT_oct2point(group, point.get(), c1, SM2_POINT_SIZE, ctx.get()) == 1 &&
-         EC_POINT_mul(group, point.get(), nullptr, point.get(), d, ctx.get()) == 1 &&
-         shared.Read(point.get());
-}
-
 static bool Decrypt(const BIGNUM* d, const unsigned char* c, int mLen, unsigned char* out) {
-  SharedPoint shared;
-  if (!ReadShared(d, c, shared)) return false;
-  const unsigned char* const c2 = c + SM2_POINT_SIZE;
+  // B1: C1 is a point of the curve
+  ScalarBytes scalar;
+  if (c[0] != POINT_CONVERSION_UNCOMPRESSED || SM2IsOnCurve(c + 1) != 1 || !ReadSecret(d, scalar))
+    return false;
+  // B3: (x2, y2) = [d]C1
+  AffineBytes shared;
+  if (SM2MultiplyPoint(shared.bytes, scalar.bytes, c + 1) != 1) return false;
   // B4: t = KDF(x2 || y2, mLen)
-  if (SM2KDF(shared.X(), SHARED_SIZE, out, mLen) != 1 || IsAllZero(out, mLen)) return false;
+  if (SM2KDF(shared.bytes, SM2_AFFINE_SIZE, out, mLen) != 1 || IsAllZero(out, mLen)) return false;
+  const unsigned char* const c2 = c + SM2_POINT_SIZE;
   Xor(out, c2, mLen);  // B5
   // B6: u = SM3(x2 || M' || y2)
   unsigned char u[SM2_FIELD_SIZE];
-  return SM3C3(shared.X(), shared.Y(), out, mLen, u) == 1 &&
+  return SM3C3(shared.bytes, shared.bytes + SM2_FIELD_SIZE, out, mLen, u) == 1 &&
          CRYPTO_memcmp(u, c2 + mLen, SM2_FIELD_SIZE) == 0;
 }
 
