@@ -14,7 +14,7 @@ using Dialogue = std::unique_ptr<UI, Release<UI_free>>;
 
 static SecretText FromLine(const unsigned char* line, size_t length, const std::string& what) {
   if (length > 0 && line[length - 1] == '\r') length--;
-  if (length > SECRET_MAX || memchr(line, 0, length) != nullptr) {
+  if (length > SECRET_MAX || std::find(line, line + length, 0) != line + length) {
     throw Failure("The " + what + " is too long or holds a NUL.",
                   "At most " + std::to_string(SECRET_MAX) + " characters are taken.");
   }
