@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -137,11 +138,19 @@ static void WithBuffer(Call call) {
   DEMAND(length >= 0 && length <= needed);
 }
 
+static bool IsRaw(unsigned int algorithm) {
+  return algorithm == ALGORITHM_RSA_RAW_SIGN || algorithm == ALGORITHM_RSA_RAW_ENCRYPT;
+}
+
+// The bits come from a file and may say anything.
+static int ModulusSize(unsigned int bits) {
+  return static_cast<int>(std::min<size_t>(bits / 8 + (bits % 8 != 0 ? 1 : 0), sizeof(BLOCK)));
+}
+
 void UsePrivateKey(Keypair* keypair) {
-  const int modulus = static_cast<int>((DeviceGetKeypairBits(keypair) + 7) / 8);
+  const int modulusSize = ModulusSize(DeviceGetKeypairBits(keypair));
   for (const unsigned int algorithm : ALGORITHMS) {
-    const bool raw = algorithm == ALGORITHM_RSA_RAW_SIGN || algorithm == ALGORITHM_RSA_RAW_ENCRYPT;
-    const int length = raw && modulus <= int{sizeof(BLOCK)} ? modulus : DIGEST_LEN;
+    const int length = IsRaw(algorithm) ? modulusSize : DIGEST_LEN;
     WithBuffer([=](unsigned char* buffer, int size, int* written) {
       return DeviceSign(keypair, algorithm, nullptr, BLOCK, length, buffer, size, written);
     });
@@ -149,13 +158,11 @@ void UsePrivateKey(Keypair* keypair) {
 }
 
 void UsePublicKey(PublicKey* key) {
-  const int modulus = (DeviceGetPublicKeyBits(key) + 7) / 8;
-  if (modulus > int{sizeof(BLOCK)}) return;
+  const int modulusSize = ModulusSize(static_cast<unsigned int>(DeviceGetPublicKeyBits(key)));
   for (const unsigned int algorithm : ALGORITHMS) {
-    const bool raw = algorithm == ALGORITHM_RSA_RAW_SIGN || algorithm == ALGORITHM_RSA_RAW_ENCRYPT;
-    const int length = raw ? modulus : DIGEST_LEN;
+    const int length = IsRaw(algorithm) ? modulusSize : DIGEST_LEN;
     // Zeros are a raw RSA signature of zeros, and of nothing else.
-    const int valid = DeviceVerify(key, algorithm, nullptr, BLOCK, length, BLOCK, modulus);
+    const int valid = DeviceVerify(key, algorithm, nullptr, BLOCK, length, BLOCK, modulusSize);
     DEMAND(valid == VAKRO_FAILED || (valid == VAKRO_OK && algorithm == ALGORITHM_RSA_RAW_SIGN));
     WithBuffer([=](unsigned char* buffer, int size, int* written) {
       return DevicePublicKeyEncrypt(key, algorithm, nullptr, BLOCK, length, buffer, size, written);

@@ -28,14 +28,19 @@ for target; do
   grown=build/fuzz/corpus/$target
   log=build/fuzz/$target.log
   mkdir -p "$grown" "fuzz/crashes/$target"
-  result=fine
+  code=0
   build/fuzz/bin/fuzz_"$target" -max_total_time="$seconds" -max_len=4096 -timeout=25 \
     -print_final_stats=1 -artifact_prefix="fuzz/crashes/$target/" \
-    "$grown" "fuzz/corpus/$target" "fuzz/crashes/$target" >"$log" 2>&1 || result="FINDING, see $log"
+    "$grown" "fuzz/corpus/$target" "fuzz/crashes/$target" >"$log" 2>&1 || code=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
+  case $code in
+    0) result=fine ;;
+    72) result="stopped from outside" ;;
+    *) result="FINDING, see $log" ;;
+  esac
   printf '%-20s %10s runs %7s/s  %s\n' "$target" "${runs:-?}" "${rate:-?}" "$result"
-  [ "$result" = fine ] || status=1
+  [ $code -eq 0 ] || status=1
   rmdir "fuzz/crashes/$target" 2>/dev/null || true
 done
 rmdir fuzz/crashes 2>/dev/null || true
