@@ -18,6 +18,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -32,6 +34,8 @@ thread_local Fault t_fault;
 thread_local bool t_armed = false;
 thread_local long t_calls = 0;
 thread_local const char* t_hit = nullptr;
+thread_local int (*t_hook)(const FileCall&) = nullptr;
+thread_local int t_hookError = 0;
 std::atomic<long> g_live{0};
 std::deque<std::string> g_randRange;
 
@@ -88,9 +92,20 @@ bool MustFail(const char* name, const void* caller, const char* path = nullptr) 
   return true;
 }
 
+bool MustFail(const FileCall& call, const void* caller) {
+  if (t_hook != nullptr && FromLibraries(caller)) {
+    const int usual = errno;
+    t_hookError = t_hook(call);
+    errno = usual;
+    if (t_hookError != 0) return true;
+  }
+  return MustFail(call.name, caller, call.path);
+}
+
 template <class Result>
 Result Failed(int usual, Result result) {
-  errno = t_fault.error != 0 ? t_fault.error : usual;
+  const int error = std::exchange(t_hookError, 0);
+  errno = error != 0 ? error : t_fault.error != 0 ? t_fault.error : usual;
   return result;
 }
 
@@ -111,6 +126,7 @@ void ArmFault(const Fault& fault) {
 void DisarmFault() { t_armed = false; }
 long FaultCalls() { return t_calls; }
 const char* FaultHit() { return t_hit; }
+void HookFiles(int (*hook)(const FileCall& call)) { t_hook = hook; }
 long LiveAllocations() { return g_live; }
 void FixRandRange(std::initializer_list<const char*> hex) {
   g_randRange.assign(hex.begin(), hex.end());
@@ -124,6 +140,13 @@ void FixRandRange(std::initializer_list<const char*> hex) {
     using Function = result(*) params;                                \
     static const auto next = reinterpret_cast<Function>(Next(#name)); \
     return MustFail(#name, CALLER) ? failure : next args;             \
+  }
+// The same for a file call; the last arguments are its FileCall behind the name.
+#define INTERPOSE_FILE(result, function, params, spec, args, failure, ...)           \
+  extern "C" result function params spec {                                           \
+    using Function = result(*) params;                                               \
+    static const auto next = reinterpret_cast<Function>(Next(#function));            \
+    return MustFail({.name = #function, __VA_ARGS__}, CALLER) ? failure : next args; \
   }
 #define INTERPOSE(result, name, params, args, failure) \
   INTERPOSE_AS(result, name, params, , args, failure)
@@ -216,29 +239,42 @@ INTERPOSE_INT(PKCS5_PBKDF2_HMAC, (const char* p, int pn, Bytes s, int sn, int i,
 INTERPOSE_INT(RAND_bytes, (unsigned char* b, int n), (b, n))
 
 // C library
-INTERPOSE(int, fseek, (FILE* f, long o, int w), (f, o, w), Failed(EIO, -1))
-INTERPOSE(long, ftell, (FILE* f), (f), Failed(EIO, -1L))
-INTERPOSE(size_t, fread, (void* p, size_t s, size_t n, FILE* f), (p, s, n, f), FailedStream(f, EIO))
-INTERPOSE(size_t, fwrite, (const void* p, size_t s, size_t n, FILE* f), (p, s, n, f), FailedStream(f, ENOSPC))
-INTERPOSE(int, fflush, (FILE* f), (f), Failed(ENOSPC, EOF))
-INTERPOSE(int, fclose, (FILE* f), (f), (next(f), Failed(ENOSPC, EOF)))
-INTERPOSE(int, fsync, (int d), (d), Failed(EIO, -1))
-INTERPOSE(int, fdatasync, (int d), (d), Failed(EIO, -1))
-INTERPOSE_AS(int, rename, (const char* a, const char* b), noexcept, (a, b), Failed(EXDEV, -1))
-INTERPOSE_AS(int, remove, (const char* p), noexcept, (p), Failed(EBUSY, -1))
-INTERPOSE_AS(int, unlink, (const char* p), noexcept, (p), Failed(EBUSY, -1))
-INTERPOSE(DIR*, opendir, (const char* p), (p), Failed(EMFILE, nullptr))
-INTERPOSE(dirent*, readdir, (DIR* d), (d), Failed(EIO, nullptr))
+INTERPOSE_FILE(int, fseek, (FILE* f, long o, int w), , (f, o, w), Failed(EIO, -1), .stream = f)
+INTERPOSE_FILE(long, ftell, (FILE* f), , (f), Failed(EIO, -1L), .stream = f)
+INTERPOSE_FILE(size_t, fread, (void* p, size_t s, size_t n, FILE* f), , (p, s, n, f), FailedStream(f, EIO), .stream = f)
+INTERPOSE_FILE(size_t, fwrite, (const void* p, size_t s, size_t n, FILE* f), , (p, s, n, f), FailedStream(f, ENOSPC), .stream = f, .bytes = p, .length = s * n, .modifies = true)
+INTERPOSE_FILE(int, fflush, (FILE* f), , (f), Failed(ENOSPC, EOF), .stream = f, .modifies = true)
+INTERPOSE_FILE(int, fclose, (FILE* f), , (f), (next(f), Failed(ENOSPC, EOF)), .stream = f)
+INTERPOSE_FILE(int, fsync, (int d), , (d), Failed(EIO, -1), .fd = d)
+INTERPOSE_FILE(int, fdatasync, (int d), , (d), Failed(EIO, -1), .fd = d)
+INTERPOSE_FILE(int, rename, (const char* a, const char* b), noexcept, (a, b), Failed(EXDEV, -1), .path = a, .modifies = true)
+INTERPOSE_FILE(int, remove, (const char* p), noexcept, (p), Failed(EBUSY, -1), .path = p, .modifies = true)
+INTERPOSE_FILE(int, unlink, (const char* p), noexcept, (p), Failed(EBUSY, -1), .path = p, .modifies = true)
+INTERPOSE_FILE(DIR*, opendir, (const char* p), , (p), Failed(EMFILE, nullptr), .path = p)
+INTERPOSE_FILE(dirent*, readdir, (DIR* d), , (d), Failed(EIO, nullptr), .fd = dirfd(d))
+INTERPOSE_FILE(int, stat, (const char* p, struct stat* s), noexcept, (p, s), Failed(EIO, -1), .path = p)
+INTERPOSE_FILE(int, lstat, (const char* p, struct stat* s), noexcept, (p, s), Failed(EIO, -1), .path = p)
+INTERPOSE_FILE(int, fstat, (int d, struct stat* s), noexcept, (d, s), Failed(EIO, -1), .fd = d)
+INTERPOSE_FILE(int, access, (const char* p, int m), noexcept, (p, m), Failed(EIO, -1), .path = p)
+INTERPOSE_FILE(int, fchmod, (int d, mode_t m), noexcept, (d, m), Failed(EPERM, -1), .fd = d, .modifies = true)
+INTERPOSE_FILE(int, fchown, (int d, uid_t u, gid_t g), noexcept, (d, u, g), Failed(EPERM, -1), .fd = d, .modifies = true)
+INTERPOSE_FILE(int, ftruncate, (int d, off_t n), noexcept, (d, n), Failed(EIO, -1), .fd = d, .modifies = true)
+INTERPOSE_FILE(int, flock, (int d, int o), noexcept, (d, o), Failed(ENOLCK, -1), .fd = d)
 // clang-format on
 
 extern "C" FILE* fopen(const char* path, const char* mode) {
   static const auto next = reinterpret_cast<FILE* (*)(const char*, const char*)>(Next("fopen"));
-  return MustFail("fopen", CALLER, path) ? Failed(EMFILE, nullptr) : next(path, mode);
+  const bool modifies = strchr("wa", mode[0]) != nullptr;
+  return MustFail({.name = "fopen", .path = path, .modifies = modifies}, CALLER)
+             ? Failed(EMFILE, nullptr)
+             : next(path, mode);
 }
 
 extern "C" int open(const char* path, int flags, ...) {
   static const auto next = reinterpret_cast<int (*)(const char*, int, ...)>(Next("open"));
-  if (MustFail("open", CALLER, path)) return Failed(EMFILE, -1);
+  const bool modifies = (flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
+  if (MustFail({.name = "open", .path = path, .modifies = modifies}, CALLER))
+    return Failed(EMFILE, -1);
   va_list rest;
   va_start(rest, flags);
   const unsigned int mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned int) : 0;

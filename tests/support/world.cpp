@@ -14,17 +14,18 @@ std::string Bytes(const unsigned char* bytes, long length) {
              : std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
 }
 
-std::string Describe(const Device& device) {
+std::string Describe(const Device& device, bool addresses) {
   std::ostringstream out;
   out << device.serialNumber << ' ' << device.label << " pin "
       << (device.pin == nullptr ? "-" : device.pin) << " refs " << device.refCount << " tag "
       << device.fileTag << ' ' << device.filePath << ' ' << device.backupPath << '\n';
   for (int i = 0; i < device.keypairCount; i++) {
     const Keypair& k = *device.keypairs[i];
-    out << i << ' ' << &k << ' ' << k.label << ' ' << k.type << ' ' << k.algorithm << ' ' << k.bits
-        << ' ' << k.curve << ' ' << k.isTemp << ' ' << (k.device == &device) << ' ' << k.privateKey
-        << ' ' << Hex(Bytes(k.publicKey, k.publicKeyLen)) << ' ' << Hex(Bytes(k.salt, k.saltLen))
-        << ' ' << Hex(Bytes(k.iv, k.ivLen)) << ' '
+    if (addresses) out << &k << ' ' << k.privateKey << ' ';
+    out << i << ' ' << k.label << ' ' << k.type << ' ' << k.algorithm << ' ' << k.bits << ' '
+        << k.curve << ' ' << k.isTemp << ' ' << (k.device == &device) << ' '
+        << Hex(Bytes(k.publicKey, k.publicKeyLen)) << ' ' << Hex(Bytes(k.salt, k.saltLen)) << ' '
+        << Hex(Bytes(k.iv, k.ivLen)) << ' '
         << Hex(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen)) << '\n';
     for (int c = 0; c < k.certCount; c++)
       out << "  " << Hex(Bytes(k.certs[c]->data, k.certs[c]->length)) << '\n';
@@ -60,11 +61,13 @@ void ModuleTest::Write(const std::string& name, const std::string& content,
   ASSERT_EQ(chmod(Path(name).c_str(), mode), 0);
 }
 
-std::string ModuleTest::Read(const std::string& name) const {
+std::string ReadText(const std::string& path) {
   std::ostringstream content;
-  content << std::ifstream(Path(name), std::ios::binary).rdbuf();
+  content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
 }
+
+std::string ModuleTest::Read(const std::string& name) const { return ReadText(Path(name)); }
 
 bool ModuleTest::Exists(const std::string& name) const {
   return access(Path(name).c_str(), F_OK) == 0;

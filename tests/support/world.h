@@ -19,7 +19,9 @@ using KeypairHandle = std::unique_ptr<Keypair, Release<DeviceFreeKeypair>>;
 using PublicHandle = std::unique_ptr<PublicKey, Release<DeviceFreePublicKey>>;
 
 std::string Bytes(const unsigned char* bytes, long length);
-std::string Describe(const Device& device);  // every field of the record, as text
+std::string ReadText(const std::string& path);  // "" when there is none
+// Every field of the record, as text; without `addresses` it says the same of equal devices.
+std::string Describe(const Device& device, bool addresses = true);
 
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
 // block of vakro_malloc back.
