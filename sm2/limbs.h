@@ -68,16 +68,29 @@ constexpr U256 Select(uint64_t mask, const U256& a, const U256& b) {
            Select(mask, a.limb[2], b.limb[2]), Select(mask, a.limb[3], b.limb[3])}};
 }
 
+// These two are written out, so that compilers see one access and a swap of bytes.
+constexpr uint64_t LoadLimb(const unsigned char* b) {
+  return uint64_t{b[0]} << 56 | uint64_t{b[1]} << 48 | uint64_t{b[2]} << 40 | uint64_t{b[3]} << 32 |
+         uint64_t{b[4]} << 24 | uint64_t{b[5]} << 16 | uint64_t{b[6]} << 8 | uint64_t{b[7]};
+}
+
 constexpr U256 LoadBigEndian(const unsigned char* bytes) {
-  U256 r{};
-  for (int i = 0; i < 32; i++) r.limb[3 - i / 8] = r.limb[3 - i / 8] << 8 | bytes[i];
-  return r;
+  return {{LoadLimb(bytes + 24), LoadLimb(bytes + 16), LoadLimb(bytes + 8), LoadLimb(bytes)}};
+}
+
+constexpr void StoreLimb(unsigned char* b, uint64_t limb) {
+  b[0] = static_cast<unsigned char>(limb >> 56);
+  b[1] = static_cast<unsigned char>(limb >> 48);
+  b[2] = static_cast<unsigned char>(limb >> 40);
+  b[3] = static_cast<unsigned char>(limb >> 32);
+  b[4] = static_cast<unsigned char>(limb >> 24);
+  b[5] = static_cast<unsigned char>(limb >> 16);
+  b[6] = static_cast<unsigned char>(limb >> 8);
+  b[7] = static_cast<unsigned char>(limb);
 }
 
 constexpr void StoreBigEndian(unsigned char* bytes, const U256& a) {
-  for (int i = 0; i < 32; i++) {
-    bytes[i] = static_cast<unsigned char>(a.limb[3 - i / 8] >> (56 - i % 8 * 8));
-  }
+  for (int i = 0; i < 4; i++) StoreLimb(bytes + 8 * i, a.limb[3 - i]);
 }
 
 }  // namespace sm2

@@ -19,18 +19,28 @@ static void Compute(SM2Scalar* result, const Function& value) {
   sm2::CallAndBurn<2048>([&] { Set(result, value()); });
 }
 
-// Takes whole blocks of 32 bytes, after what is left over in front of them.
+// A block of 32 bytes mod n. Sets `reduced` when it was not below n.
+static sm2::U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
+  const sm2::U256 value = sm2::LoadBigEndian(bytes);
+  sm2::U256 unused;
+  reduced |= ~sm2::MaskOfBit(Subtract(unused, value, sm2::N.m));
+  return Reduce(0, value, sm2::N);
+}
+
+// Takes whole blocks, after what is left over in front of them.
 static sm2::U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
   using sm2::N;
-  sm2::U256 value{}, unused;
-  for (int at = 0; at < length;) {
-    const int size = (length - at) % 32 == 0 ? 32 : (length - at) % 32;
+  const int first = length % 32;
+  sm2::U256 value{};
+  if (first > 0) {
     unsigned char block[32] = {};
-    memcpy(block + 32 - size, bytes + at, static_cast<size_t>(size));
-    const sm2::U256 low = sm2::LoadBigEndian(block);
-    reduced |= ~MaskOfZero(value) | ~sm2::MaskOfBit(Subtract(unused, low, N.m));
-    value = ModAdd(MontgomeryMultiply(value, N.r2, N), Reduce(0, low, N), N);  // value 2^256 + low
-    at += size;
+    memcpy(block + 32 - first, bytes, static_cast<size_t>(first));
+    value = ReadBlock(block, reduced);
+  }
+  for (int at = first; at < length; at += 32) {
+    reduced |= ~MaskOfZero(value);
+    if (at > 0) value = MontgomeryMultiply(value, N.r2, N);  // value 2^256
+    value = ModAdd(value, ReadBlock(bytes + at, reduced), N);
   }
   return value;
 }
