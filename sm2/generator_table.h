@@ -6,11 +6,11 @@
 
 namespace sm2 {
 
-inline constexpr int GENERATOR_WIDTH = 7;     // bits of a window
-inline constexpr int GENERATOR_WINDOWS = 37;  // 259 bits
-inline constexpr size_t GENERATOR_ROWS = 64;
+inline constexpr int GENERATOR_WIDTH = 6;     // bits of a window
+inline constexpr int GENERATOR_WINDOWS = 43;  // 258 bits
+inline constexpr size_t GENERATOR_ROWS = 32;
 
-// Row j of window i is (2j + 1) 2^(7i) G.
+// Row j of window i is (2j + 1) 2^(6i) G.
 extern const AffinePoint GENERATOR_TABLE[GENERATOR_WINDOWS][GENERATOR_ROWS];
 
 }  // namespace sm2

@@ -74,25 +74,21 @@ void Add(JacobianPoint& p, const Addend& q) {
 }
 
 // AddWhileSearching replaces p by p + q, where q is not p and p is not infinity; p + (-p) is
-// infinity. "madd-2008-s". On its way it makes 8 steps of a search.
+// infinity. "madd-2008-s". On its way it makes 4 steps of a search.
 template <class Field>
 void AddWhileSearching(XyzzPoint& p, const AffinePoint& q, Search<AffinePoint>& search) {
   const FieldElement u = Field::Multiply(q.x, p.zz);
   Field::PassRows(search);
   const FieldElement s = Field::Multiply(q.y, p.zzz);
-  Field::PassRows(search);
   const FieldElement h = Field::Subtract(u, p.x), r = Field::Subtract(s, p.y);
   const FieldElement hh = Field::Square(h), rr = Field::Square(r);
   Field::PassRows(search);
   const FieldElement hhh = Field::Multiply(h, hh);
-  Field::PassRows(search);
   const FieldElement v = Field::Multiply(p.x, hh);
   Field::PassRows(search);
   p.zz = Field::Multiply(p.zz, hh);
-  Field::PassRows(search);
   p.x = Field::Subtract(Field::Subtract(rr, hhh), Twice<Field>(v));
   const FieldElement yhhh = Field::Multiply(p.y, hhh);
-  Field::PassRows(search);
   p.zzz = Field::Multiply(p.zzz, hhh);
   Field::PassRows(search);
   p.y = Field::Subtract(Field::Multiply(r, Field::Subtract(v, p.x)), yhhh);

@@ -65,7 +65,7 @@ Row LookUp(const Row (&table)[ROWS], uint64_t index) {
 // GeneratorMultiple returns [k]G. While it adds the point of one window, it searches for the next.
 template <class Field>
 XyzzPoint GeneratorMultiple(const U256& k) {
-  static_assert(NeverDoubles(GENERATOR_WIDTH) && GENERATOR_ROWS == 8 * STEP_ROWS);
+  static_assert(NeverDoubles(GENERATOR_WIDTH) && GENERATOR_ROWS == 4 * STEP_ROWS);
   constexpr int TOP = GENERATOR_WINDOWS - 1;
   const OddScalar odd = MakeOdd(k);
   const AffinePoint first =

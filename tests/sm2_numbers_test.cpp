@@ -115,7 +115,7 @@ TYPED_TEST(Sm2Field, MultipliesOneNumberThatIsNotReduced) {
 TYPED_TEST(Sm2Field, FindsEveryRow) {
   sm2::Addend addends[8];
   for (auto& a : addends) a = {RandomNumber(), RandomNumber(), RandomNumber(), RandomNumber(), {}};
-  for (uint64_t i = 0; i < 64; i++) {
+  for (uint64_t i = 0; i < sm2::GENERATOR_ROWS; i++) {
     for (const auto& table : sm2::GENERATOR_TABLE) {
       const sm2::AffinePoint found = sm2::LookUp<TypeParam>(table, i);
       ASSERT_EQ(memcmp(&found, &table[i], sizeof found), 0) << i;
