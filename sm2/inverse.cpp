@@ -59,19 +59,22 @@ struct StepState {
 Matrix HalfMatrix(StepState& state) {
   StepState s = state;
   uint64_t uv = 1, qr = uint64_t{1} << 32;
+#pragma GCC unroll 30
   for (int i = 0; i < STEPS / 2; i++) {
     // Where delta > 0 and g is odd, (f, g) becomes (g, (g - f) / 2); else g becomes g / 2 or, when
-    // odd, (g + f) / 2. Instead of halving q and r, double u and v.
+    // odd, (g + f) / 2. Instead of halving g, q and r, double f, u and v: g is shifted left by i.
     const uint64_t positive = static_cast<uint64_t>(static_cast<int64_t>(s.zeta) >> 63);
-    const uint64_t odd = MaskOfBit(s.g & 1);
+    const uint64_t odd = Opaque(static_cast<uint64_t>(static_cast<int64_t>(s.g << (63 - i)) >> 63));
     const uint64_t swap = positive & odd;
     const uint64_t oldG = s.g, oldQR = qr;
-    s.g = (s.g + (((s.f ^ positive) - positive) & odd)) >> 1;
-    qr += ((uv ^ positive) - positive) & odd;
-    s.f ^= (s.f ^ oldG) & swap;
+    s.g += ((s.f ^ positive) & odd) - swap;
+    qr += ((uv ^ positive) & odd) - swap;
+    s.f = (s.f ^ ((s.f ^ oldG) & swap)) << 1;
     uv = (uv ^ ((uv ^ oldQR) & swap)) << 1;
     s.zeta = (s.zeta ^ swap) - 1;
   }
+  s.f >>= STEPS / 2;
+  s.g >>= STEPS / 2;
   state = s;
   const int64_t u = static_cast<int32_t>(uv), q = static_cast<int32_t>(qr);
   return {u, (static_cast<int64_t>(uv) - u) >> 32, q, (static_cast<int64_t>(qr) - q) >> 32};
