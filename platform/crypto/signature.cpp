@@ -9,13 +9,16 @@
 using Signature = std::unique_ptr<ECDSA_SIG, Release<ECDSA_SIG_free>>;
 using BigNum = std::unique_ptr<BIGNUM, Release<BN_free>>;
 
+static constexpr int DER_OVERHEAD = 20;  // the headers of a SEQUENCE of two INTEGERs, two zeros
+
 // Writes the signature; empty when it can't be written.
 static Bytes Write(const ECDSA_SIG* signature, int* length) {
-  *length = i2d_ECDSA_SIG(signature, nullptr);
-  if (*length <= 0) return nullptr;
-  Bytes der = NewArray<unsigned char>(static_cast<size_t>(*length));
+  const int content =
+      BN_num_bytes(ECDSA_SIG_get0_r(signature)) + BN_num_bytes(ECDSA_SIG_get0_s(signature));
+  Bytes der = NewArray<unsigned char>(static_cast<size_t>(content + DER_OVERHEAD));
   unsigned char* at = der.get();
-  if (!der || i2d_ECDSA_SIG(signature, &at) != *length) return nullptr;
+  if (der) *length = i2d_ECDSA_SIG(signature, &at);
+  if (!der || *length <= 0) return nullptr;
   return der;
 }
 
