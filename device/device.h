@@ -52,6 +52,9 @@ struct Keypair {
   Cert* certs[MAX_CERTS];  // FreeCert; in file order
   int isTemp;              // 1: belongs to no device and is not stored
   Device* device;          // borrowed; NULL for a temporary keypair and for one deleted
+  // What SM2 signing takes of privateKey, kept with it from the first signature on; zeros before.
+  // Read and written under the module lock.
+  unsigned char signingFactor[32];
 };
 
 // References. refCount = keypairCount + the references held outside: the set's, one for each
@@ -123,6 +126,10 @@ Device* NewDevice(void);             // zero-filled, but refCount 1 and maxKeypa
 void FreeDevice(Device* device);     // with its keypairs, whatever its references
 void FreePin(Device* device);        // wipes the copy of the PIN; the device is unverified then
 Keypair* NewKeypair(void);           // zero-filled
+
+// SetPrivateKey gives the keypair another private key, or NULL; it takes over `key` and wipes what
+// was kept of the one before. Caller locks.
+void SetPrivateKey(Keypair* keypair, EVP_PKEY* key);
 void FreeKeypair(Keypair* keypair);
 Cert* NewCert(const unsigned char* bytes, int length);  // copies the bytes
 void FreeCert(Cert* cert);

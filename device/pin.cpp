@@ -28,8 +28,7 @@ static bool SamePin(const char* pin, const char* candidate) {
 static void DropKeys(Device* device, int count) {
   for (int i = 0; i < count; i++) {
     Keypair* keypair = device->keypairs[i];
-    EVP_PKEY_free(keypair->privateKey);
-    keypair->privateKey = nullptr;
+    SetPrivateKey(keypair, nullptr);
     WriteShared(keypair->curve, -1);
   }
 }
@@ -44,8 +43,7 @@ int VerifyPin(Device* device, const char* pin) {
       DropKeys(device, i);
       return VAKRO_WRONG_PIN;
     }
-    EVP_PKEY_free(keypair->privateKey);
-    keypair->privateKey = key;
+    SetPrivateKey(keypair, key);
     if (keypair->algorithm == ALGORITHM_ECC) WriteShared(keypair->curve, curve);
   }
   device->pin = CopyPin(pin);

@@ -38,6 +38,12 @@ void FreePin(Device* device) {
 
 Keypair* NewKeypair(void) { return Allocate<Keypair>(1, TAG); }
 
+void SetPrivateKey(Keypair* keypair, EVP_PKEY* key) {
+  EVP_PKEY_free(keypair->privateKey);
+  keypair->privateKey = key;
+  OPENSSL_cleanse(keypair->signingFactor, sizeof(keypair->signingFactor));
+}
+
 void FreeKeypair(Keypair* keypair) {
   if (keypair == nullptr) return;
   for (int i = 0; i < keypair->certCount; i++) FreeCert(keypair->certs[i]);
@@ -45,7 +51,7 @@ void FreeKeypair(Keypair* keypair) {
   vakro_free(keypair->iv);
   vakro_free(keypair->encryptedPrivateKey);
   VakroPKICryptoFreeMemory(keypair->publicKey);
-  EVP_PKEY_free(keypair->privateKey);
+  SetPrivateKey(keypair, nullptr);
   vakro_free(keypair);
 }
 

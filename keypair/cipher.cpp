@@ -68,7 +68,7 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
   if (fetched != VAKRO_OK) return fetched;
   if (length == nullptr) return VAKRO_FAILED;
   const CipherRequest request = {ciphertext, ciphertextLen, plaintext, size, length};
-  switch (EVP_PKEY_get_base_id(key.get())) {
+  switch (EVP_PKEY_get_id(key.get())) {
     case EVP_PKEY_EC:
       if (algorithm != ALGORITHM_SM2_ENCRYPT || curve != CURVE_SM2) return VAKRO_FAILED;
       return DecryptSM2(key.get(), request);
@@ -80,8 +80,8 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
 }
 
 static int EncryptSM2(const PublicKey* key, const CipherRequest& request) {
-  if (EVP_PKEY_get_base_id(key->key) != EVP_PKEY_EC || key->curve != CURVE_SM2 ||
-      g_sm2 == nullptr || request.input == nullptr || request.inputLen < 1 ||
+  if (EVP_PKEY_get_id(key->key) != EVP_PKEY_EC || key->curve != CURVE_SM2 || g_sm2 == nullptr ||
+      request.input == nullptr || request.inputLen < 1 ||
       request.inputLen > INT_MAX - SM2_CIPHER_OVERHEAD)
     return VAKRO_FAILED;
   const int needed = request.inputLen + SM2_CIPHER_OVERHEAD;
@@ -92,7 +92,7 @@ static int EncryptSM2(const PublicKey* key, const CipherRequest& request) {
 }
 
 static int EncryptRSA(const PublicKey* key, int padding, const CipherRequest& request) {
-  if (EVP_PKEY_get_base_id(key->key) != EVP_PKEY_RSA) return VAKRO_FAILED;
+  if (EVP_PKEY_get_id(key->key) != EVP_PKEY_RSA) return VAKRO_FAILED;
   const RsaKey rsa(EVP_PKEY_get1_RSA(key->key));
   if (!rsa) return VAKRO_FAILED;
   const int modulusSize = RSA_size(rsa.get());

@@ -5,7 +5,8 @@
 
 #include <string.h>
 
-static constexpr int SM2_SIGNATURE_SIZE = 80;         // the answer to a size query
+static constexpr int SM2_SIGNATURE_SIZE = 80;  // the answer to a size query
+static constexpr int MAX_ECDSA_BITS = 521;
 static constexpr int MAX_ECDSA_SIGNATURE_SIZE = 160;  // P-521 needs 139
 
 // The padding of an RSA signature algorithm, or 0 for any other.
@@ -50,30 +51,49 @@ static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const SignReques
 static int SignECDSA(const EVP_PKEY* key, const SignRequest& request) {
   const EcKey ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
   if (!ec) return VAKRO_FAILED;
-  const int largest = ECDSA_size(ec.get());
   if (request.signature == nullptr) {
-    *request.length = largest;
+    *request.length = ECDSA_size(ec.get());
     return VAKRO_OK;
   }
   unsigned char signature[MAX_ECDSA_SIGNATURE_SIZE];
   unsigned int length = 0;
-  if (largest > MAX_ECDSA_SIGNATURE_SIZE || !request.HasData() ||
+  if (EC_GROUP_order_bits(EC_KEY_get0_group(ec.get())) > MAX_ECDSA_BITS || !request.HasData() ||
       ECDSA_sign(0, request.data, request.dataLen, signature, &length, ec.get()) != 1)
     return VAKRO_FAILED;
   return AnswerBytes(signature, static_cast<int>(length), request.signature, request.size,
                      request.length);
 }
 
-static int SignSM2(EVP_PKEY* key, const SignRequest& request) {
+using SigningFactor = Wiped<sizeof(Keypair::signingFactor)>;
+
+// Takes the factor from the record, or makes it and, if `key` still is the record's, leaves it
+// there: computing it costs an eighth of a signature.
+static bool FetchSigningFactor(Keypair* keypair, EVP_PKEY* key, SigningFactor& factor) {
+  const ModuleLock lock;
+  if (!lock.held) return false;
+  unsigned char(&kept)[sizeof(factor.bytes)] = keypair->signingFactor;
+  const bool current = GetPrivateKey(keypair) == key;
+  if (current && !IsAllZero(kept, sizeof(kept))) {
+    memcpy(factor.bytes, kept, sizeof(kept));
+    return true;
+  }
+  if (SM2GetSigningFactor(key, factor.bytes) != 1) return false;
+  if (current) memcpy(kept, factor.bytes, sizeof(kept));
+  return true;
+}
+
+static int SignSM2(Keypair* keypair, EVP_PKEY* key, const SignRequest& request) {
   if (g_sm2 == nullptr || request.dataLen != SM2_FIELD_SIZE) return VAKRO_FAILED;
   if (request.signature == nullptr) {
     *request.length = SM2_SIGNATURE_SIZE;
     return VAKRO_OK;
   }
-  if (!request.HasData()) return VAKRO_FAILED;
+  SigningFactor factor;
+  if (!request.HasData() || !FetchSigningFactor(keypair, key, factor)) return VAKRO_FAILED;
   unsigned char* signature = nullptr;
   int length = 0;
-  const int result = SM2Sign(key, request.data, request.dataLen, &signature, &length);
+  const int result =
+      SM2SignWithFactor(factor.bytes, request.data, request.dataLen, &signature, &length);
   if (result != VAKRO_OK) return result;
   const LibBytes owned(signature);
   return AnswerBytes(signature, length, request.signature, request.size, request.length);
@@ -89,12 +109,13 @@ int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameter
   if (fetched != VAKRO_OK) return fetched;
   if (length == nullptr) return VAKRO_FAILED;
   const SignRequest request = {data, dataLen, signature, size, length};
-  switch (EVP_PKEY_get_base_id(key.get())) {
+  switch (EVP_PKEY_get_id(key.get())) {
     case EVP_PKEY_RSA:
       return SignRSA(key.get(), algorithm, request);
     case EVP_PKEY_EC:
       if (algorithm == ALGORITHM_ECDSA_SIGN) return SignECDSA(key.get(), request);
-      if (algorithm == ALGORITHM_SM2_SIGN && curve == CURVE_SM2) return SignSM2(key.get(), request);
+      if (algorithm == ALGORITHM_SM2_SIGN && curve == CURVE_SM2)
+        return SignSM2(keypair, key.get(), request);
       return VAKRO_FAILED;
     default:
       return VAKRO_FAILED;
@@ -128,7 +149,7 @@ int DeviceVerify(PublicKey* key, unsigned int algorithm, const void* /*parameter
                  int signatureLen) {
   if (key == nullptr || data == nullptr || dataLen < 0 || signature == nullptr || signatureLen < 0)
     return VAKRO_FAILED;
-  switch (EVP_PKEY_get_base_id(key->key)) {
+  switch (EVP_PKEY_get_id(key->key)) {
     case EVP_PKEY_RSA:
       return VerifyRSA(key->key, algorithm, data, dataLen, signature, signatureLen);
     case EVP_PKEY_EC:

@@ -3,19 +3,17 @@
 
 static constexpr int TRY_AGAIN = -1;
 
-// A6: s = ((1 + d)^-1 * (k - r * d)) mod n. False when 1 + d has no inverse.
-static bool ComputeS(SecretScalar& d, SecretScalar& k, const SM2Scalar& r, SM2Scalar* s) {
+// The signing factor, (1 + d)^-1 mod n. False when 1 + d has no inverse.
+static bool ComputeFactor(const BIGNUM* d, SecretScalar& factor) {
   static constexpr unsigned char ONE[] = {1};
-  SecretScalar inverse;
-  SecretScalar product;
+  ScalarBytes bytes;
+  if (!ReadSecret(d, bytes)) return false;
+  SecretScalar scalar;
   SM2Scalar one;
+  SM2ReadScalar(&scalar, bytes.bytes, SM2_FIELD_SIZE);
   SM2ReadScalar(&one, ONE, sizeof(ONE));
-  SM2AddScalars(&inverse, &d, &one);
-  if (SM2InvertScalar(&inverse, &inverse) != 1) return false;
-  SM2MultiplyScalars(&product, &r, &d);
-  SM2SubtractScalars(&product, &k, &product);
-  SM2MultiplyScalars(s, &product, &inverse);
-  return true;
+  SM2AddScalars(&scalar, &scalar, &one);
+  return SM2InvertScalar(&factor, &scalar) == 1;
 }
 
 // A7. The encoder gets the numbers in their shortest form.
@@ -33,11 +31,11 @@ static bool Encode(const SM2Scalar& r, const SM2Scalar& s, unsigned char** sig, 
              static_cast<int>(sBytes + SM2_FIELD_SIZE - sStart), sig, sigLen) == 1;
 }
 
-int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char** sig,
-               int* sigLen) {
+// One attempt, A3 to A7: 1, 0 or TRY_AGAIN.
+static int TrySign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned char** sig,
+                   int* sigLen) {
   ScalarBytes kBytes;
-  ScalarBytes dBytes;
-  if (!RandomScalar(kBytes) || !ReadSecret(d, dBytes)) return 0;  // A3
+  if (!RandomScalar(kBytes)) return 0;  // A3
   // A4: (x1, y1) = [k]G
   AffineBytes point;
   if (SM2MultiplyGenerator(point.bytes, kBytes.bytes) != 1) return TRY_AGAIN;
@@ -54,21 +52,51 @@ int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char*
   SM2ReadScalar(&k, kBytes.bytes, SM2_FIELD_SIZE);
   SM2AddScalars(&sum, &r, &k);
   if (SM2IsZeroScalar(&sum)) return TRY_AGAIN;
-  SecretScalar secret;
+  // A6: s = ((1 + d)^-1 * (k - r * d)) mod n, and k - r * d = k + r - r * (1 + d)
   SM2Scalar s;
-  SM2ReadScalar(&secret, dBytes.bytes, SM2_FIELD_SIZE);
-  if (!ComputeS(secret, k, r, &s)) return 0;
+  SM2MultiplyScalars(&s, &sum, &factor);
+  SM2SubtractScalars(&s, &s, &r);
   if (SM2IsZeroScalar(&s)) return TRY_AGAIN;
   return Encode(r, s, sig, sigLen) ? 1 : 0;
 }
 
-int SM2Sign(EVP_PKEY* key, const unsigned char* e, int eLen, unsigned char** sig, int* sigLen) {
+static int Sign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned char** sig,
+                int* sigLen) {
+  if (e == nullptr || eLen < 0) return 0;
+  int result = TRY_AGAIN;
+  while (result == TRY_AGAIN) result = TrySign(factor, e, eLen, sig, sigLen);
+  return result;
+}
+
+int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char** sig,
+               int* sigLen) {
+  SecretScalar factor;
+  return ComputeFactor(d, factor) ? TrySign(factor, e, eLen, sig, sigLen) : 0;
+}
+
+static bool ComputeFactor(EVP_PKEY* key, SecretScalar& factor) {
   const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
   const BIGNUM* d = ec == nullptr ? nullptr : EC_KEY_get0_private_key(ec);
-  if (d == nullptr || e == nullptr || eLen < 0) return 0;
-  int result = TRY_AGAIN;
-  while (result == TRY_AGAIN) result = TrySM2Sign(d, e, eLen, sig, sigLen);
-  return result;
+  return d != nullptr && ComputeFactor(d, factor);
+}
+
+int SM2Sign(EVP_PKEY* key, const unsigned char* e, int eLen, unsigned char** sig, int* sigLen) {
+  SecretScalar factor;
+  return ComputeFactor(key, factor) ? Sign(factor, e, eLen, sig, sigLen) : 0;
+}
+
+int SM2GetSigningFactor(EVP_PKEY* key, unsigned char* factor) {
+  SecretScalar scalar;
+  if (!ComputeFactor(key, scalar)) return 0;
+  SM2WriteScalar(factor, &scalar);
+  return 1;
+}
+
+int SM2SignWithFactor(const unsigned char* factor, const unsigned char* e, int eLen,
+                      unsigned char** sig, int* sigLen) {
+  SecretScalar scalar;
+  SM2ReadScalar(&scalar, factor, SM2_FIELD_SIZE);
+  return Sign(scalar, e, eLen, sig, sigLen);
 }
 
 // A component of a signature, a number in [1, n - 1].
