@@ -31,11 +31,14 @@ static bool HoldsDatas(const StoredFile& stored) {
   return vakro_json_getarraysize(stored.root.get()) > DEVICE_ITEMS;
 }
 
-// WriteBack rewrites the device file with `keypairs` in place of the stored ones.
-static int WriteBack(Device* device, const StoredFile& stored, const Json& keypairs) {
+// WriteBack rewrites the device file with `keypairs` in place of the stored ones. What was read is
+// given back before the rewrite: its memory serves the copies that the rewrite makes.
+static int WriteBack(Device* device, StoredFile stored, Json keypairs) {
   if (!keypairs) return 0;
-  VakroJson* root = UpdateJsonKeypairsToDevice(stored.root.get(), keypairs.get());
-  return root != nullptr ? RewriteDeviceFile(device, root) : 0;
+  Json root(UpdateJsonKeypairsToDevice(stored.root.get(), keypairs.get()));
+  keypairs.reset();
+  stored = {};
+  return root ? RewriteDeviceFile(device, root.release()) : 0;
 }
 
 // FindKeypair returns the index of the first stored item that equals `item`, or -1.
@@ -84,15 +87,15 @@ int DeleteKeypairFromFile(Keypair* keypair) {
   if (!item) return 0;
   const int index = FindKeypair(stored.keypairs, item.get());
   if (index < 0) return RewriteDeviceFile(keypair->device, stored.root.release());
-  const Json left(VakroJsonDeleteArrayItem(stored.keypairs, index));
-  return WriteBack(keypair->device, stored, left);
+  Json left(VakroJsonDeleteArrayItem(stored.keypairs, index));
+  return WriteBack(keypair->device, std::move(stored), std::move(left));
 }
 
 // ReplaceItem rewrites the device file with `item` in place of the stored item it equals.
-static int ReplaceItem(Device* device, const StoredFile& stored, const Json& item) {
+static int ReplaceItem(Device* device, StoredFile stored, const Json& item) {
   if (!item) return 0;
-  const Json keypairs(UpdateJsonKeypairToKeypairs(stored.keypairs, item.get()));
-  return WriteBack(device, stored, keypairs);
+  Json keypairs(UpdateJsonKeypairToKeypairs(stored.keypairs, item.get()));
+  return WriteBack(device, std::move(stored), std::move(keypairs));
 }
 
 int AddCertToFile(Keypair* keypair, Cert* cert) {
@@ -105,7 +108,7 @@ int AddCertToFile(Keypair* keypair, Cert* cert) {
   if (!item || !text) return 0;
   VakroJson* certs = vakro_json_getarrayitem(item.get(), KEYPAIR_CERTS);
   if (AddJsonCertToCerts(certs, text.get()) != 1) return 0;
-  return ReplaceItem(keypair->device, stored, item);
+  return ReplaceItem(keypair->device, std::move(stored), item);
 }
 
 int DeleteCertFromFile(Keypair* keypair, Cert* cert) {
@@ -117,7 +120,7 @@ int DeleteCertFromFile(Keypair* keypair, Cert* cert) {
   const Json text(Cert2Json(cert));
   if (!item || !text) return 0;
   const Json without(DeleteJsonCertToKeypair(item.get(), text.get()));
-  return ReplaceItem(keypair->device, stored, without);
+  return ReplaceItem(keypair->device, std::move(stored), without);
 }
 
 int UpdateKeypairToFile(Keypair* keypair) {
