@@ -11,6 +11,7 @@ struct DataList {
   const ModuleLock lock;
   const FolderLock folder;
   Device* const device;
+  Json root;
   Data** datas = nullptr;
   unsigned int count = 0;
 
@@ -19,8 +20,11 @@ struct DataList {
   DataList& operator=(const DataList&) = delete;
   ~DataList() { FreeDatas(datas, static_cast<int>(count)); }
 
-  bool Read() { return lock.held && GetAllDatasFromFile(device, &datas, &count) == 1; }
-  bool Write() const { return WriteAllDatasToFile(device, datas, count) == 1; }
+  bool Read() {
+    if (lock.held) root = ReadStoredTree(device);
+    return root && ReadDatas(root, &datas, &count);
+  }
+  bool Write() { return WriteDatas(device, std::move(root), datas, count); }
 
   // The index of the first object with this id, or -1.
   int Find(int id) const {

@@ -4,15 +4,6 @@
 
 static constexpr int SPARE_SLOTS = 8;  // a caller appends without growing the array
 
-// ReadStoredTree reads, checks and decodes the device file's text; NULL on any failure.
-static Json ReadStoredTree(Device* device) {
-  unsigned char* raw = nullptr;
-  unsigned int length = 0;
-  if (GetDeviceDataFromFile(device, &raw, &length) != 1) return nullptr;
-  const UtilBytes text(raw);
-  return Json(vakro_json_decode(reinterpret_cast<const char*>(raw), length));
-}
-
 // --- One object ----------------------------------------------------------------------------------
 
 Data* Json2Data(VakroJson* item) {
@@ -61,34 +52,36 @@ VakroJson* Datas2Json(Data** list, int count) {
 
 // --- The list ------------------------------------------------------------------------------------
 
-int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count) {
-  const Json root = ReadStoredTree(device);
-  if (!IsArray(root.get())) return 0;
+bool ReadDatas(const Json& root, Data*** list, unsigned int* count) {
   VakroJson* items = vakro_json_getarrayitem(root.get(), DEVICE_DATAS);
   if (items == nullptr) {
     *count = 0;
-    return 1;
+    return true;
   }
-  if (!IsArray(items)) return 0;
+  if (!IsArray(items)) return false;
 
   const int stored = vakro_json_getarraysize(items);
   const size_t slots = static_cast<size_t>(stored) + SPARE_SLOTS;
   auto** datas = static_cast<Data**>(vakro_malloc(slots * sizeof(void*), "json", __LINE__));
-  if (datas == nullptr) return 0;
+  if (datas == nullptr) return false;
   for (int i = 0; i < stored; i++) {
     datas[i] = Json2Data(vakro_json_getarrayitem(items, i));
     if (datas[i] != nullptr) continue;
     FreeDatas(datas, i);
-    return 0;
+    return false;
   }
   *list = datas;
   *count = static_cast<unsigned int>(stored);
-  return 1;
+  return true;
 }
 
-VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas) {
-  Json root = ReadStoredTree(device);
-  if (!IsArray(root.get()) || datas == nullptr) return nullptr;
+int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count) {
+  const Json root = ReadStoredTree(device);
+  return root && ReadDatas(root, list, count) ? 1 : 0;
+}
+
+// PutDatas makes `datas` the data objects of the tree; NULL when memory is out.
+static Json PutDatas(Json root, const VakroJson* datas) {
   if (vakro_json_getarraysize(root.get()) != DEVICE_ITEMS) {
     Json first(vakro_json_newarray());
     if (!first) return nullptr;
@@ -98,15 +91,25 @@ VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas) {
     }
     root = std::move(first);
   }
-  if (vakro_json_addarrayitem(root.get(), datas) != 1) return nullptr;
-  return root.release();
+  return vakro_json_addarrayitem(root.get(), datas) == 1 ? std::move(root) : nullptr;
+}
+
+VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas) {
+  Json root = ReadStoredTree(device);
+  return root && datas != nullptr ? PutDatas(std::move(root), datas).release() : nullptr;
+}
+
+bool WriteDatas(Device* device, Json root, Data** list, unsigned int count) {
+  if (count > INT_MAX) return false;
+  const Json datas(Datas2Json(list, static_cast<int>(count)));
+  if (!datas) return false;
+  Json tree = PutDatas(std::move(root), datas.get());
+  return tree && RewriteDeviceFile(device, tree.release()) == 1;
 }
 
 int WriteAllDatasToFile(Device* device, Data** list, unsigned int count) {
-  if (device == nullptr || count > INT_MAX) return 0;
+  if (device == nullptr) return 0;
   const FolderLock lock(device->filePath);
-  const Json datas(Datas2Json(list, static_cast<int>(count)));
-  if (!datas) return 0;
-  VakroJson* tree = UpdateData2DeviceJson(device, datas.get());
-  return tree != nullptr ? RewriteDeviceFile(device, tree) : 0;
+  Json root = ReadStoredTree(device);
+  return root && WriteDatas(device, std::move(root), list, count) ? 1 : 0;
 }

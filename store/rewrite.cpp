@@ -35,6 +35,26 @@ int GetDeviceDataFromFile(Device* device, unsigned char** text, unsigned int* le
   return 1;
 }
 
+// ReadCurrentTree decodes the current image. GOOD with a NULL tree: the text does not decode, or
+// memory is out.
+static Found ReadCurrentTree(const Device* device, unsigned int* tag, Json* root) {
+  UtilBytes image;
+  const Found found = ReadCurrentImage(device, &image);
+  if (found != Found::GOOD) return found;
+  *tag = be2int(image.get() + TAG_OFFSET);
+  const std::string_view text = ImageText(image.get());
+  root->reset(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
+  return Found::GOOD;
+}
+
+Json ReadStoredTree(Device* device) {
+  if (device == nullptr) return nullptr;
+  const FolderLock lock(device->filePath);
+  Json root;
+  ReadCurrentTree(device, &device->fileTag, &root);
+  return IsArray(root.get()) ? std::move(root) : nullptr;
+}
+
 // A valid backup may be the only good copy: only a valid device file may take its place, and one
 // that is on the disk: the process that wrote it may have died before it had synced it.
 static bool MayReplaceBackup(const Device* device) {
@@ -49,10 +69,11 @@ static bool MayReplaceBackup(const Device* device) {
 //                                           the device file is cut short
 //   3. remove the backup                    the new content
 int RewriteDeviceFile(Device* device, VakroJson* tree) {
-  const Json owner(tree);
+  Json owner(tree);
   if (device == nullptr || device->backupPath == nullptr) return 0;
   unsigned int length = 0;
   const UtilText text = EncodeTree(tree, &length);
+  owner.reset();  // its memory serves the copies that follow
   if (!text) return 0;
 
   const FolderLock lock(device->filePath);
@@ -96,12 +117,10 @@ static bool KnowsAllKeypairs(const Device* device, VakroJson* list) {
 // CarryDatasOver appends the stored data-object item, if there is one, to the new tree. The
 // device's fileTag stays: the record's keys are bound to it, whatever the file says by now.
 static bool CarryDatasOver(const Device* device, VakroJson* tree) {
-  UtilBytes image;
-  const Found found = ReadCurrentImage(device, &image);
+  unsigned int tag = 0;
+  Json root;
+  const Found found = ReadCurrentTree(device, &tag, &root);
   if (found == Found::MISSING_OR_DAMAGED) return true;  // nothing is left to carry over
-  if (found != Found::GOOD) return false;
-  const std::string_view text = ImageText(image.get());
-  const Json root(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
   if (!root) return false;
   if (!KnowsAllKeypairs(device, vakro_json_getarrayitem(root.get(), DEVICE_KEYPAIRS))) return false;
   if (vakro_json_getarraysize(root.get()) <= DEVICE_DATAS) return true;

@@ -181,6 +181,15 @@ VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas);
 
 }  // extern "C"
 
+// ReadStoredTree is GetDeviceDataFromFile and the decoder (rewrite.cpp). The tree is an array; NULL
+// on any failure.
+Json ReadStoredTree(Device* device);
+
+// The two halves of a change of data objects, between which the folder lock is held: the file is
+// read, checked and decoded once. Of GetAllDatasFromFile and WriteAllDatasToFile each does it anew.
+bool ReadDatas(const Json& root, Data*** list, unsigned int* count);
+bool WriteDatas(Device* device, Json root, Data** list, unsigned int count);
+
 // The folder lock for a scope.
 struct FolderLock {
   explicit FolderLock(const char* path) { LockFolder(path); }
