@@ -183,6 +183,9 @@ DeviceSet* GetDeviceSetHandle(void);  // the scan behind DeviceGetAllDevices
 
 // --- PIN (pin.cpp) -------------------------------------------------------------------------------
 
+// IsSamePin compares two PINs, 1 or 0, in a time that depends on their lengths alone.
+int IsSamePin(const char* pin, const char* candidate);
+
 // VerifyPin verifies the device by `pin`: 1, -5, or 0 when the copy of the PIN could not be kept.
 // A wrong PIN leaves no key decrypted that was not so before. Caller locks.
 int VerifyPin(Device* device, const char* pin);

@@ -13,8 +13,7 @@ static char* CopyPin(const char* pin) {
   return copy;
 }
 
-// Takes a time that depends on the length of the candidate alone.
-static bool SamePin(const char* pin, const char* candidate) {
+int IsSamePin(const char* pin, const char* candidate) {
   const size_t pinLen = strlen(pin);
   const size_t candidateLen = strlen(candidate);
   size_t difference = pinLen ^ candidateLen;
@@ -22,7 +21,7 @@ static bool SamePin(const char* pin, const char* candidate) {
     const size_t at = i < pinLen ? i : pinLen;
     difference |= static_cast<unsigned char>(pin[at] ^ candidate[i]);
   }
-  return difference == 0;
+  return difference == 0 ? 1 : 0;
 }
 
 static void DropKeys(Device* device, int count) {
@@ -34,7 +33,7 @@ static void DropKeys(Device* device, int count) {
 }
 
 int VerifyPin(Device* device, const char* pin) {
-  if (device->pin != nullptr) return SamePin(device->pin, pin) ? VAKRO_OK : VAKRO_WRONG_PIN;
+  if (device->pin != nullptr) return IsSamePin(device->pin, pin) != 0 ? VAKRO_OK : VAKRO_WRONG_PIN;
   for (int i = 0; i < device->keypairCount; i++) {
     Keypair* keypair = device->keypairs[i];
     int curve = 0;

@@ -9,6 +9,7 @@
 #include "sm2/multiply.h"
 #include "sm2/multiply_paths.h"
 #include "sm2/parameters.h"
+#include "sm2/sm2.h"
 
 #include <valgrind/memcheck.h>
 
@@ -45,24 +46,55 @@ bool MultiplyPoint(unsigned char* out) {
   return result == 1;
 }
 
-// A6: s = (1 + d)^-1 (k - r d) mod n
+// The signing factor, (1 + d)^-1, and what makes a signature of it: s = (1 + d)^-1 (k + r) - r
 bool ComputeS(unsigned char* out) {
   const Secret secret;
   const unsigned char one = 1;
-  SM2Scalar d, k, r, sum, s;
+  SM2Scalar d, k, r, factor, s;
   int result = SM2ReadScalar(&d, secret.bytes, 32);
   result &= SM2ReadScalar(&k, secret.bytes, 32);
   SM2ReadScalar(&r, SM2_CURVE.gx, 32);
-  SM2ReadScalar(&sum, &one, 1);
-  SM2AddScalars(&sum, &sum, &d);
-  result &= SM2InvertScalar(&sum, &sum);
-  SM2MultiplyScalars(&s, &r, &d);
-  SM2SubtractScalars(&s, &k, &s);
-  SM2MultiplyScalars(&s, &s, &sum);
+  SM2ReadScalar(&factor, &one, 1);
+  SM2AddScalars(&factor, &factor, &d);
+  result &= SM2InvertScalar(&factor, &factor);
+  SM2AddScalars(&s, &r, &k);
   result &= SM2IsZeroScalar(&s) ^ 1;
+  SM2MultiplyScalars(&s, &s, &factor);
+  SM2SubtractScalars(&s, &s, &r);
   SM2WriteScalar(out, &s);
   VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
   return result == 1;
+}
+
+// What decryption does with the shared point, up to the compare with C3.
+bool CheckC3(unsigned char* out) {
+  const Secret x2, y2;
+  unsigned char z[64], text[32], u[32];
+  memcpy(z, x2.bytes, 32);
+  memcpy(z + 32, y2.bytes, 32);
+  int result = SM2KDF(z, 64, text, 32);
+  result &= IsAllZero(text, 32) ^ 1;
+  Xor(text, SM2_CURVE.gx, 32);
+  result &= SM3C3(x2.bytes, y2.bytes, text, 32, u);
+  result &= CRYPTO_memcmp(u, SM2_CURVE.gx, 32) != 0;
+  memcpy(out, u, 32);
+  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
+  return result == 1;
+}
+
+// Of each byte of the PINs some bits are known, so that none of them may be NUL.
+bool ComparePins(unsigned char* out) {
+  unsigned char unknown[32];
+  memset(unknown, 0x0f, 31);
+  unknown[31] = 0;
+  char pin[] = "abcdefghijklmnopqrstuvwxyzabcde", wrong[] = "abcdefghijklmnopqrstuvwxyzabcdf";
+  VALGRIND_SET_VBITS(pin, unknown, 32);
+  VALGRIND_SET_VBITS(wrong, unknown, 32);
+  int same = IsSamePin(pin, pin), other = IsSamePin(pin, wrong);
+  memcpy(out + 31, pin, 1);
+  VALGRIND_MAKE_MEM_DEFINED(&same, sizeof same);
+  VALGRIND_MAKE_MEM_DEFINED(&other, sizeof other);
+  return same == 1 && other == 0;
 }
 
 // Not by CPUID: valgrind answers that, without ADX, but runs it all the same.
@@ -96,7 +128,7 @@ int main(int argc, char** argv) {
   }
   bool good = Run("[k]G, portable", MultiplyGenerator<sm2::PortableField>, leak) &&
               Run("[k]P, portable", MultiplyPoint<sm2::PortableField>, leak) &&
-              Run("s", ComputeS, leak);
+              Run("s", ComputeS, leak) && Run("C3", CheckC3, leak) && Run("PIN", ComparePins, leak);
 #ifdef __x86_64__
   if (ProcessorHasAdx()) {
     good = good && Run("[k]G, ADX", MultiplyGenerator<sm2::AdxField>, leak) &&
