@@ -1,69 +1,86 @@
 // ECC signatures: DER SEQUENCE { r INTEGER, s INTEGER }, both positive.
 #include "platform/crypto/crypto.h"
 
+#include <openssl/asn1.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 
 #include <string.h>
 
+#include <algorithm>
+#include <span>
+
 using Signature = std::unique_ptr<ECDSA_SIG, Release<ECDSA_SIG_free>>;
-using BigNum = std::unique_ptr<BIGNUM, Release<BN_free>>;
+using Number = std::span<const unsigned char>;  // big-endian, without leading zeros
 
-static constexpr int DER_OVERHEAD = 20;  // the headers of a SEQUENCE of two INTEGERs, two zeros
+static Number WithoutZeros(const unsigned char* bytes, int length) {
+  while (length > 0 && *bytes == 0) bytes++, length--;
+  return {bytes, static_cast<size_t>(length)};
+}
 
-// Writes the signature; empty when it can't be written.
-static Bytes Write(const ECDSA_SIG* signature, int* length) {
-  const int content =
-      BN_num_bytes(ECDSA_SIG_get0_r(signature)) + BN_num_bytes(ECDSA_SIG_get0_s(signature));
-  Bytes der = NewArray<unsigned char>(static_cast<size_t>(content + DER_OVERHEAD));
+// A number whose first bit is set would be negative without a zero in front.
+static int ContentSize(Number number) { return static_cast<int>(number.size()) + (number[0] >> 7); }
+
+static int IntegerSize(Number number) {
+  return ASN1_object_size(0, ContentSize(number), V_ASN1_INTEGER);
+}
+
+static unsigned char* PutInteger(unsigned char* at, Number number) {
+  ASN1_put_object(&at, 0, ContentSize(number), V_ASN1_INTEGER, V_ASN1_UNIVERSAL);
+  if (number[0] >> 7 != 0) *at++ = 0;
+  return std::copy(number.begin(), number.end(), at);
+}
+
+// Writes the signature of two numbers that are not zero; empty when memory is out.
+static Bytes Write(Number r, Number s, int* length) {
+  const int content = IntegerSize(r) + IntegerSize(s);
+  *length = ASN1_object_size(1, content, V_ASN1_SEQUENCE);
+  Bytes der = NewArray<unsigned char>(static_cast<size_t>(*length));
+  if (!der) return nullptr;
   unsigned char* at = der.get();
-  if (der) *length = i2d_ECDSA_SIG(signature, &at);
-  if (!der || *length <= 0) return nullptr;
+  ASN1_put_object(&at, 1, content, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
+  PutInteger(PutInteger(at, r), s);
   return der;
 }
 
 int VakroPKICryptoEncodeECCSignature(const unsigned char* r, int rLen, const unsigned char* s,
                                      int sLen, unsigned char** out, int* outLen) {
+  constexpr int LONGEST = 1 << 20;  // of a number, far beyond any curve
   if (!AreBytes(r, rLen) || !AreBytes(s, sLen) || out == nullptr || outLen == nullptr) return 0;
-  BigNum rNumber(BN_bin2bn(r, rLen, nullptr));
-  BigNum sNumber(BN_bin2bn(s, sLen, nullptr));
-  const Signature signature(ECDSA_SIG_new());
-  if (!rNumber || !sNumber || !signature) return 0;
-  if (BN_is_zero(rNumber.get()) || BN_is_zero(sNumber.get())) return 0;
-  ECDSA_SIG_set0(signature.get(), rNumber.release(), sNumber.release());  // fails for NULL only
+  const Number rNumber = WithoutZeros(r, rLen), sNumber = WithoutZeros(s, sLen);
+  if (rNumber.empty() || sNumber.empty() || rLen > LONGEST || sLen > LONGEST) return 0;
   int length = 0;
-  Bytes der = Write(signature.get(), &length);
+  Bytes der = Write(rNumber, sNumber, &length);
   if (!der) return 0;
   return HandOut(der, static_cast<size_t>(length), out, outLen);
 }
 
-// A signature has one encoding only: what OpenSSL's reader lets pass must be, to its end, what the
-// writer would write. The writer refuses negative numbers.
-static Signature Read(const unsigned char* sig, int sigLen) {
-  const unsigned char* at = sig;
-  Signature signature(d2i_ECDSA_SIG(nullptr, &at, sigLen));
-  if (!signature) return nullptr;
-  int length = 0;
-  const Bytes again = Write(signature.get(), &length);
-  if (!again || length != sigLen) return nullptr;
-  if (memcmp(again.get(), sig, static_cast<size_t>(sigLen)) != 0) return nullptr;
-  return signature;
+// A number of a signature as bytes; false for one that is not positive, or when memory is out.
+static bool Take(const BIGNUM* number, Bytes* bytes, int* length) {
+  *length = BN_num_bytes(number);
+  if (*length == 0 || BN_is_negative(number)) return false;
+  *bytes = NewArray<unsigned char>(static_cast<size_t>(*length));
+  return *bytes && BN_bn2bin(number, bytes->get()) == *length;
 }
 
+// A signature has one encoding only: what OpenSSL's reader lets pass must be, to its end, what the
+// writer writes.
 int VakroPKICryptoDecodeECCSignature(const unsigned char* sig, int sigLen, unsigned char** r,
                                      int* rLen, unsigned char** s, int* sLen) {
   if (sig == nullptr || sigLen <= 0) return 0;
   if (r == nullptr || rLen == nullptr || s == nullptr || sLen == nullptr) return 0;
-  const Signature signature = Read(sig, sigLen);
+  const unsigned char* at = sig;
+  const Signature signature(d2i_ECDSA_SIG(nullptr, &at, sigLen));
   if (!signature) return 0;
-  const BIGNUM* const rNumber = ECDSA_SIG_get0_r(signature.get());
-  const BIGNUM* const sNumber = ECDSA_SIG_get0_s(signature.get());
-  if (BN_is_zero(rNumber) || BN_is_zero(sNumber)) return 0;
-  Bytes rBytes = NewArray<unsigned char>(static_cast<size_t>(BN_num_bytes(rNumber)));
-  Bytes sBytes = NewArray<unsigned char>(static_cast<size_t>(BN_num_bytes(sNumber)));
-  if (!rBytes || !sBytes) return 0;
-  const int rLength = BN_bn2bin(rNumber, rBytes.get());
-  const int sLength = BN_bn2bin(sNumber, sBytes.get());
+  Bytes rBytes, sBytes;
+  int rLength = 0, sLength = 0, length = 0;
+  if (!Take(ECDSA_SIG_get0_r(signature.get()), &rBytes, &rLength) ||
+      !Take(ECDSA_SIG_get0_s(signature.get()), &sBytes, &sLength))
+    return 0;
+  const Bytes again = Write({rBytes.get(), static_cast<size_t>(rLength)},
+                            {sBytes.get(), static_cast<size_t>(sLength)}, &length);
+  if (!again || length != sigLen) return 0;
+  if (memcmp(again.get(), sig, static_cast<size_t>(sigLen)) != 0) return 0;
   HandOut(rBytes, static_cast<size_t>(rLength), r, rLen);
   return HandOut(sBytes, static_cast<size_t>(sLength), s, sLen);
 }
