@@ -1,30 +1,15 @@
 #!/bin/sh
-# Fuzzes every target, or the ones named, for SECONDS seconds each, one after the other:
+# Fuzzes every target, or the ones named, for SECONDS seconds each, as many at a time as there are
+# processors:
 #   scripts/fuzz.sh SECONDS [TARGET...]
 # Inputs come from fuzz/corpus/TARGET and fuzz/crashes/TARGET. What they grow to stays under build/;
 # a finding is put in fuzz/crashes/TARGET. Exits with 1 when there was one.
 set -eu
 cd "$(dirname "$0")/.."
 
-seconds=${1:?seconds for each target}
-shift
-# shellcheck disable=SC2046,SC2012  # names of ours, one word each
-if [ $# -eq 0 ]; then
-  set -- fuzz/corpus/*
-fi
-
-[ -d build/fuzz ] || cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz -j"${JOBS:-2}"
-
-# The key folders go to memory where there is a file system for it.
-scratch=$(mktemp -d -p "$([ -w /dev/shm ] && echo /dev/shm || echo /tmp)" fuzz.XXXXXX)
-trap 'rm -rf "$scratch"' EXIT
-trap 'exit 1' INT TERM
-export TMPDIR="$scratch"
-
-status=0
-for target; do
-  target=${target##*/}
+# Fuzzes one target in an environment that is set up, and prints a line about it.
+fuzz_target() {
+  target=$1
   grown=build/fuzz/corpus/$target
   log=build/fuzz/$target.log
   mkdir -p "$grown" "fuzz/crashes/$target"
@@ -40,8 +25,32 @@ for target; do
     *) result="FINDING, see $log" ;;
   esac
   printf '%-20s %10s runs %7s/s  %s\n' "$target" "${runs:-?}" "${rate:-?}" "$result"
-  [ $code -eq 0 ] || status=1
   rmdir "fuzz/crashes/$target" 2>/dev/null || true
-done
+  return "$((code != 0))"
+}
+
+if [ "${1:-}" = --target ]; then
+  seconds=$2
+  fuzz_target "$3"
+  exit
+fi
+
+seconds=${1:?seconds for each target}
+shift
+[ $# -gt 0 ] || set -- fuzz/corpus/*
+jobs=${JOBS:-$(nproc)}
+
+[ -d build/fuzz ] || cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j"$jobs"
+
+# The key folders go to memory where there is a file system for it.
+scratch=$(mktemp -d -p "$([ -w /dev/shm ] && echo /dev/shm || echo /tmp)" fuzz.XXXXXX)
+trap 'rm -rf "$scratch"' EXIT
+trap 'exit 1' INT TERM
+export TMPDIR="$scratch"
+
+status=0
+printf '%s\n' "$@" | sed 's,.*/,,' |
+  xargs -P "$jobs" -n 1 scripts/fuzz.sh --target "$seconds" || status=1
 rmdir fuzz/crashes 2>/dev/null || true
 exit $status

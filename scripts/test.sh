@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs all tests: release, and with the address and undefined-behaviour
-# sanitizers.
-# Other presets can be named: scripts/test.sh release
+# Sets up, builds and runs all tests: in a release build, with the address and undefined-behaviour
+# sanitizers, the tests of threads with the thread sanitizer, and 20 seconds of each fuzz target.
+# Presets can be named instead: scripts/test.sh release
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan)
+[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan fuzz)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "== $preset"
   cmake --preset "$preset"
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
+  [ "$preset" != fuzz ] || scripts/fuzz.sh 20
 done
