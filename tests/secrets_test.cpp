@@ -8,8 +8,6 @@
 #include "sm2/sm2.h"
 
 #include <malloc.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <algorithm>
 #include <fstream>
 
@@ -33,13 +31,18 @@ struct Shown {
   const char* Text() const { return reinterpret_cast<const char*>(bytes); }
 };
 
-// Made of a seed; its bytes never stand together unmasked.
+Secret Masked(const char* what, const unsigned char* bytes, size_t size) {
+  Secret secret = {what, std::string(size, 0)};
+  for (size_t i = 0; i < size; i++) secret.masked[i] = static_cast<char>(bytes[i] ^ MASK);
+  return secret;
+}
+
+// Letters made of a seed, which never stand together unmasked.
 Secret Made(const char* what, size_t size, unsigned int seed) {
-  std::string masked(size, 0);
-  for (char& c : masked)
-    c = static_cast<char>(((seed = seed * 1103515245 + 12345) >> 16 & 15) + 'a');
-  for (char& c : masked) c = static_cast<char>(c ^ MASK);
-  return {what, masked};
+  Secret secret = {what, std::string(size, 0)};
+  for (char& c : secret.masked)
+    c = static_cast<char>((((seed = seed * 1103515245 + 12345) >> 16 & 15) + 'a') ^ MASK);
+  return secret;
 }
 
 int CountAt(const unsigned char* begin, const unsigned char* end, const std::string& masked) {
@@ -91,25 +94,6 @@ int Count(const Secret& secret) {
 std::vector<std::string> g_watched;  // parts that no block may hold when it is given back
 int g_betrayed = 0;                  // blocks that did
 
-// Runs `compute` in a child process, which hands its result over masked.
-template <class Compute>
-Secret Elsewhere(const char* what, size_t size, Compute compute) {
-  int ends[2];
-  EXPECT_EQ(pipe(ends), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    unsigned char bytes[LONGEST];
-    compute(bytes);
-    for (size_t i = 0; i < size; i++) bytes[i] ^= MASK;
-    _exit(write(ends[1], bytes, size) == static_cast<ssize_t>(size) ? 0 : 1);
-  }
-  std::string masked(size, 0);
-  EXPECT_EQ(read(ends[0], masked.data(), size), static_cast<ssize_t>(size));
-  close(ends[0]);
-  close(ends[1]);
-  waitpid(child, nullptr, 0);
-  return {what, masked};
-}
 }  // namespace
 
 extern "C" void __libc_free(void* block);
@@ -125,6 +109,7 @@ class SecretsTest : public ModuleTest {
   const Secret pin_ = Made("PIN", 40, 1), second_ = Made("second PIN", 40, 2);
   const Secret wrong_ = Made("wrong PIN", 40, 3), plaintext_ = Made("plaintext", 48, 4);
   const Secret d_ = Made("private scalar", 32, 5), k_ = Made("nonce", 32, 6);
+  Secret factor_;              // (1 + d)^-1
   std::string header_, salt_;  // of the SM2 key's encoding, and of its derivation
 
   void SetUp() override {
@@ -133,6 +118,15 @@ class SecretsTest : public ModuleTest {
     SM2MultiplyGenerator(point, Shown(d_).bytes);
     header_ = EccPair(7, Bytes(point, 32), Bytes(point + 32, 32), std::string(32, 0));
     header_.resize(header_.size() - 32);
+    SM2Scalar d, one;
+    Wiped<32> factor;
+    SM2ReadScalar(&d, Shown(d_).bytes, 32);
+    SM2ReadScalar(&one, Raw("\1"), 1);
+    SM2AddScalars(&d, &d, &one);
+    SM2InvertScalar(&d, &d);
+    SM2WriteScalar(factor.bytes, &d);
+    OPENSSL_cleanse(&d, sizeof(d));
+    factor_ = Masked("signing factor", factor.bytes, 32);
   }
 
   Keypair* Import(Device* device) const {
@@ -207,23 +201,16 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
     const Shown planted(plaintext_);
     EXPECT_EQ(Count(plaintext_), 1) << "what stands there is found";
   }
-  for (const Secret& secret : {pin_, second_, wrong_, plaintext_, d_, k_})
+  for (const Secret& secret : {pin_, second_, wrong_, plaintext_, d_, k_, factor_})
     for (const std::string& part : Parts(secret)) g_watched.push_back(part);
   UseEverything();
   g_watched.clear();
   EXPECT_EQ(g_betrayed, 0);
-  const Secret derived = Elsewhere("derived key", 32, [&](unsigned char* out) {
-    PKCS5_PBKDF2_HMAC(Shown(second_).Text(), 40, Raw(salt_), Len(salt_), 2000, EVP_sha512(), 32,
-                      out);
-  });
-  const Secret factor = Elsewhere("signing factor", 32, [&](unsigned char* out) {
-    SM2Scalar d, one;
-    SM2ReadScalar(&d, Shown(d_).bytes, 32);
-    SM2ReadScalar(&one, Raw("\1"), 1);
-    SM2AddScalars(&d, &d, &one);
-    SM2InvertScalar(&d, &d);
-    SM2WriteScalar(out, &d);
-  });
-  for (const Secret& secret : {pin_, second_, wrong_, plaintext_, d_, k_, derived, factor})
+  Wiped<32> key;
+  PKCS5_PBKDF2_HMAC(Shown(second_).Text(), 40, Raw(salt_), Len(salt_), 2000, EVP_sha512(), 32,
+                    key.bytes);
+  const Secret derived = Masked("derived key", key.bytes, 32);
+  OPENSSL_cleanse(key.bytes, 32);
+  for (const Secret& secret : {pin_, second_, wrong_, plaintext_, d_, k_, factor_, derived})
     EXPECT_EQ(Count(secret), 0) << secret.what;
 }
