@@ -91,6 +91,16 @@ int Count(const Secret& secret) {
   return most;
 }
 
+// How often it stands where functions that have returned had their frames.
+__attribute__((noinline)) int CountBelow(const Secret& secret) {
+  constexpr size_t DEPTH = 1 << 16;
+  const auto* here = static_cast<const unsigned char*>(__builtin_frame_address(0));
+  int most = 0;
+  for (const std::string& part : Parts(secret))
+    most = std::max(most, CountAt(here - DEPTH, here, part));
+  return most;
+}
+
 std::vector<std::string> g_watched;  // parts that no block may hold when it is given back
 int g_betrayed = 0;                  // blocks that did
 
@@ -146,6 +156,7 @@ class SecretsTest : public ModuleTest {
     EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, Raw(header_), 32, signature,
                          sizeof(signature), &length),
               1);
+    for (const Secret& secret : {k_, d_, factor_}) EXPECT_EQ(CountBelow(secret), 0) << secret.what;
     FixRandRange({});
   }
 
