@@ -104,6 +104,11 @@ __attribute__((noinline)) int CountBelow(const Secret& secret) {
 std::vector<std::string> g_watched;  // parts that no block may hold when it is given back
 int g_betrayed = 0;                  // blocks that did
 
+const Secret& Nonce() {
+  static const Secret k = Made("nonce", 32, 6);
+  return k;
+}
+
 }  // namespace
 
 extern "C" void __libc_free(void* block);
@@ -114,11 +119,15 @@ extern "C" void free(void* block) {
   __libc_free(block);
 }
 
+extern "C" int BN_rand_range(BIGNUM* number, const BIGNUM* /*range*/) {
+  return BN_bin2bn(Shown(Nonce()).bytes, 32, number) != nullptr ? 1 : 0;
+}
+
 class SecretsTest : public ModuleTest {
  protected:
   const Secret pin_ = Made("PIN", 40, 1), second_ = Made("second PIN", 40, 2);
   const Secret wrong_ = Made("wrong PIN", 40, 3), plaintext_ = Made("plaintext", 48, 4);
-  const Secret d_ = Made("private scalar", 32, 5), k_ = Made("nonce", 32, 6);
+  const Secret d_ = Made("private scalar", 32, 5), k_ = Nonce();
   Secret factor_;              // (1 + d)^-1
   std::string header_, salt_;  // of the SM2 key's encoding, and of its derivation
 
@@ -149,15 +158,12 @@ class SecretsTest : public ModuleTest {
   }
 
   void Sign(Keypair* keypair) const {
-    const std::string nonce = Hex({Shown(k_).Text(), 32});  // digits are not looked for
-    FixRandRange({nonce.c_str()});
     unsigned char signature[100];
     int length = 0;
     EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, Raw(header_), 32, signature,
                          sizeof(signature), &length),
               1);
     for (const Secret& secret : {k_, d_, factor_}) EXPECT_EQ(CountBelow(secret), 0) << secret.what;
-    FixRandRange({});
   }
 
   void Decrypt(Keypair* keypair, unsigned int algorithm) const {
