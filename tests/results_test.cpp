@@ -1,37 +1,67 @@
 // Plays the table of results in tests/data/results.txt.
 #include "keypair/keypair.h"
+#include "sm2/sm2.h"
+#include "store/store.h"
 #include "tests/support/operations.h"
 
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <utility>
 
 namespace {
-// A word of the table: a number, the name of something, or a text for itself.
+std::shared_ptr<VakroJson> Tree(const std::string& text) {
+  return Json(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
+}
+
+// A word of the table: a number, a JSON value, the name of something, or a text for itself.
 struct Word {
   std::string text;
   const std::map<std::string, void*>& things;
+  int number = static_cast<int>(strtoll(text.c_str(), nullptr, 0));
+  std::shared_ptr<VakroJson> tree = Tree(text);
 
-  explicit operator int() const { return static_cast<int>(std::stoll(text, nullptr, 0)); }
-  explicit operator unsigned int() const { return static_cast<unsigned int>(int{*this}); }
+  explicit operator int() const { return number; }
+  explicit operator unsigned int() const { return static_cast<unsigned int>(number); }
   template <class T>
   explicit operator T*() const {
+    const bool named = things.contains(text);
     if constexpr (std::is_same_v<T, const char> || std::is_same_v<T, const unsigned char>)
-      if (!things.contains(text)) return reinterpret_cast<T*>(text.data());
+      if (!named) return reinterpret_cast<T*>(text.data());
+    if constexpr (std::is_same_v<T, const int>)
+      if (!named) return &number;
+    if constexpr (std::is_same_v<T, VakroJson>)
+      if (!named) return tree.get();
     return static_cast<T*>(things.at(text));
   }
 };
 using Words = std::vector<Word>;
 using Call = std::function<int(const Words&)>;
 
-// A handle counts as 1 and is given back.
+unsigned char g_out[600];
+
+// A handle or a value counts as 1 and is given back; what reads as text becomes the output.
 int Code(int result) { return result; }
 int Code(unsigned int result) { return static_cast<int>(result); }
 int Code(Device* device) { return DeviceHandle(device) ? 1 : 0; }
 int Code(Keypair* keypair) { return KeypairHandle(keypair) ? 1 : 0; }
 int Code(PublicKey* key) { return PublicHandle(key) ? 1 : 0; }
+int Code(Cert* cert) { return OwnedCert(cert) ? 1 : 0; }
+int Code(Data* data) { return OwnedData(data) ? 1 : 0; }
+int Code(char* text) {
+  const UtilText owned(text);
+  if (owned) memcpy(g_out, text, strlen(text));
+  return owned ? 1 : 0;
+}
+int Code(VakroJson* value) {
+  const Json owned(value);
+  char* text = nullptr;
+  unsigned int length = 0;
+  return owned && vakro_json_encode(value, VAKRO_JSON_COMPACT, &text, &length) == 1 ? Code(text)
+                                                                                    : 0;
+}
 
 // What a word may name, as it is kept.
 template <class Result, class... Args>
@@ -60,9 +90,8 @@ void* Kept(T& thing) {
 // A map of things under their own names, trailing underscores left out.
 #define NAMED(...) Named(#__VA_ARGS__, __VA_ARGS__)
 template <class... Things>
-auto Named(std::string names, Things&... things) {
-  std::erase_if(names, [](char c) { return c == ',' || c == '_'; });
-  std::istringstream words(names);
+auto Named(const std::string& names, Things&... things) {
+  std::istringstream words(std::regex_replace(names, std::regex("_?(,|$)"), ""));
   std::istream_iterator<std::string> next(words);
   using Kind = std::common_type_t<decltype(Kept(things))...>;
   return std::map<std::string, Kind>{{*next++, Kept(things)}...};
@@ -78,7 +107,11 @@ const auto FUNCTIONS = NAMED(
     DeviceGetPublicKeyFromKeypair, DeviceImportPublicKey, DeviceFreePublicKey,
     DeviceExportPublicKey, DeviceGetPublicKeyAlgorithm, DeviceGetPublicKeyBits, DeviceSign,
     DeviceVerify, DevicePublicKeyEncrypt, DevicePrivateKeyDecrypt, DeviceGenerateKeypair,
-    DeviceImportKeypair, DeviceVerifyPwd, DeviceChangePwd);
+    DeviceImportKeypair, DeviceVerifyPwd, DeviceChangePwd, DeviceIsSupportedAlgorithm2, GetECCBits,
+    GetECCCurveNid, checkCurveBits, string_endwiths, GetFilePath, NewCert, newData,
+    VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem, UpdateJsonKeypairsToDevice,
+    UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
+    DeleteJsonCertToCerts, DeleteJsonCertToKeypair);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -87,7 +120,7 @@ class ResultsTest : public OperationsTest {
  protected:
   // One call, and that it leaves what it should.
   void Gives(int want, const std::string& function, const Words& words) {
-    memset(out_, '.', sizeof(out_));
+    memset(g_out, '.', sizeof(g_out));
     n_ = UNTOUCHED;
     const auto call = [&] { return FUNCTIONS.at(function)(words); };
     if (want == 1) {
@@ -141,11 +174,10 @@ class ResultsTest : public OperationsTest {
     const int result = number("=", 0);
     Gives(result, function, words);
     EXPECT_EQ(n_, number("n", result == 1 ? n_ : UNTOUCHED));
-    EXPECT_EQ(Bytes(out_, Len(want["holds"])), want["holds"]);
+    EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
   }
 
   DeviceHandle closed_;
-  unsigned char out_[600];
   int n_ = 0;
   Keypair* made_ = nullptr;
   PublicKey* key_ = nullptr;
@@ -157,7 +189,8 @@ TEST_F(ResultsTest, AreThoseOfTheTable) {
   std::string pair = TestP256().pair, encoding = TestP256().publicKey;
   std::string pairOf2 = Flipped(pair, 11, 4 ^ 2), label63(63, 'l'), label64(64, 'l');
   std::string rsaCipher = Encrypt(rsaPublic_.get(), 16, digest.substr(32));
-  std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature, pin = PIN;
+  std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature, pin = PIN,
+              empty;
   while (signature.size() != 71) signature = Sign(sm2_, 4096, digest.substr(32));  // the table's
   ECCKeypairParams onP256 = {3, 0}, onP384 = {4, 0}, on6 = {6, 0};
   ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1};
@@ -177,8 +210,13 @@ TEST_F(ResultsTest, AreThoseOfTheTable) {
   things_ = NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
                   p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block,
                   ones, pair, pairOf2, encoding, label63, label64, rsaCipher, sm2Cipher, signature,
-                  pin, onP256, onP384, on6, temporaryOnP256, temporaryOn6, noExponent, out_);
-  things_.insert({{"-", nullptr}, {"made", &made_}, {"key", &key_}, {"n", &n_}});
+                  pin, onP256, onP384, on6, temporaryOnP256, temporaryOn6, noExponent);
+  things_.insert({{"-", nullptr},
+                  {"out", g_out},
+                  {"empty", empty.data()},
+                  {"made", &made_},
+                  {"key", &key_},
+                  {"n", &n_}});
 
   std::ifstream table(DataFile("results.txt"));
   int rows = 0;
