@@ -1,0 +1,310 @@
+// What a device file holds: how its text is read, and what every change writes, byte for byte.
+#include "keypair/keypair.h"
+#include "store/store.h"
+#include "tests/support/world.h"
+
+#include <openssl/hmac.h>
+#include <sys/stat.h>
+#include <fstream>
+
+class StoredTest : public ModuleTest {
+ protected:
+  const StoredKeypair first_ = {.certs = {"one", "two", "three"}};
+  const StoredKeypair second_ = {.label = "enc", .type = -2, .key = &TestRsa()};
+  // With an item that the reader skips; others get one that it doesn't know.
+  const std::string skipped_ = R"(["skipped",1.50,{"a":null}])";
+  StoredDevice stored_ = {.keypairs = {skipped_, first_.Json(), second_.Json()}};
+
+  std::string Text() const { return TextOf(Read("dev")); }
+  std::string With(const std::vector<std::string>& certs) const {
+    StoredDevice device = stored_;
+    StoredKeypair first = first_;
+    first.certs = certs;
+    device.keypairs[1] = first.Json();
+    return device.Json();
+  }
+  std::string WithDatas(const std::vector<std::string>& datas) const {
+    StoredDevice device = stored_;
+    device.more = {Array(datas)};
+    return device.Json();
+  }
+  static int Add(Keypair* keypair, const std::string& cert) {
+    return DeviceAddCertificate(keypair, Raw(cert), Len(cert));
+  }
+  static int Import(Device* device, Keypair** out) {
+    const std::string& pair = TestSm2().pair;
+    return DeviceImportKeypair(device, Raw(pair), Len(pair), 9, "third", out);
+  }
+  static int WriteData(Device* device, int id, int offset, const std::string& bytes) {
+    return DeviceWriteDataEx(device, id, offset, Raw(bytes), Len(bytes));
+  }
+};
+
+TEST_F(StoredTest, FieldsComeAsStored) {
+  const DeviceHandle device = Load(stored_.File(0xfffefdfc), nullptr);
+  std::string want =
+      "0123456789 abc pin - refs 3 tag 4294901244 " + Path("dev") + " " + Path("dev.bak") + "\n";
+  for (const StoredKeypair& k : {first_, second_}) {
+    want += k.label == "sign" ? "0 sign 1 4 256" : "1 enc 4294967294 1 2048";
+    want += " 0 0 1 " + Hex(k.key->publicKey) + " " + Hex(k.salt) + " " + Hex(k.iv) + " " +
+            Hex(Seal(k.key->pair, PIN, k.salt, k.iv)) + "\n";
+    for (const std::string& cert : k.certs) want += "  " + Hex(cert) + "\n";
+  }
+  EXPECT_EQ(Describe(*device, false), want);
+  EXPECT_TRUE(device->maxKeypairs == 64 && device->keypairs[0]->maxCerts == 10);
+}
+
+TEST_F(StoredTest, EveryCheckOfTheText) {
+  const std::string key = R"(["k",1,4,256,"00","00","00","00",["AAAA"]])";
+  const std::string good = R"(["serial","label",[)" + key + "," + key + "]]";
+  const std::vector<std::string> eleven(11, "\"AAAA\"");
+  const std::map<std::string, std::string> names = {
+      {"ALL", good},
+      {"NOTHING", ""},
+      {"DEEP", std::string(200000, '[')},
+      {"KEY", key},
+      {"NAME63", std::string(63, 'n')},
+      {"NAME64", std::string(64, 'n')},
+      {"CERTS10", Array({eleven.begin(), eleven.end() - 1})},
+      {"CERTS11", Array(eleven)}};
+  std::ifstream table(DataFile("device_texts.txt"));
+  int rows = 0;
+  for (std::string from, to, want; table >> from;) {
+    if (from[0] == '#') {
+      std::getline(table, from);
+      continue;
+    }
+    table >> to >> want;
+    SCOPED_TRACE(from + " -> " + to);
+    for (std::string* word : {&from, &to})
+      for (const auto& [name, text] : names)
+        while (word->find(name) != std::string::npos) *word = Replaced(*word, name, text);
+    Write("dev", Container(TAG, Replaced(good, from, to)));
+    const SetHandle set(DeviceGetAllDevices());
+    std::vector<std::string> certs;
+    for (int i = 0; set->count == 1 && i < set->devices[0]->keypairCount; i++)
+      certs.push_back(std::to_string(set->devices[0]->keypairs[i]->certCount));
+    EXPECT_EQ(set->count == 0 ? "none" : Array(certs), want);
+    rows++;
+  }
+  EXPECT_GT(rows, 40);
+}
+
+TEST_F(StoredTest, NumbersAreTruncatedTowardZeroAndLimited) {
+  for (const auto& [number, type] : {std::pair{"1.9", 1},
+                                     {"-1.9", -1},
+                                     {"2147483647", INT_MAX},
+                                     {"-2147483648", INT_MIN},
+                                     {"4294967297", INT_MAX},
+                                     {"-1e99", INT_MIN}}) {
+    const std::string key = Replaced(first_.Json(), ",1,4,", std::string(",") + number + ",4,");
+    const DeviceHandle device = Load(StoredDevice{.keypairs = {key}}.File(), nullptr);
+    EXPECT_EQ(static_cast<int>(device->keypairs[0]->type), type);
+  }
+}
+
+TEST_F(StoredTest, The65thKeypairIsIgnored) {
+  stored_.keypairs.assign(70, second_.Json());
+  const DeviceHandle device = Load(stored_.File(), nullptr);
+  EXPECT_TRUE(device->keypairCount == 64 && device->refCount == 65);
+}
+
+// What is damaged beyond one byte; the rest is in hostile_bytes_test.cpp.
+TEST_F(StoredTest, LengthsOfTheContainerCannotWrap) {
+  const struct {
+    std::string file;
+    int want;
+  } cases[] = {{Container(1, ""), 1},
+               {Word(1) + Word(0xffffffff) + std::string(63, 'x'), 0},
+               {Word(1) + Word(0xffffffc0), 0},
+               {Word(1) + Word(0) + Digest("SHA512", "") + " ", 0},
+               {'\0' + stored_.File(), 0}};
+  for (const auto& c : cases) {
+    Write("dev", c.file);
+    unsigned char* image = nullptr;
+    unsigned int size = 0;
+    EXPECT_EQ(VerifyDeviceFile(Path("dev").c_str(), &image, &size), c.want) << Hex(c.file);
+    vakro_free(image);
+  }
+}
+
+TEST_F(StoredTest, OnlyRegularFilesAreReadAndCopied) {
+  ASSERT_EQ(mkdir(Path("folder").c_str(), 0700), 0);
+  ASSERT_EQ(mkfifo(Path("pipe").c_str(), 0600), 0);  // an open for reading would wait for ever
+  ASSERT_EQ(symlink("nowhere", Path("link").c_str()), 0);
+  Write("empty", "");
+  for (const char* name : {"folder", "pipe", "link", "empty", "missing", "missing/too"})
+    Refuses(0, nullptr, [&] { return CopyFileData(Path(name).c_str(), Path("copy").c_str()); });
+  for (const unsigned int mode : {0600u, 0640u, 0400u}) {
+    const std::string from = "from" + std::to_string(mode);
+    Write(from, std::string(1072, '\0'), mode);
+    Write("to", std::string(2000, 'x'), 0666);
+    for (const char* to : {"to", "fresh"}) {
+      EXPECT_EQ(CopyFileData(Path(from).c_str(), Path(to).c_str()), 1);
+      EXPECT_TRUE(List()[to] == List()[from]) << to << " " << mode;
+      ASSERT_EQ(remove(Path(to).c_str()), 0);
+    }
+  }
+}
+
+TEST_F(StoredTest, HashesAndMacsAreOpenSslsToo) {
+  const std::string key(32, 'k'), data = "some data";
+  unsigned char mac[64], want[64];
+  unsigned char* digest = nullptr;
+  unsigned int length = 0;
+  ASSERT_EQ(CalculateMac(0x6000, Raw(key), 32, Raw(data), 9, mac, &length), 1);
+  HMAC(EVP_sha512(), Raw(key), 32, Raw(data), 9, want, nullptr);
+  EXPECT_EQ(Bytes(mac, length), Bytes(want, 64));
+  EXPECT_EQ(CalculateMac(0x6001, Raw(key), 32, Raw(data), 9, mac, &length), 0);
+  EXPECT_EQ(CalculateHash(0x6001, Raw(data), 9, &digest, &length), 0);
+}
+
+// --- Keypairs and certificates ---
+
+TEST_F(StoredTest, CertificatesComeAndGoInOrder) {
+  for (const bool datas : {false, true}) {
+    if (datas) stored_.more = {Array({StoredData(5, "value"), "\"odd\""})};
+    const DeviceHandle device = Load(stored_.File());
+    Keypair* const keypair = device->keypairs[0];
+    EXPECT_EQ(Add(keypair, "four"), 1);
+    EXPECT_EQ(Text(), With({"one", "two", "three", "four"}));
+    EXPECT_EQ(DeviceDeleteCertificate(keypair, 1), 1);
+    EXPECT_EQ(Text(), With({"one", "three", "four"}));
+    EXPECT_EQ(Describe(*Rescan(PIN), false), Describe(*device, false));
+    EXPECT_EQ(Add(keypair, "one"), 1);  // once more: twice in the record, once in the file
+    EXPECT_EQ(DeviceGetCertificateCount(keypair), 4);
+    EXPECT_EQ(Text(), With({"one", "three", "four"}));
+    const OwnedCert other(NewCert(Raw("other"), 5));
+    EXPECT_EQ(DeleteCertFromFile(keypair, other.get()), 1);  // not in the record: what that holds
+    EXPECT_EQ(Text(), With({"one", "three", "four", "one"}));
+    EXPECT_EQ(DeviceDeleteCertificate(keypair, 3), 1);  // the first of the equal ones goes
+    EXPECT_EQ(Text(), With({"three", "four", "one"}));
+    EXPECT_EQ(UpdateKeypairToFile(keypair), datas ? 0 : 1);
+    EXPECT_EQ(Text(), datas ? With({"three", "four", "one"}) : With({"one", "three", "four"}));
+    for (char c = 'a'; c < 'h'; c++) EXPECT_EQ(Add(keypair, std::string(1, c)), 1);
+    Refuses(0, device.get(), [&] { return Add(keypair, "the eleventh"); });
+  }
+}
+
+TEST_F(StoredTest, KeypairsComeAndGo) {
+  const DeviceHandle device = Load(stored_.File());
+  Keypair* made = nullptr;
+  ASSERT_EQ(Import(device.get(), &made), 1);
+  const KeypairHandle third(made), first(DeviceGetKeypair(device.get(), 0));
+  StoredDevice with = stored_;
+  with.keypairs.push_back(Array({"\"third\"", "9", "4", "256", Quoted(Hex(Bytes(made->salt, 32))),
+                                 Quoted(Hex(Bytes(made->iv, 16))), Quoted(Hex(TestSm2().publicKey)),
+                                 Quoted(Hex(Bytes(made->encryptedPrivateKey, 140))), "[]"}));
+  EXPECT_EQ(Text(), with.Json());
+  EXPECT_EQ(AddhKeypairToFile(device.get(), made), 1);
+  EXPECT_EQ(Text(), with.Json()) << "stored once";
+  for (const std::string& datas : {std::string("[]"), Array({StoredData(5, "value")})}) {
+    StoredDevice more = with;
+    more.more = {datas};
+    Write("dev", more.File());
+    Refuses(0, device.get(), [&] { return DeviceDeleteKeypair(first.get()); });
+  }
+  Write("dev", with.File());
+  EXPECT_EQ(DeviceDeleteKeypair(first.get()), 1);
+  EXPECT_EQ(first->device, nullptr);
+  with.keypairs.erase(with.keypairs.begin() + 1);
+  EXPECT_EQ(Text(), with.Json());
+  EXPECT_STREQ(device->keypairs[0]->label, "enc");
+  EXPECT_EQ(device->keypairs[1], made);
+  Write("dev", stored_.File());
+  EXPECT_EQ(DeviceDeleteKeypair(made), 1) << "not stored any more";
+  EXPECT_EQ(Text(), stored_.Json());
+}
+
+TEST_F(StoredTest, AnItemThatDiffersInAnyOfEightIsAnotherKeypair) {
+  const DeviceHandle device = Load(stored_.File());
+  Keypair* const keypair = device->keypairs[0];
+  const auto refused = [&] {
+    Refuses(0, device.get(), [&] { return Add(keypair, "cert"); });
+    Refuses(0, device.get(), [&] { return DeviceDeleteCertificate(keypair, 0); });
+    Refuses(0, device.get(), [&] { return UpdateKeypairToFile(keypair); });
+  };
+  const std::string blob = Hex(Seal(first_.key->pair, PIN, first_.salt, first_.iv));
+  for (const auto& [from, to] : {std::pair{R"("sign",1,4,256)", R"("Sign",1,4,256)"},
+                                 {"\"sign\",1", "\"sign\",2"},
+                                 {",1,4,256", ",1,1,256"},
+                                 {",1,4,256", ",1,4,255"},
+                                 {"7373", "7374"},
+                                 {"6969", "6970"},
+                                 {"5f50", "5f51"},
+                                 {blob.c_str(), "00"}}) {
+    SCOPED_TRACE(to);
+    Write("dev", Container(TAG, Replaced(stored_.Json(), from, to)));
+    refused();
+  }
+  for (const std::string& file :
+       {std::string("short"), Word(1) + Word(0xfffffff8) + "[]", Container(TAG, R"(["a","b"])"),
+        Container(TAG, R"(["a","b",5])"), Container(TAG, "{}"), Container(TAG, "[")}) {
+    SCOPED_TRACE(Hex(file));
+    Write("dev", file);
+    refused();
+    Keypair* made = nullptr;
+    Refuses(0, device.get(), [&] { return Import(device.get(), &made); });
+    Refuses(0, device.get(), [&] { return DeviceDeleteKeypair(keypair); });
+  }
+  for (int* length : {&keypair->saltLen, &keypair->ivLen, &keypair->publicKeyLen,
+                      &keypair->encryptedPrivateKeyLen, &keypair->certCount}) {
+    const int whole = std::exchange(*length, length == &keypair->certCount ? -1 : 0);
+    EXPECT_EQ(Keypair2Json(keypair), nullptr);
+    *length = whole;
+  }
+}
+
+// --- Data objects ---
+
+TEST_F(StoredTest, DataObjectsComeAndGoInOrder) {
+  const std::string odd = R"([9,2,-3,4,"6162"])", value = "0123456789abcdef", zero(16, '\0');
+  const DeviceHandle device = Load(stored_.File(), nullptr), other = Rescan();
+  Device* const d = device.get();
+  EXPECT_EQ(DeviceCreateData(d, 5, 77, 16), 1);
+  EXPECT_EQ(Text(), WithDatas({StoredData(5, zero)}));
+  EXPECT_EQ(WriteData(d, 5, 10, "abcdef"), 1);
+  EXPECT_EQ(WriteData(other.get(), 5, 0, "0123456789"), 1) << "through another record";
+  EXPECT_EQ(Text(), WithDatas({StoredData(5, value)}));
+  for (const int id : {7, 1, INT_MAX}) EXPECT_EQ(DeviceCreateData(d, id, 0, 16), 1);
+  EXPECT_EQ(DeviceDeleteData(d, 7), 1);
+  EXPECT_EQ(Text(),
+            WithDatas({StoredData(5, value), StoredData(1, zero), StoredData(INT_MAX, zero)}));
+  for (const int id : {5, 1, INT_MAX}) EXPECT_EQ(DeviceDeleteData(d, id), 1);
+  EXPECT_EQ(Text(), WithDatas({})) << "the item stays, empty";
+  EXPECT_EQ(Read("dev").substr(0, 4), Word(TAG));
+  EXPECT_FALSE(Exists("dev.bak"));
+  stored_.more = {Array({odd, StoredData(1, "x")}), "\"dropped by a write\""};
+  Write("dev", stored_.File());
+  EXPECT_EQ(WriteData(d, 1, 0, "y"), 1);
+  EXPECT_EQ(Text(), WithDatas({odd, StoredData(1, "y")}));
+}
+
+TEST_F(StoredTest, DataObjectsThatDoNotParseAreRefusedWhole) {
+  std::vector<std::string> texts;
+  for (const char* datas :
+       {R"("")", R"({})", R"([5])", R"([[5,1,0,0]])", R"([["5",1,0,0,"00"]])", R"([[5,1,0,0,7]])",
+        R"([[5,2,0,0,"00"]])", R"([[5,0,0,0,"00"]])", R"([[5,1,0,0,"0"]])", R"([[5,1,0,0,"zz"]])",
+        R"([[5,-1,0,0,""]])", R"([[5,1,0,null,"00"]])", R"([[7,1,0,0,"00"],[5,1,0,0,"0000"]])"}) {
+    stored_.more = {datas};
+    texts.push_back(stored_.File());
+  }
+  stored_.more = {Array({StoredData(5, "value")})};
+  const std::string good = stored_.File();
+  texts.push_back(Flipped(good, 40));
+  const DeviceHandle device = Load(good, nullptr);
+  Device* const d = device.get();
+  unsigned char buffer[9];
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(TextOf(text));
+    Write("dev", text);
+    Refuses(0, d, [&] { return DeviceCreateData(d, 8, 0, 4); });
+    Refuses(0, d, [&] { return WriteData(d, 7, 0, "x"); });
+    Refuses(0, d, [&] { return DeviceDeleteData(d, 7); });
+    Refuses(0, d, [&] { return DeviceReadDataEx(d, 7, 0, buffer, 9, nullptr); });
+  }
+  Write("dev.bak", good);
+  EXPECT_EQ(DeviceReadDataEx(d, 5, 0, buffer, 9, nullptr), 1);
+  EXPECT_EQ(Bytes(buffer, 5), "value");
+  EXPECT_TRUE(Read("dev") == good && !Exists("dev.bak"));
+}
