@@ -175,15 +175,24 @@ class HostileFiles : public ModuleTest {
 
 TEST_F(HostileFiles, ContainersAreRefusedButForTheirTag) {
   const std::string file = stored_.File();
-  EachChange(file, FEW, [&](const std::string& changed, size_t at) {
+  const auto verifies = [&](const std::string& changed) {
     Write("dev", changed);
     unsigned char* image = nullptr;
     unsigned int size = 0;
     const int result = VerifyDeviceFile(Path("dev").c_str(), &image, &size);
     const UtilBytes owned(image);
-    return at < 4 ? result == 1 && Bytes(image, size) == changed : result == 0 && !image;
+    EXPECT_TRUE(result == 1 ? Bytes(image, size) == changed : result == 0 && !image);
+    return result == 1;
+  };
+  EachChange(file, FEW, [&](const std::string& changed, size_t at) {
+    return verifies(changed) == (at < 4) && !HasFailure();
   });
   for (size_t at = 0; at < 4; at++) EXPECT_FALSE(Opens(Flipped(file, at), false)) << "bound to it";
+  EXPECT_TRUE(verifies(Container(1, "")));
+  for (const std::string& wrapping :
+       {Word(1) + Word(0xffffffff) + std::string(63, 'x'), Word(1) + Word(0xffffffc0),
+        Word(1) + Word(0) + Digest("SHA512", "") + " ", '\0' + file})
+    EXPECT_FALSE(verifies(wrapping)) << Hex(wrapping);
 }
 
 TEST_F(HostileFiles, TextsWithARightDigest) {
