@@ -1,4 +1,4 @@
-// Plays the table of results in tests/data/results.txt.
+// Plays the tables of results in tests/data: results.txt and stored_changes.txt.
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 #include "store/store.h"
@@ -111,7 +111,7 @@ const auto FUNCTIONS = NAMED(
     GetECCCurveNid, checkCurveBits, string_endwiths, GetFilePath, NewCert, newData,
     VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem, UpdateJsonKeypairsToDevice,
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
-    DeleteJsonCertToCerts, DeleteJsonCertToKeypair);
+    DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -142,6 +142,15 @@ class ResultsTest : public OperationsTest {
     std::string function, text;
     Words words;
     row >> function;
+    if (function == "more" || function == "file") {
+      std::string to;
+      row >> text >> to;
+      if (function == "more")
+        to = WithMore(text);
+      else if (text != "ALL")
+        to = Replaced(base_, text, to);
+      return Write("dev", Container(TAG, to));
+    }
     while (row >> text && text != "=" && text != "sizes") words.push_back({text, things_});
     std::map<std::string, std::string> want;
     for (std::string value; row >> value; row >> text) want[text] = value;
@@ -164,7 +173,26 @@ class ResultsTest : public OperationsTest {
     Gives(result, want.contains("writes"), call);
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
+    if (want.contains("more")) {
+      EXPECT_EQ(TextOf(Read("dev")), WithMore(want["more"]));
+    }
   }
+
+  void PlayAll(const char* name, int least) {
+    base_ = TextOf(Read("dev"));
+    std::ifstream table(DataFile(name));
+    int rows = 0;
+    for (std::string line; std::getline(table, line); rows++)
+      if (!line.empty() && line[0] != '#') Play(line);
+    EXPECT_GT(rows, least);
+  }
+
+  // The text that the table began with, and a fourth item.
+  std::string WithMore(const std::string& item) const {
+    return base_.substr(0, base_.size() - 1) + "," + item + "]";
+  }
+
+  std::string base_;
 
   DeviceHandle closed_;
   int n_ = 0;
@@ -173,7 +201,7 @@ class ResultsTest : public OperationsTest {
   std::map<std::string, void*> things_;
 };
 
-TEST_F(ResultsTest, AreThoseOfTheTable) {
+TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string digest(64, 'e'), block = '\0' + std::string(256, 'b'), ones(256, '\xff');
   std::string pair = TestP256().pair, encoding = TestP256().publicKey;
   std::string pairOf2 = Flipped(pair, 11, 4 ^ 2), label63(63, 'l'), label64(64, 'l');
@@ -208,13 +236,7 @@ TEST_F(ResultsTest, AreThoseOfTheTable) {
                   {"key", &key_},
                   {"n", &n_}});
 
-  std::ifstream table(DataFile("results.txt"));
-  int rows = 0;
-  for (std::string line; std::getline(table, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    Play(line);
-    rows++;
-  }
-  EXPECT_GT(rows, 200);
+  PlayAll("stored_changes.txt", 100);
+  PlayAll("results.txt", 400);
   closed_.reset();
 }
