@@ -1,7 +1,6 @@
 // The folder scan: what it loads, restores and removes, and what it leaves alone.
 #include "tests/support/world.h"
 
-#include <errno.h>
 #include <sys/stat.h>
 #include <algorithm>
 #include <filesystem>
@@ -65,30 +64,6 @@ TEST_F(ScanTest, AStaleBackupThatStaysIsSkipped) {
   Write("dev.bak", old_);
   EXPECT_EQ(Scan({.name = "remove|unlink", .andLater = true}), "new ");
   EXPECT_TRUE(Read("dev") == new_);
-}
-
-// A file that can't be looked at for now is neither missing nor damaged; no older backup replaces
-// it. And where the backup is the only good copy it is never lost.
-TEST_F(ScanTest, APassingFailureLosesNothing) {
-  const auto check = [&](char state, const Fault& fault) {
-    Put("dev", Content(state, new_));
-    Write("dev.bak", old_);
-    const long live = LiveAllocations();
-    const std::string labels = Scan(fault), good = state == 'n' ? "new " : "old ";
-    const bool hit = FaultHit() != nullptr;
-    SCOPED_TRACE(std::string(hit ? FaultHit() : "no fault") + " in call " +
-                 std::to_string(fault.nth) + ", file " + state);
-    EXPECT_TRUE(labels == good || labels.empty() || labels == "NULL") << labels;
-    EXPECT_TRUE(state == 'n' ? Read("dev") == new_
-                             : Read("dev") == old_ || Read("dev.bak") == old_);
-    EXPECT_EQ(LiveAllocations(), live);
-    EXPECT_EQ(Scan(), good);
-    return hit && !HasFailure();
-  };
-  for (const char state : {'n', 'd', '-'})
-    for (const bool andLater : {false, true})
-      for (long n = 1; check(state, {.nth = n, .andLater = andLater}); n++) ASSERT_LT(n, 500);
-  EXPECT_TRUE(check('n', {.name = "fopen|open", .error = EMFILE, .file = "/dev"}));
 }
 
 TEST_F(ScanTest, OnlyFilesCountAndNoneStopsTheScan) {
