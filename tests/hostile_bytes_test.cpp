@@ -26,27 +26,17 @@ void EachChange(const std::string& bytes, unsigned int step, Good good) {
 
 using HostileBytes = OperationsTest;
 
-template <class Key, class Encoder>
-std::string Encoded(const Key* key, Encoder encode) {
-  unsigned char* bytes = nullptr;
-  int length = 0;
-  const int result = encode(key, &bytes, &length);
-  const LibBytes owned(bytes);
-  return result == 1 ? Bytes(bytes, length) : "refused";
-}
-
 // What the key of an encoding is encoded as.
 std::string Again(EVP_PKEY* key, int curve, bool pair) {
-  if (curve == 0) {
-    const RsaKey rsa(EVP_PKEY_get1_RSA(key));
-    return Encoded(rsa.get(), [pair](const RSA* k, unsigned char** to, int* length) {
-      return (pair ? EncodeRSAKeypair : ToRSAPublicKeyEncode)(const_cast<RSA*>(k), to, length);
-    });
-  }
-  const EcKey ec(EVP_PKEY_get1_EC_KEY(key));
-  return Encoded(ec.get(), [&](const EC_KEY* k, unsigned char** to, int* length) {
-    return (pair ? EncodeECCKeypair : ToECCPublicKeyEncode)(curve, k, to, length);
-  });
+  const RsaKey rsa(curve == 0 ? EVP_PKEY_get1_RSA(key) : nullptr);
+  const EcKey ec(curve == 0 ? nullptr : EVP_PKEY_get1_EC_KEY(key));
+  unsigned char* bytes = nullptr;
+  int length = 0;
+  const int result =
+      rsa ? (pair ? EncodeRSAKeypair : ToRSAPublicKeyEncode)(rsa.get(), &bytes, &length)
+          : (pair ? EncodeECCKeypair : ToECCPublicKeyEncode)(curve, ec.get(), &bytes, &length);
+  const LibBytes owned(bytes);
+  return result == 1 ? Bytes(bytes, length) : "refused";
 }
 
 // A keypair decodes to the very key that it encodes, or not at all.

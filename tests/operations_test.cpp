@@ -67,14 +67,11 @@ TEST_F(OperationsTest, EcdsaSignaturesVerifyBothWaysOnEveryCurve) {
 
 TEST_F(OperationsTest, AnEcdsaBufferIsMeasuredAgainstTheTrueLength) {
   const std::string digest = Digest("SHA256", "m");
-  int shortOnes = 0;
-  for (int i = 0; i < 40; i++) {
-    const std::string signature = Sign(p256_, 2048, digest, 71);
-    if (signature == "result -4") continue;
-    shortOnes++;
-    EXPECT_EQ(Verify(p256Public_.get(), 2048, digest, signature), 1);
-  }
-  EXPECT_GT(shortOnes, 0);  // three in four are shorter than the 72 that the query answers
+  unsigned char out[72];
+  int fitting = 0, length = 0;
+  for (int i = 0; i < 40; i++)
+    if (DeviceSign(p256_, 2048, nullptr, Raw(digest), 32, out, 71, &length) == 1) fitting++;
+  EXPECT_GT(fitting, 0);  // three in four are shorter than the 72 that the query answers
 }
 
 TEST_F(OperationsTest, AnSm2KeyOfUnknownCurveCanDoNothingOfSm2) {

@@ -69,20 +69,22 @@ Call Kept(Result (*function)(Args...)) {
   return [function](const Words& words) {
     EXPECT_EQ(words.size(), sizeof...(Args));
     return [&]<size_t... I>(std::index_sequence<I...>) {
-      return Code(function(static_cast<Args>(words.at(I))...));
+      if constexpr (!std::is_void_v<Result>)
+        return Code(function(static_cast<Args>(words.at(I))...));
+      else
+        return function(static_cast<Args>(words.at(I))...), 1;
     }
     (std::index_sequence_for<Args...>());
   };
-}
-void* Kept(std::string& bytes) { return bytes.data(); }
-template <class T, class Deleter>
-void* Kept(std::unique_ptr<T, Deleter>& owner) {
-  return owner.get();
 }
 template <class T>
 void* Kept(T& thing) {
   if constexpr (std::is_pointer_v<T>)
     return thing;
+  else if constexpr (requires { thing.data(); })
+    return thing.data();
+  else if constexpr (requires { thing.get(); })
+    return thing.get();
   else
     return &thing;
 }
@@ -111,7 +113,8 @@ const auto FUNCTIONS = NAMED(
     GetECCCurveNid, checkCurveBits, string_endwiths, GetFilePath, NewCert, newData,
     VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem, UpdateJsonKeypairsToDevice,
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
-    DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile);
+    DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
+    FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace

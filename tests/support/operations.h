@@ -27,18 +27,18 @@ class OperationsTest : public ModuleTest {
   }
 
   // The output, or "result N".
-  static std::string Sign(Keypair* keypair, unsigned int algorithm, const std::string& data,
-                          int size = 600) {
-    return Perform(DeviceSign, keypair, algorithm, data, size);
+  template <auto Operation, class Key>
+  static std::string Perform(Key* key, unsigned int algorithm, const std::string& data) {
+    unsigned char out[600];
+    int length = 0;
+    const int result =
+        Operation(key, algorithm, nullptr, Raw(data), Len(data), out, sizeof(out), &length);
+    return result == 1 ? Bytes(out, length) : "result " + std::to_string(result);
   }
-  static std::string Decrypt(Keypair* keypair, unsigned int algorithm, const std::string& data,
-                             int size = 600) {
-    return Perform(DevicePrivateKeyDecrypt, keypair, algorithm, data, size);
-  }
-  static std::string Encrypt(PublicKey* key, unsigned int algorithm, const std::string& data,
-                             int size = 600) {
-    return Perform(DevicePublicKeyEncrypt, key, algorithm, data, size);
-  }
+  static constexpr auto Sign = Perform<DeviceSign, Keypair>;
+  static constexpr auto Decrypt = Perform<DevicePrivateKeyDecrypt, Keypair>;
+  static constexpr auto Encrypt = Perform<DevicePublicKeyEncrypt, PublicKey>;
+
   static int Verify(PublicKey* key, unsigned int algorithm, const std::string& data,
                     const std::string& signature) {
     return DeviceVerify(key, algorithm, nullptr, Raw(data), Len(data), Raw(signature),
@@ -69,14 +69,6 @@ class OperationsTest : public ModuleTest {
  private:
   using EvpContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
-  template <class Key, class Operation>
-  static std::string Perform(Operation operation, Key* key, unsigned int algorithm,
-                             const std::string& data, int size) {
-    unsigned char out[600];
-    int length = 0;
-    const int result = operation(key, algorithm, nullptr, Raw(data), Len(data), out, size, &length);
-    return result == 1 ? Bytes(out, length) : "result " + std::to_string(result);
-  }
   template <class Init, class Operation>
   static std::string RunEvp(EVP_PKEY* key, Init init, Operation operation, const std::string& data,
                             int padding) {

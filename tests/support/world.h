@@ -34,12 +34,15 @@ class ModuleTest : public testing::Test {
 
   std::string Path(const std::string& name) const { return folder_ + name; }
   void Write(const std::string& name, const std::string& content, unsigned int mode = 0600) const;
-  std::string Read(const std::string& name) const;  // "" when there is none
-  bool Exists(const std::string& name) const;
+  std::string Read(const std::string& name) const { return ReadText(Path(name)); }
+  bool Exists(const std::string& name) const { return access(Path(name).c_str(), F_OK) == 0; }
   Folder List() const;
 
   // Writes the file as "dev" and loads it; verified with PIN unless `pin` is NULL.
-  DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN);
+  DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN) {
+    Write("dev", file);
+    return Rescan(pin);
+  }
   DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
