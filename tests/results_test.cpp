@@ -132,11 +132,11 @@ class ResultsTest : public OperationsTest {
       EXPECT_EQ(Read("dev") != file, writes) << "the file";
     } else {
       Refuses(want, device_.get(), call);
-      EXPECT_TRUE(Describe(*closed_) == closed && made_ == nullptr && key_ == nullptr);
+      EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_);
     }
     EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
-    KeypairHandle{std::exchange(made_, nullptr)};
-    PublicHandle{std::exchange(key_, nullptr)};
+    KeypairHandle{std::exchange(*made_, nullptr)};
+    PublicHandle{std::exchange(*key_, nullptr)};
   }
 
   void Play(const std::string& line) {
@@ -196,11 +196,10 @@ class ResultsTest : public OperationsTest {
   }
 
   std::string base_;
-
   DeviceHandle closed_;
   int n_ = 0;
-  Keypair* made_ = nullptr;
-  PublicKey* key_ = nullptr;
+  Keypair* made_[1] = {};  // arrays, so that the table names their addresses
+  PublicKey* key_[1] = {};
   std::map<std::string, void*> things_;
 };
 
@@ -209,12 +208,13 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string pair = TestP256().pair, encoding = TestP256().publicKey;
   std::string pairOf2 = Flipped(pair, 11, 4 ^ 2), label63(63, 'l'), label64(64, 'l');
   std::string rsaCipher = Encrypt(rsaPublic_.get(), 16, digest.substr(32));
-  std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature, pin = PIN,
-              empty;
+  std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature;
+  std::string pin = PIN, empty;
   while (signature.size() != 71) signature = Sign(sm2_, 4096, digest.substr(32));  // the table's
   ECCKeypairParams onP256 = {3, 0}, onP384 = {4, 0}, on6 = {6, 0};
   ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1};
   RSAKeypairParams noExponent = {Raw(""), 0, 0}, temporaryRsa = {nullptr, 0, 1};
+  auto& out = g_out;
   Keypair *fourth, *temporary;
   ASSERT_EQ(DeviceGenerateKeypair(device_.get(), 4, 256, &onP256, 4, "sign", &fourth), 1);
   ASSERT_EQ(DeviceGenerateKeypair(device_.get(), 4, 256, &temporaryOnP256, 4, "", &temporary), 1);
@@ -227,18 +227,12 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   Device* deviceHandle = DeviceGetDevice(set, 0);
   Keypair* keypairHandle = DeviceGetKeypair(device_.get(), 0);
   PublicKey* publicHandle = DeviceGetPublicKeyFromKeypair(p256_);
-  things_ =
-      NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
-            p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block, ones,
-            pair, pairOf2, encoding, label63, label64, rsaCipher, sm2Cipher, signature, pin, onP256,
-            onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa, empty);
-  things_.insert({{"-", nullptr},
-                  {"out", g_out},
-
-                  {"made", &made_},
-                  {"key", &key_},
-                  {"n", &n_}});
-
+  things_ = NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
+                  p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block,
+                  ones, pair, pairOf2, encoding, label63, label64, rsaCipher, sm2Cipher, signature,
+                  pin, onP256, onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa,
+                  empty, out, made_, key_, n_);
+  things_["-"] = nullptr;
   PlayAll("stored_changes.txt", 100);
   PlayAll("results.txt", 400);
   closed_.reset();
