@@ -1,7 +1,7 @@
 // The PIN: verification with its roll-back, and change.
-#include "tests/support/world.h"
+#include "tests/support/operations.h"
 
-class PinTest : public ModuleTest {
+class PinTest : public OperationsTest {
  protected:
   // What of the record belongs to the PIN: "-" or a key, and the curve, of each keypair.
   static std::string State(const Device& device) {
@@ -17,19 +17,12 @@ class PinTest : public ModuleTest {
   static int Change(const DeviceHandle& device, const char* from, const char* to) {
     return DeviceChangePwd(device.get(), 1, from, to, nullptr);
   }
-  static std::string Keypair(const TestKey& key, long type, const std::string& pin = PIN) {
-    return StoredKeypair{.type = type, .key = &key, .pin = pin}.Json();
-  }
-  const std::string three_ = StoredDevice{
-      .keypairs = {
-          Keypair(TestP256(), 1), Keypair(TestRsa(), 2),
-          Keypair(TestSm2(), 3)}}.File();
 };
 
 TEST_F(PinTest, BlobsOfTwoPinsOpenWithNeither) {
-  const StoredDevice stored = {.keypairs = {Keypair(TestP256(), 1), Keypair(TestRsa(), 2),
-                                            Keypair(TestP256(), 3, "other"),
-                                            Keypair(TestP256(), 4)}};
+  StoredDevice stored = {.keypairs = {}};
+  for (const char* pin : {PIN, PIN, "other", PIN})
+    stored.keypairs.push_back(StoredKeypair{.label = "", .pin = pin}.Json());
   const DeviceHandle device = Load(stored.File(), nullptr);
   const long live = LiveAllocations();
   for (const char* pin : {PIN, "other"}) {
@@ -50,16 +43,17 @@ TEST_F(PinTest, ADeviceWithoutKeypairsKeepsTheFirstPin) {
 }
 
 TEST_F(PinTest, AChangeHoldsNowAndAfterARescan) {
-  const TestKey* const keys[] = {&TestP256(), &TestRsa(), &TestSm2()};
+  const TestKey* const keys[] = {&TestRsa(), &TestP256(), &TestSm2()};
+  const std::string file = Read("dev");
   for (const char* pin : {"new", PIN, ""}) {  // the same again, and the empty one
     SCOPED_TRACE(pin);
-    const DeviceHandle device = Load(three_, nullptr);
+    const DeviceHandle device = Load(file, nullptr);
     EXPECT_EQ(Change(device, PIN, pin), 1);
-    EXPECT_EQ(State(*device), std::string(pin) + " key3 key0 key7");
+    EXPECT_EQ(State(*device), std::string(pin) + " key0 key3 key7");
     for (int i = 0; i < 3; i++) {
-      const ::Keypair& k = *device->keypairs[i];
+      const Keypair& k = *device->keypairs[i];
       const std::string salt = Bytes(k.salt, k.saltLen), iv = Bytes(k.iv, k.ivLen);
-      EXPECT_EQ(three_.find(Hex(salt)), std::string::npos);
+      EXPECT_EQ(file.find(Hex(salt)), std::string::npos);
       EXPECT_EQ(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen),
                 Seal(keys[i]->pair, pin, salt, iv));
     }
@@ -71,11 +65,11 @@ TEST_F(PinTest, AChangeHoldsNowAndAfterARescan) {
 }
 
 TEST_F(PinTest, AChangeThatCannotBeWrittenHoldsInMemoryOnly) {
-  const DeviceHandle device = Load(three_);
-  EXPECT_EQ(WithFault({.name = "fwrite"}, [&] { return Change(device, PIN, "new"); }), 0);
-  EXPECT_EQ(Verify(device, "new"), 1);
-  EXPECT_EQ(Verify(device, PIN), -5);
-  EXPECT_TRUE(Read("dev") == three_);
-  EXPECT_EQ(Change(device, "new", "newer"), 1) << "and can be written later";
+  const std::string file = Read("dev");
+  EXPECT_EQ(WithFault({.name = "fwrite"}, [&] { return Change(device_, PIN, "new"); }), 0);
+  EXPECT_EQ(Verify(device_, "new"), 1);
+  EXPECT_EQ(Verify(device_, PIN), -5);
+  EXPECT_TRUE(Read("dev") == file);
+  EXPECT_EQ(Change(device_, "new", "newer"), 1) << "and can be written later";
   EXPECT_NE(Rescan("newer"), nullptr);
 }
