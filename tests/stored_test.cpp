@@ -4,7 +4,6 @@
 #include "tests/support/world.h"
 
 #include <openssl/hmac.h>
-#include <fstream>
 #include <sstream>
 
 class StoredTest : public ModuleTest {
@@ -47,12 +46,11 @@ TEST_F(StoredTest, EveryCheckOfTheText) {
   const std::string good = R"(["serial","label",[)" + key + "," + key + "]]";
   std::map<std::string, std::string> names = {
       {"ALL", good}, {"NOTHING", ""}, {"DEEP", std::string(200000, '[')}};
-  std::ifstream table(DataFile("device_texts.txt"));
-  int rows = 0;
-  for (std::string line, from, to, want; std::getline(table, line);) {
-    std::istringstream row(line);
-    if (!(row >> from >> to >> want) || from == "#") continue;
-    SCOPED_TRACE(line);
+  for (const std::string& row : ReadRows("device_texts.txt")) {
+    SCOPED_TRACE(row);
+    std::istringstream words(row);
+    std::string from, to, want;
+    words >> from >> to >> want;
     for (std::string* word : {&from, &to})
       if (names.contains(*word)) *word = names[*word];
     Write("dev", Container(TAG, Replaced(good, from, to)));
@@ -61,9 +59,7 @@ TEST_F(StoredTest, EveryCheckOfTheText) {
     for (int i = 0; set->count == 1 && i < set->devices[0]->keypairCount; i++)
       certs.push_back(std::to_string(set->devices[0]->keypairs[i]->certCount));
     EXPECT_EQ(set->count == 0 ? "none" : Array(certs), want);
-    rows++;
   }
-  EXPECT_GT(rows, 40);
 }
 
 TEST_F(StoredTest, NumbersAreTruncatedTowardZeroAndLimited) {

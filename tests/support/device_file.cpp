@@ -159,14 +159,22 @@ std::string Flipped(std::string_view file, size_t at, unsigned char bits) {
 
 std::string DataFile(const char* name) { return std::string(TEST_DATA_DIR "/") + name; }
 
-std::map<std::string, std::string> ReadVectors(const char* name) {
+std::vector<std::string> ReadRows(const char* name) {
   std::ifstream file(DataFile(name));
   Must(file.is_open(), name);
+  std::vector<std::string> rows;
+  for (std::string line; std::getline(file, line);)
+    if (!line.empty() && line[0] != '#') rows.push_back(line);
+  return rows;
+}
+
+std::map<std::string, std::string> ReadVectors(const char* name) {
   std::map<std::string, std::string> vectors;
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line.substr(0, line.find('#')));
+  for (const std::string& row : ReadRows(name)) {
+    std::istringstream words(row);
     std::string key, equals, hex;
-    if (words >> key >> equals >> hex) vectors[key] = Unhex(hex);
+    words >> key >> equals >> hex;
+    vectors[key] = Unhex(hex);
   }
   return vectors;
 }

@@ -81,7 +81,8 @@ std::string TextOf(std::string_view file);  // the JSON of a container
 std::string Replaced(std::string text, std::string_view from, std::string_view to);
 std::string Flipped(std::string_view file, size_t at, unsigned char bits = 1);
 
-// ReadVectors reads "name = hex" lines of a file in tests/data/; '#' starts a comment.
+// Of a file in tests/data/: its lines but for comments, and "name = hex" lines.
+std::vector<std::string> ReadRows(const char* name);
 std::map<std::string, std::string> ReadVectors(const char* name);
 std::string DataFile(const char* name);  // its path
 
