@@ -14,11 +14,6 @@ class KeysTest : public ModuleTest {
     out.reset(made);
     return result;
   }
-  // Whether `plain` is what the keypair holds under the PIN.
-  static bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN) {
-    return Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen) ==
-           Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
-  }
 };
 
 TEST_F(KeysTest, AGeneratedKeypairIsUsableAtOnceAndAfterARescan) {

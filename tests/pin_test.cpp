@@ -52,10 +52,8 @@ TEST_F(PinTest, AChangeHoldsNowAndAfterARescan) {
     EXPECT_EQ(State(*device), std::string(pin) + " key0 key3 key7");
     for (int i = 0; i < 3; i++) {
       const Keypair& k = *device->keypairs[i];
-      const std::string salt = Bytes(k.salt, k.saltLen), iv = Bytes(k.iv, k.ivLen);
-      EXPECT_EQ(file.find(Hex(salt)), std::string::npos);
-      EXPECT_EQ(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen),
-                Seal(keys[i]->pair, pin, salt, iv));
+      EXPECT_TRUE(IsSealed(k, keys[i]->pair, pin));
+      EXPECT_EQ(file.find(Hex(Bytes(k.salt, k.saltLen))), std::string::npos);
     }
     const DeviceHandle again = Rescan();
     EXPECT_EQ(Verify(again, PIN), pin == std::string(PIN) ? 1 : -5);

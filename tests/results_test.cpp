@@ -113,7 +113,8 @@ const auto FUNCTIONS = NAMED(
     VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem, UpdateJsonKeypairsToDevice,
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
-    FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json);
+    FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
+    CalculateHash);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -175,6 +176,7 @@ class ResultsTest : public OperationsTest {
     Gives(result, want.contains("writes"), call);
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
+    EXPECT_EQ(Hex(Bytes(g_out, Len(want["hex"]) / 2)), want["hex"]);
     if (want.contains("more")) {
       EXPECT_EQ(TextOf(Read("dev")), WithMore(want["more"]));
     }

@@ -31,6 +31,11 @@ std::string Describe(const Device& device, bool addresses) {
   return out.str();
 }
 
+bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin) {
+  return Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen) ==
+         Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
+}
+
 void ModuleTest::SetUp() {
   // In memory where there is such a folder: the module waits for stable storage at every write.
   char name[] = "/dev/shm/module_tests.XXXXXX";

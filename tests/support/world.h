@@ -23,6 +23,9 @@ std::string ReadText(const std::string& path);  // "" when there is none
 // Every field of the record, as text; without `addresses` it says the same of equal devices.
 std::string Describe(const Device& device, bool addresses = true);
 
+// Whether `plain` is what the keypair holds under the PIN.
+bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN);
+
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
 // block of vakro_malloc back.
 class ModuleTest : public testing::Test {
