@@ -114,7 +114,7 @@ const auto FUNCTIONS = NAMED(
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
     FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
-    CalculateHash);
+    CalculateHash, CalculateCipher);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -212,6 +212,7 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1};
   RSAKeypairParams noExponent = {Raw(""), 0, 0}, temporaryRsa = {nullptr, 0, 1};
   auto& out = g_out;
+  AEADParams aead = {16, Raw("a nonce"), 7, Raw("data"), 4};
   Keypair *fourth, *temporary;
   ASSERT_EQ(DeviceGenerateKeypair(device_.get(), 4, 256, &onP256, 4, "sign", &fourth), 1);
   ASSERT_EQ(DeviceGenerateKeypair(device_.get(), 4, 256, &temporaryOnP256, 4, "", &temporary), 1);
@@ -228,7 +229,7 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
                   p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block,
                   ones, pair, pairOf2, encoding, label63, label64, rsaCipher, sm2Cipher, signature,
                   pin, onP256, onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa,
-                  empty, out, made_, key_, n_);
+                  empty, aead, out, made_, key_, n_);
   things_["-"] = nullptr;
   PlayAll("stored_changes.txt");
   PlayAll("results.txt");
