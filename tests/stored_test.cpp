@@ -109,6 +109,17 @@ TEST_F(StoredTest, KeypairsComeAndGo) {
   EXPECT_EQ(Text(), before);
 }
 
+TEST_F(StoredTest, AKeypairWithAnEmptyFieldIsNeverStored) {
+  const DeviceHandle device = Load(stored_.File());
+  Keypair* const k = device->keypairs[0];
+  for (int* field :
+       {&k->saltLen, &k->ivLen, &k->publicKeyLen, &k->encryptedPrivateKeyLen, &k->certCount}) {
+    const int whole = std::exchange(*field, field == &k->certCount ? -1 : 0);
+    EXPECT_EQ(Keypair2Json(k), nullptr);
+    *field = whole;
+  }
+}
+
 TEST_F(StoredTest, AFileWithoutAContainerIsLeftAlone) {
   const DeviceHandle device = Load(stored_.File());
   Keypair* const keypair = device->keypairs[0];
