@@ -130,3 +130,23 @@ TEST_F(StoredTest, AFileWithoutAContainerIsLeftAlone) {
     Refuses(0, device.get(), [&] { return DeviceDeleteKeypair(keypair); });
   }
 }
+
+TEST_F(StoredTest, AListOfDataObjectsHasRoomForEightMore) {
+  std::vector<std::string> items = {StoredData(1, "a"), StoredData(2, "b")};
+  stored_.more = {Array(items), "\"dropped\""};
+  const DeviceHandle device = Load(stored_.File(), nullptr);
+  Data** list = nullptr;
+  unsigned int count = 0;
+  ASSERT_EQ(GetAllDatasFromFile(device.get(), &list, &count), 1);
+  ASSERT_EQ(count, 2u);
+  for (int id = 10; id < 18; id++) {  // the sanitizer watches
+    list[count++] = newData(id, 1);
+    items.push_back(StoredData(id, std::string(1, '\0')));
+  }
+  EXPECT_EQ(WriteAllDatasToFile(device.get(), list, count), 1);
+  stored_.more = {Array(items)};
+  EXPECT_EQ(Text(), stored_.Json());
+  Write("dev", Flipped(Read("dev"), 30));
+  Refuses(0, nullptr, [&] { return WriteAllDatasToFile(device.get(), list, count); });
+  FreeDatas(list, static_cast<int>(count));
+}
