@@ -92,6 +92,7 @@ TEST_F(HostileBytes, Imports) {
         Flipped(p256, 15, 3 ^ 6), p256.substr(0, 8) + Word(1) + p256.substr(12),
         rsa.substr(0, 8) + Word(4) + rsa.substr(12), TestP256().publicKey})
     EXPECT_FALSE(accepts(bad)) << Hex(bad);
+  EXPECT_EQ(DecodeRSAPair(Raw(rsa) + 12, Len(rsa) - 11), nullptr) << "a byte is left over";
   PublicKey* key = nullptr;
   for (const std::string& bad : {EccPublic(3, "", ""), Flipped(TestP256().publicKey, 60)})
     EXPECT_EQ(DeviceImportPublicKey(nullptr, Raw(bad), Len(bad), &key), 0);

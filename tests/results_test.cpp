@@ -51,7 +51,7 @@ int Code(Cert* cert) { return OwnedCert(cert) ? 1 : 0; }
 int Code(Data* data) { return OwnedData(data) ? 1 : 0; }
 int Code(char* text) {
   const UtilText owned(text);
-  if (owned) memcpy(g_out, text, strlen(text));
+  if (owned) memcpy(g_out, text, std::min(strlen(text), sizeof(g_out)));
   return owned ? 1 : 0;
 }
 int Code(VakroJson* value) {
@@ -114,7 +114,7 @@ const auto FUNCTIONS = NAMED(
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
     FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
-    CalculateHash, CalculateCipher);
+    CalculateHash, CalculateCipher, UpdateData2DeviceJson);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
