@@ -5,8 +5,6 @@
 #include "tests/support/operations.h"
 
 #include <functional>
-#include <iterator>
-#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -92,10 +90,15 @@ void* Kept(T& thing) {
 #define NAMED(...) Named(#__VA_ARGS__, __VA_ARGS__)
 template <class... Things>
 auto Named(const std::string& names, Things&... things) {
-  std::istringstream words(std::regex_replace(names, std::regex("_?(,|$)"), ""));
-  std::istream_iterator<std::string> next(words);
+  std::istringstream words(names);
+  const auto next = [&words] {
+    std::string name;
+    std::getline(words >> std::ws, name, ',');
+    if (name.ends_with('_')) name.pop_back();
+    return name;
+  };
   using Kind = std::common_type_t<decltype(Kept(things))...>;
-  return std::map<std::string, Kind>{{*next++, Kept(things)}...};
+  return std::map<std::string, Kind>{{next(), Kept(things)}...};
 }
 
 const auto FUNCTIONS = NAMED(
