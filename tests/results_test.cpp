@@ -117,7 +117,7 @@ const auto FUNCTIONS = NAMED(
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
     FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
-    CalculateHash, CalculateCipher, UpdateData2DeviceJson);
+    CalculateHash, CalculateCipher, UpdateData2DeviceJson, AddhKeypairToFile);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
