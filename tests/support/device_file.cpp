@@ -1,7 +1,5 @@
 #include "tests/support/device_file.h"
 
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -27,10 +25,8 @@ std::string Word(unsigned int value) {
 
 std::string Hex(std::string_view bytes) {
   std::string digits;
-  for (const char c : bytes) {
-    digits += "0123456789abcdef"[static_cast<unsigned char>(c) >> 4];
-    digits += "0123456789abcdef"[c & 15];
-  }
+  for (const char c : bytes)
+    for (const int digit : {c >> 4 & 15, c & 15}) digits += "0123456789abcdef"[digit];
   return digits;
 }
 
@@ -56,26 +52,6 @@ std::string Digest(const char* name, std::string_view bytes) {
   return digest;
 }
 
-static std::string Number(EVP_PKEY* key, const char* name, int length) {
-  BIGNUM* number = nullptr;
-  std::string bytes(static_cast<size_t>(length), '\0');
-  Must(EVP_PKEY_get_bn_param(key, name, &number) == 1 &&
-           BN_bn2binpad(number, Mutable(bytes), length) == length,
-       name);
-  BN_free(number);
-  return bytes;
-}
-
-template <class Encoder>
-static std::string Der(EVP_PKEY* key, Encoder encode) {
-  unsigned char* der = nullptr;
-  const int length = encode(key, &der);
-  Must(length > 0, "DER");
-  std::string bytes(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-  OPENSSL_free(der);
-  return bytes;
-}
-
 static std::string Part(std::string_view bytes) {
   return Word(static_cast<unsigned int>(bytes.size())) + std::string(bytes);
 }
@@ -88,76 +64,48 @@ std::string EccPair(int curve, std::string_view x, std::string_view y, std::stri
   return "_KEYPAIR" + EccPublic(curve, x, y).substr(8) + Part(d);
 }
 
-static TestKey LoadKey(const char* name, int curve) {
-  FILE* file = fopen(DataFile(name).c_str(), "rb");
-  Must(file != nullptr, name);
-  EVP_PKEY* pem = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
-  Must(fclose(file) == 0 && pem != nullptr, name);
-  TestKey key = {curve == 0 ? 1 : 4, EVP_PKEY_get_bits(pem), curve, pem, {}, {}, {}, {}};
-  if (curve == 0) {
-    key.pair = "_KEYPAIR" + Word(1) + Der(pem, i2d_PrivateKey);
-    key.publicKey = "_PUBKEY_" + Word(1) + Der(pem, i2d_PublicKey);
-    return key;
-  }
-  const std::string x = Number(pem, OSSL_PKEY_PARAM_EC_PUB_X, 32);
-  const std::string y = Number(pem, OSSL_PKEY_PARAM_EC_PUB_Y, 32);
-  key.scalar = Number(pem, OSSL_PKEY_PARAM_PRIV_KEY, 32);
-  key.point = '\x04' + x + y;
-  key.pair = EccPair(curve, x, y, key.scalar);
-  key.publicKey = EccPublic(curve, x, y);
-  return key;
+static TestKey LoadKey(const std::string& name, int curve) {
+  auto vectors = ReadVectors("keys.txt");
+  FILE* file = fopen(DataFile((name + ".pem").c_str()).c_str(), "rb");
+  EVP_PKEY* pem = file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
+  Must(pem != nullptr && fclose(file) == 0, "PEM");
+  const std::string& pair = vectors[name + "_pair"];
+  const int bits = EVP_PKEY_get_bits(pem);
+  if (curve == 0) return {1, bits, curve, pem, pair, vectors[name + "_public"], "", ""};
+  const std::string point = '\x04' + pair.substr(20, 32) + pair.substr(56, 32);
+  return {4, bits, curve, pem, pair, vectors[name + "_public"], point, pair.substr(92)};
 }
 
-const TestKey& TestRsa() {
-  static const TestKey key = LoadKey("rsa2048.pem", 0);
-  return key;
+static const TestKey* Keys() {
+  static const TestKey keys[] = {LoadKey("rsa2048", 0), LoadKey("p256", 3), LoadKey("sm2", 7)};
+  return keys;
 }
-const TestKey& TestP256() {
-  static const TestKey key = LoadKey("p256.pem", 3);
-  return key;
-}
-const TestKey& TestSm2() {
-  static const TestKey key = LoadKey("sm2.pem", 7);
-  return key;
-}
+const TestKey& TestRsa() { return Keys()[0]; }
+const TestKey& TestP256() { return Keys()[1]; }
+const TestKey& TestSm2() { return Keys()[2]; }
 
-// One run of AES-256-GCM: `input` is the plaintext, or ciphertext and tag.
-static std::string Cipher(bool seal, std::string_view input, std::string_view pin,
-                          std::string_view salt, std::string_view iv, unsigned int tag) {
+std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
+                 std::string_view iv, unsigned int tag) {
   std::string material(40, '\0');
   Must(PKCS5_PBKDF2_HMAC(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
                          Mutable(material)) == 1,
        "PBKDF2");
   const std::string nonce = material.substr(32) + std::string(iv);
   const std::string aad = Word(tag) + "password";
-  const size_t length = seal ? input.size() : input.size() - 16;
-  std::string output(length, '\0');
-  std::string mac(seal ? std::string(16, '\0') : std::string(input.substr(length)));
+  std::string sealed(plain.size() + 16, '\0');
+  unsigned char* mac = Mutable(sealed) + plain.size();
   EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
   int n = 0;
-  Must(
-      EVP_CipherInit_ex(context, EVP_aes_256_gcm(), nullptr, nullptr, nullptr, seal) == 1 &&
-          EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_IVLEN, Len(nonce), nullptr) == 1 &&
-          EVP_CipherInit_ex(context, nullptr, nullptr, Raw(material), Raw(nonce), seal) == 1 &&
-          EVP_CipherUpdate(context, nullptr, &n, Raw(aad), Len(aad)) == 1 &&
-          EVP_CipherUpdate(context, Mutable(output), &n, Raw(input), static_cast<int>(length)) == 1,
-      "AES-GCM");
-  if (!seal) EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, 16, mac.data());
-  const bool final = EVP_CipherFinal_ex(context, Mutable(output), &n) == 1;
-  if (seal) EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, 16, mac.data());
+  Must(EVP_EncryptInit_ex(context, EVP_aes_256_gcm(), nullptr, nullptr, nullptr) == 1 &&
+           EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_IVLEN, Len(nonce), nullptr) == 1 &&
+           EVP_EncryptInit_ex(context, nullptr, nullptr, Raw(material), Raw(nonce)) == 1 &&
+           EVP_EncryptUpdate(context, nullptr, &n, Raw(aad), Len(aad)) == 1 &&
+           EVP_EncryptUpdate(context, Mutable(sealed), &n, Raw(plain), Len(plain)) == 1 &&
+           EVP_EncryptFinal_ex(context, mac, &n) == 1 &&
+           EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, 16, mac) == 1,
+       "AES-GCM");
   EVP_CIPHER_CTX_free(context);
-  if (seal) return output + mac;
-  return final ? output : std::string();
-}
-
-std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
-                 std::string_view iv, unsigned int tag) {
-  return Cipher(true, plain, pin, salt, iv, tag);
-}
-
-std::string Open(std::string_view blob, std::string_view pin, std::string_view salt,
-                 std::string_view iv, unsigned int tag) {
-  return blob.size() < 16 ? std::string() : Cipher(false, blob, pin, salt, iv, tag);
+  return sealed;
 }
 
 std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
@@ -197,11 +145,10 @@ std::string TextOf(std::string_view file) {
   return file.size() < 72 ? std::string() : std::string(file.substr(8, file.size() - 72));
 }
 
-std::string Swapped(std::string_view file, std::string_view from, std::string_view to) {
-  std::string text = TextOf(file);
+std::string Replaced(std::string text, std::string_view from, std::string_view to) {
   const size_t at = text.find(from);
-  Must(at != std::string::npos, "Swapped");
-  return std::string(file.substr(0, 4)) + Container(0, text.replace(at, from.size(), to)).substr(4);
+  Must(at != std::string::npos, "Replaced");
+  return text.replace(at, from.size(), to);
 }
 
 std::string Flipped(std::string_view file, size_t at, unsigned char bits) {
@@ -212,14 +159,22 @@ std::string Flipped(std::string_view file, size_t at, unsigned char bits) {
 
 std::string DataFile(const char* name) { return std::string(TEST_DATA_DIR "/") + name; }
 
-std::map<std::string, std::string> ReadVectors(const char* name) {
+std::vector<std::string> ReadRows(const char* name) {
   std::ifstream file(DataFile(name));
   Must(file.is_open(), name);
+  std::vector<std::string> rows;
+  for (std::string line; std::getline(file, line);)
+    if (!line.empty() && line[0] != '#') rows.push_back(line);
+  return rows;
+}
+
+std::map<std::string, std::string> ReadVectors(const char* name) {
   std::map<std::string, std::string> vectors;
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line.substr(0, line.find('#')));
+  for (const std::string& row : ReadRows(name)) {
+    std::istringstream words(row);
     std::string key, equals, hex;
-    if (words >> key >> equals >> hex) vectors[key] = Unhex(hex);
+    words >> key >> equals >> hex;
+    vectors[key] = Unhex(hex);
   }
   return vectors;
 }

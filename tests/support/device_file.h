@@ -39,11 +39,9 @@ const TestKey& TestSm2();
 std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d);
 std::string EccPublic(int curve, std::string_view x, std::string_view y);
 
-// Seal and Open are the protection of private keys: PBKDF2 and AES-256-GCM. Open is empty for a
-// wrong PIN.
+// Seal is the protection of private keys: PBKDF2 and AES-256-GCM. It has no chance in it, so a blob
+// is right when sealing what it must hold gives the same.
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
-                 std::string_view iv, unsigned int tag = TAG);
-std::string Open(std::string_view blob, std::string_view pin, std::string_view salt,
                  std::string_view iv, unsigned int tag = TAG);
 
 // --- The text: JSON as plain strings ---
@@ -78,12 +76,13 @@ struct StoredDevice {
 std::string Container(unsigned int tag, std::string_view json);
 std::string TextOf(std::string_view file);  // the JSON of a container
 
-// Swapped puts `to` in the place of the first `from` of the text, and makes length and digest
-// right again. Flipped changes bits of one byte.
-std::string Swapped(std::string_view file, std::string_view from, std::string_view to);
+// Replaced puts `to` in the place of the first `from`, which must be there. Flipped changes bits of
+// one byte.
+std::string Replaced(std::string text, std::string_view from, std::string_view to);
 std::string Flipped(std::string_view file, size_t at, unsigned char bits = 1);
 
-// ReadVectors reads "name = hex" lines of a file in tests/data/; '#' starts a comment.
+// Of a file in tests/data/: its lines but for comments, and "name = hex" lines.
+std::vector<std::string> ReadRows(const char* name);
 std::map<std::string, std::string> ReadVectors(const char* name);
 std::string DataFile(const char* name);  // its path
 

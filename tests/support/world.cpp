@@ -9,9 +9,7 @@
 #include <sstream>
 
 std::string Bytes(const unsigned char* bytes, long length) {
-  return length <= 0
-             ? std::string()
-             : std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+  return length <= 0 ? "" : std::string(bytes, bytes + length);
 }
 
 std::string Describe(const Device& device, bool addresses) {
@@ -33,6 +31,11 @@ std::string Describe(const Device& device, bool addresses) {
   return out.str();
 }
 
+bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin) {
+  return Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen) ==
+         Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
+}
+
 void ModuleTest::SetUp() {
   // In memory where there is such a folder: the module waits for stable storage at every write.
   char name[] = "/dev/shm/module_tests.XXXXXX";
@@ -42,9 +45,7 @@ void ModuleTest::SetUp() {
   live_ = LiveAllocations();
   ASSERT_EQ(DeviceInit(), 1);
   vakro_free(g_keyFolder);
-  g_keyFolder = static_cast<char*>(vakro_malloc(folder_.size() + 1, "test", __LINE__));
-  ASSERT_NE(g_keyFolder, nullptr);
-  memcpy(g_keyFolder, folder_.c_str(), folder_.size() + 1);
+  ASSERT_NE(g_keyFolder = GetFilePath(name, ""), nullptr);
 }
 
 void ModuleTest::TearDown() {
@@ -67,12 +68,6 @@ std::string ReadText(const std::string& path) {
   return content.str();
 }
 
-std::string ModuleTest::Read(const std::string& name) const { return ReadText(Path(name)); }
-
-bool ModuleTest::Exists(const std::string& name) const {
-  return access(Path(name).c_str(), F_OK) == 0;
-}
-
 ModuleTest::Folder ModuleTest::List() const {
   Folder list;
   for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
@@ -82,11 +77,6 @@ ModuleTest::Folder ModuleTest::List() const {
     list[name] = std::to_string(status.st_mode) + (S_ISREG(status.st_mode) ? Read(name) : "");
   }
   return list;
-}
-
-DeviceHandle ModuleTest::Load(const std::string& file, const char* pin) {
-  Write("dev", file);
-  return Rescan(pin);
 }
 
 DeviceHandle ModuleTest::Rescan(const char* pin) {

@@ -23,6 +23,9 @@ std::string ReadText(const std::string& path);  // "" when there is none
 // Every field of the record, as text; without `addresses` it says the same of equal devices.
 std::string Describe(const Device& device, bool addresses = true);
 
+// Whether `plain` is what the keypair holds under the PIN.
+bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN);
+
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
 // block of vakro_malloc back.
 class ModuleTest : public testing::Test {
@@ -34,12 +37,15 @@ class ModuleTest : public testing::Test {
 
   std::string Path(const std::string& name) const { return folder_ + name; }
   void Write(const std::string& name, const std::string& content, unsigned int mode = 0600) const;
-  std::string Read(const std::string& name) const;  // "" when there is none
-  bool Exists(const std::string& name) const;
+  std::string Read(const std::string& name) const { return ReadText(Path(name)); }
+  bool Exists(const std::string& name) const { return access(Path(name).c_str(), F_OK) == 0; }
   Folder List() const;
 
   // Writes the file as "dev" and loads it; verified with PIN unless `pin` is NULL.
-  DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN);
+  DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN) {
+    Write("dev", file);
+    return Rescan(pin);
+  }
   DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
@@ -51,7 +57,7 @@ class ModuleTest : public testing::Test {
     const long live = LiveAllocations();
     EXPECT_EQ(call(), want);
     EXPECT_EQ(LiveAllocations(), live) << "live allocations";
-    EXPECT_EQ(device == nullptr ? "" : Describe(*device), record);
+    EXPECT_TRUE(device == nullptr || Describe(*device) == record) << "the record changed";
     EXPECT_TRUE(List() == folder) << "the folder changed";
   }
 

@@ -1,0 +1,152 @@
+// What a device file holds: how its text is read, and what every change writes, byte for byte.
+#include "keypair/keypair.h"
+#include "store/store.h"
+#include "tests/support/world.h"
+
+#include <sstream>
+
+class StoredTest : public ModuleTest {
+ protected:
+  const StoredKeypair first_ = {.certs = {"one", "two", "three"}};
+  const StoredKeypair second_ = {.label = "enc", .type = -2, .key = &TestRsa()};
+  // With an item that the reader skips; others get one that it doesn't know.
+  const std::string skipped_ = R"(["skipped",1.50,{"a":null}])";
+  StoredDevice stored_ = {.keypairs = {skipped_, first_.Json(), second_.Json()}};
+
+  std::string Text() const { return TextOf(Read("dev")); }
+  std::string With(const std::vector<std::string>& certs) const {
+    StoredDevice device = stored_;
+    StoredKeypair first = first_;
+    first.certs = certs;
+    device.keypairs[1] = first.Json();
+    return device.Json();
+  }
+  static int Add(Keypair* keypair, const std::string& cert) {
+    return DeviceAddCertificate(keypair, Raw(cert), Len(cert));
+  }
+};
+
+TEST_F(StoredTest, FieldsComeAsStored) {
+  const DeviceHandle device = Load(stored_.File(0xfffefdfc), nullptr);
+  std::string want =
+      "0123456789 abc pin - refs 3 tag 4294901244 " + Path("dev") + " " + Path("dev.bak") + "\n";
+  for (const StoredKeypair& k : {first_, second_}) {
+    want += k.label == "sign" ? "0 sign 1 4 256" : "1 enc 4294967294 1 2048";
+    want += " 0 0 1 " + Hex(k.key->publicKey) + " " + Hex(k.salt) + " " + Hex(k.iv) + " " +
+            Hex(Seal(k.key->pair, PIN, k.salt, k.iv)) + "\n";
+    for (const std::string& cert : k.certs) want += "  " + Hex(cert) + "\n";
+  }
+  EXPECT_EQ(Describe(*device, false), want);
+  EXPECT_TRUE(device->maxKeypairs == 64 && device->keypairs[0]->maxCerts == 10);
+}
+
+TEST_F(StoredTest, EveryCheckOfTheText) {
+  const std::string key = R"(["k",1,4,256,"00","00","00","00",["AAAA"]])";
+  const std::string good = R"(["serial","label",[)" + key + "," + key + "]]";
+  std::map<std::string, std::string> names = {
+      {"ALL", good}, {"NOTHING", ""}, {"DEEP", std::string(200000, '[')}};
+  for (const std::string& row : ReadRows("device_texts.txt")) {
+    SCOPED_TRACE(row);
+    std::istringstream words(row);
+    std::string from, to, want;
+    words >> from >> to >> want;
+    for (std::string* word : {&from, &to})
+      if (names.contains(*word)) *word = names[*word];
+    Write("dev", Container(TAG, Replaced(good, from, to)));
+    const SetHandle set(DeviceGetAllDevices());
+    std::vector<std::string> keypairs;
+    for (int i = 0; set->count == 1 && i < set->devices[0]->keypairCount; i++) {
+      const Keypair& k = *set->devices[0]->keypairs[i];
+      keypairs.push_back(std::to_string(static_cast<int>(k.type)) + ":" +
+                         std::to_string(k.certCount));
+    }
+    EXPECT_EQ(set->count == 0 ? "none" : Array(keypairs), want);
+  }
+}
+
+// --- Keypairs and certificates ---
+
+TEST_F(StoredTest, CertificatesComeAndGoInOrder) {
+  for (const bool datas : {false, true}) {
+    if (datas) stored_.more = {Array({StoredData(5, "value"), "\"odd\""})};
+    const DeviceHandle device = Load(stored_.File());
+    Keypair* const keypair = device->keypairs[0];
+    EXPECT_EQ(Add(keypair, "four"), 1);
+    EXPECT_EQ(Text(), With({"one", "two", "three", "four"}));
+    EXPECT_EQ(DeviceDeleteCertificate(keypair, 1), 1);
+    EXPECT_EQ(Text(), With({"one", "three", "four"}));
+    EXPECT_EQ(Describe(*Rescan(PIN), false), Describe(*device, false));
+    EXPECT_EQ(Add(keypair, "one"), 1);  // once more: twice in the record, once in the file
+    EXPECT_EQ(DeviceGetCertificateCount(keypair), 4);
+    EXPECT_EQ(Text(), With({"one", "three", "four"}));
+    const OwnedCert other(NewCert(Raw("other"), 5));
+    EXPECT_EQ(DeleteCertFromFile(keypair, other.get()), 1);  // not in the record: what that holds
+    EXPECT_EQ(Text(), With({"one", "three", "four", "one"}));
+    EXPECT_EQ(DeviceDeleteCertificate(keypair, 3), 1);  // the first of the equal ones goes
+    EXPECT_EQ(Text(), With({"three", "four", "one"}));
+    EXPECT_EQ(UpdateKeypairToFile(keypair), datas ? 0 : 1);
+    EXPECT_EQ(Text(), datas ? With({"three", "four", "one"}) : With({"one", "three", "four"}));
+    for (char c = 'a'; c < 'h'; c++) EXPECT_EQ(Add(keypair, std::string(1, c)), 1);
+    Refuses(0, device.get(), [&] { return Add(keypair, "the eleventh"); });
+  }
+}
+
+TEST_F(StoredTest, KeypairsComeAndGo) {
+  const DeviceHandle device = Load(stored_.File());
+  const std::string before = Text(), &pair = TestSm2().pair;
+  Keypair* made = nullptr;
+  ASSERT_EQ(DeviceImportKeypair(device.get(), Raw(pair), Len(pair), 9, "new", &made), 1);
+  const KeypairHandle third(made), first(DeviceGetKeypair(device.get(), 0));
+  const std::string with = Text(), start = before.substr(0, before.size() - 2);
+  EXPECT_EQ(with.find(start + R"(,["new",9,4,256,")"), 0u) << with;
+  EXPECT_EQ(AddhKeypairToFile(device.get(), made), 1);
+  EXPECT_EQ(Text(), with) << "stored once";
+  EXPECT_EQ(DeviceDeleteKeypair(first.get()), 1);
+  EXPECT_EQ(Text(), Replaced(with, first_.Json() + ",", ""));
+  EXPECT_TRUE(device->keypairs[0]->label == second_.label && device->keypairs[1] == made);
+  Write("dev", stored_.File());
+  EXPECT_EQ(DeviceDeleteKeypair(made), 1) << "not stored any more";
+  EXPECT_EQ(Text(), before);
+}
+
+TEST_F(StoredTest, AKeypairWithAnEmptyFieldIsNeverStored) {
+  const DeviceHandle device = Load(stored_.File());
+  Keypair* const k = device->keypairs[0];
+  for (int* field :
+       {&k->saltLen, &k->ivLen, &k->publicKeyLen, &k->encryptedPrivateKeyLen, &k->certCount}) {
+    const int whole = std::exchange(*field, field == &k->certCount ? -1 : 0);
+    EXPECT_EQ(Keypair2Json(k), nullptr);
+    *field = whole;
+  }
+}
+
+TEST_F(StoredTest, AFileWithoutAContainerIsLeftAlone) {
+  const DeviceHandle device = Load(stored_.File());
+  Keypair* const keypair = device->keypairs[0];
+  for (const std::string& file : {std::string("short"), Word(1) + Word(0xfffffff8) + "[]"}) {
+    Write("dev", file);
+    Refuses(0, device.get(), [&] { return Add(keypair, "cert"); });
+    Refuses(0, device.get(), [&] { return DeviceDeleteCertificate(keypair, 0); });
+    Refuses(0, device.get(), [&] { return DeviceDeleteKeypair(keypair); });
+  }
+}
+
+TEST_F(StoredTest, AListOfDataObjectsHasRoomForEightMore) {
+  std::vector<std::string> items = {StoredData(1, "a"), StoredData(2, "b")};
+  stored_.more = {Array(items), "\"dropped\""};
+  const DeviceHandle device = Load(stored_.File(), nullptr);
+  Data** list = nullptr;
+  unsigned int count = 0;
+  ASSERT_EQ(GetAllDatasFromFile(device.get(), &list, &count), 1);
+  ASSERT_EQ(count, 2u);
+  for (int id = 10; id < 18; id++) {  // the sanitizer watches
+    list[count++] = newData(id, 1);
+    items.push_back(StoredData(id, std::string(1, '\0')));
+  }
+  EXPECT_EQ(WriteAllDatasToFile(device.get(), list, count), 1);
+  stored_.more = {Array(items)};
+  EXPECT_EQ(Text(), stored_.Json());
+  Write("dev", Flipped(Read("dev"), 30));
+  Refuses(0, nullptr, [&] { return WriteAllDatasToFile(device.get(), list, count); });
+  FreeDatas(list, static_cast<int>(count));
+}
