@@ -60,8 +60,8 @@ std::vector<Session> ReadSessions() {
 
 }  // namespace
 
-// Takes a step in a shell on a terminal of its own and gives each answer when the program has turned
-// the echo off, or has left it on where the answer needs that.
+// Takes a step in a shell on a terminal of its own and gives each answer when the program has
+// turned the echo off, or has left it on where the answer needs that.
 static void Take(const Step& step) {
   SCOPED_TRACE(step.line);
   int terminal = -1;
