@@ -1,6 +1,7 @@
 // SM2: the published examples with their fixed k, OpenSSL's signatures both ways, and every input
 // that must not pass.
 #include "sm2/sm2.h"
+#include "sm2/multiply.h"
 #include "tests/support/operations.h"
 
 namespace {
@@ -29,6 +30,32 @@ std::string SignE(EVP_PKEY* key, const std::string& e) {
 
 int VerifyE(EVP_PKEY* key, const std::string& e, const std::string& signature) {
   return SM2Verify(key, Raw(e), Len(e), Raw(signature), Len(signature));
+}
+
+// An e for which r and s, any numbers, fulfil the equation that is verified: e = r - x1 mod n,
+// where (x1, y1) = [s]G + [r + s]P.
+std::string ForgedE(const std::string& point, const std::string& r, const std::string& s) {
+  SM2Scalar rNumber, t, x1;
+  unsigned char bytes[32], sum[64];
+  SM2ReadScalar(&rNumber, Raw(r), Len(r));
+  SM2ReadScalar(&t, Raw(s), Len(s));
+  SM2AddScalars(&t, &rNumber, &t);
+  SM2WriteScalar(bytes, &t);
+  SM2MultiplyPublic(sum, Raw(s), Raw(point), bytes);
+  SM2ReadScalar(&x1, sum, 32);
+  SM2SubtractScalars(&x1, &rNumber, &x1);
+  SM2WriteScalar(bytes, &x1);
+  return Bytes(bytes, 32);
+}
+
+// The ciphertext of m under C1, whether or not that is a point of the curve.
+std::string ForgedCiphertext(const std::string& c1, const std::string& m) {
+  unsigned char shared[64], c2[64], c3[32];
+  SM2MultiplyPoint(shared, Raw(TestSm2().scalar), Raw(c1));
+  SM2KDF(shared, 64, c2, Len(m));
+  Xor(c2, Raw(m), Len(m));
+  SM3C3(shared, shared + 32, Raw(m), Len(m), c3);
+  return '\x04' + c1 + Bytes(c2, Len(m)) + Bytes(c3, 32);
 }
 
 class Sm2Test : public OperationsTest {
@@ -68,26 +95,29 @@ TEST_F(Sm2Test, SignaturesVerifyBothWays) {
   }
 }
 
+// Each would be valid but for the one check that refuses it.
 TEST_F(Sm2Test, VerificationRefuses) {
   const EvpKey key = KeyOf(v["x"], v["y"], v["d"]);
-  const std::string good = Der(v["r"], v["s"]);
-  EXPECT_EQ(VerifyE(key.get(), v["e"], good), 1);
-  EXPECT_EQ(VerifyE(TestP256().key, v["e"], good), 0);
+  const auto near = [](const std::string& base, char last) { return base.substr(0, 31) + last; };
+  const std::string zero(32, '\0'), n = v["n"];
   const struct {
     const char* what;
     std::string r, s;
-  } cases[] = {{"r = 0", "", v["s"]},
-               {"s = 0", v["r"], ""},
-               {"r = n", v["n"], v["s"]},
-               {"s = n", v["r"], v["n"]},
-               {"r = 2^256 - 1", std::string(32, '\xff'), v["s"]},
-               {"r + s = n", v["r"], v["s_minus_r"]},
-               {"r of 33 bytes", '\1' + v["r"], v["s"]},
-               {"s of 33 bytes", v["r"], '\1' + v["s"]},
-               {"r and s exchanged", v["s"], v["r"]}};
-  const long live = LiveAllocations();
-  for (const auto& c : cases) EXPECT_EQ(VerifyE(key.get(), v["e"], Der(c.r, c.s)), 0) << c.what;
-  EXPECT_EQ(LiveAllocations(), live);
+    int want;
+  } cases[] = {{"5 and 7", near(zero, 5), near(zero, 7), 1},
+               {"r = 0", near(zero, 0), near(zero, 7), 0},
+               {"s = 0", near(zero, 5), near(zero, 0), 0},
+               {"r = n + 5", near(n, 0x28), near(zero, 7), 0},
+               {"s = n + 7", near(zero, 5), near(n, 0x2a), 0},
+               {"r + s = n", near(n, 0x1c), near(zero, 7), 0}};
+  for (const auto& c : cases) {
+    const std::string e = ForgedE(v["x"] + v["y"], c.r, c.s);
+    const long live = LiveAllocations();
+    EXPECT_EQ(VerifyE(key.get(), e, Der(c.r, c.s)), c.want) << c.what;
+    EXPECT_EQ(LiveAllocations(), live) << c.what;
+  }
+  EXPECT_EQ(VerifyE(key.get(), v["e"], Der('\1' + v["r"], v["s"])), 0) << "33 bytes";
+  EXPECT_EQ(VerifyE(TestP256().key, v["e"], Der(v["r"], v["s"])), 0);
 }
 
 // e is any number: 31 or 33 bytes, or beyond n, where it counts modulo n.
@@ -147,5 +177,13 @@ TEST_F(Sm2Test, CiphertextsDecryptOrLeaveTheOutputZero) {
     EXPECT_EQ(Bytes(out, 64), std::string(room, '\0') + std::string(64 - room, '\xaa'));
   }
   EXPECT_EQ(Decrypt(sm2_, 64, good.substr(0, 97)), "result 0");
+
+  std::string c1 = TestSm2().point.substr(1);
+  EXPECT_EQ(Decrypt(sm2_, 64, ForgedCiphertext(c1, "text")), "text");
+  EXPECT_EQ(Decrypt(sm2_, 64, ForgedCiphertext(Flipped(c1, 63), "text")), "result 0");
+  for (unsigned int k = 1; ForgedCiphertext(c1, "t")[65] != 't'; k++)  // until the stream is 0
+    SM2MultiplyGenerator(reinterpret_cast<unsigned char*>(c1.data()),
+                         Raw(std::string(28, '\0') + Word(k)));
+  EXPECT_EQ(Decrypt(sm2_, 64, ForgedCiphertext(c1, "t")), "result 0");
   EXPECT_EQ(Decrypt(p256_, 64, good), "result 0");
 }
