@@ -52,33 +52,26 @@ void Demand(bool holds, const char* condition, const char* file, int line) {
   abort();
 }
 
-namespace {
-// The module and its folder, for the length of the program.
-struct Module {
-  std::string folder;
-
-  Module() {
-    const char* const base = getenv("TMPDIR");
-    folder = base != nullptr ? base : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    folder += "/fuzz.XXXXXX";
-    DEMAND(mkdtemp(folder.data()) != nullptr && DeviceInit() == 1);
-    folder += '/';
-    vakro_free(g_keyFolder);
-    g_keyFolder = Allocate<char>(folder.size() + 1, "fuzz");
-    folder.copy(g_keyFolder, folder.size());
-  }
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-  ~Module() {
+// Starts the module on a folder of its own, for the length of the program.
+static std::string StartModule() {
+  const char* const base = getenv("TMPDIR");
+  std::string folder = base != nullptr ? base : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  folder += "/fuzz.XXXXXX";
+  DEMAND(mkdtemp(folder.data()) != nullptr && DeviceInit() == 1);
+  folder += '/';
+  vakro_free(g_keyFolder);
+  g_keyFolder = Allocate<char>(folder.size() + 1, "fuzz");
+  folder.copy(g_keyFolder, folder.size());
+  atexit([] {
+    std::filesystem::remove_all(g_keyFolder);
     DeviceEnd();
-    std::filesystem::remove_all(folder);
-  }
-};
-}  // namespace
+  });
+  return folder + "device";
+}
 
 static std::string Path(const char* suffix = "") {
-  static const Module module;
-  return module.folder + "device" + suffix;
+  static const std::string path = StartModule();
+  return path + suffix;
 }
 
 void StoreFile(std::string_view file) {

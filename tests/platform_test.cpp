@@ -78,37 +78,34 @@ struct Place {
   operator char**() const { return reinterpret_cast<char**>(at); }
 };
 struct Out {
+  std::string front;  // what comes before the bytes
   unsigned char* bytes = nullptr;
   int size = -1;
   ~Out() { VakroPKICryptoFreeMemory(bytes); }
   Place at() { return {&bytes}; }
   std::string str() const { return {reinterpret_cast<char*>(bytes), static_cast<size_t>(size)}; }
 };
-struct Outs {
-  std::string front;  // comes before the parts
-  Out part[3];
-};
 
 // Calls FUNCTION with what comes first, so many inputs, and so many outputs.
 template <auto FUNCTION, size_t INPUTS = 1, size_t OUTPUTS = 1, auto... FIRST>
-int Call(const In* in, Outs& out) {
+int Call(const In* in, Out* out) {
   return [&]<size_t... I, size_t... O>(std::index_sequence<I...>, std::index_sequence<O...>) {
     return std::apply(FUNCTION,
                       std::tuple_cat(std::tuple(FIRST...), std::tuple(in[I].at, in[I].size)...,
-                                     std::tuple(out.part[O].at(), &out.part[O].size)...));
+                                     std::tuple(out[O].at(), &out[O].size)...));
   }
   (std::make_index_sequence<INPUTS>(), std::make_index_sequence<OUTPUTS>());
 }
 
 // The same for a decoder that hands out a curve first.
 template <auto DECODE, size_t OUTPUTS>
-int CallWithCurve(const In* in, Outs& out) {
+int CallWithCurve(const In* in, Out* out) {
   static int curve;
   static constexpr auto decode = [](const unsigned char* bytes, int size, auto... numbers) {
     return DECODE(bytes, size, &curve, numbers...);
   };
   const int result = Call<decode, 1, OUTPUTS>(in, out);
-  out.front = Word(static_cast<unsigned int>(curve));
+  out->front = Word(static_cast<unsigned int>(curve));
   return result;
 }
 
@@ -126,26 +123,24 @@ bool InPieces(const In& in, Update update) {
 
 // Objects outlive the device that they were made on.
 template <int ALGORITHM>
-int Hash(const In* in, Outs& out) {
+int Hash(const In* in, Out* out) {
   const HashObject hash(
       VakroPKICryptoNewHash(SoftDevice(VakroPKICryptoGetPseudoDevice()).get(), ALGORITHM));
   const auto update = [&](auto... piece) { return VakroPKICryptoHashUpdate(hash.get(), piece...); };
-  return InPieces(*in, update) &&
-         VakroPKICryptoHashFinal(hash.get(), out.part[0].at(), &out.part[0].size);
+  return InPieces(*in, update) && VakroPKICryptoHashFinal(hash.get(), out->at(), &out->size);
 }
 
 template <int ALGORITHM>
-int Authenticate(const In* in, Outs& out) {
+int Authenticate(const In* in, Out* out) {
   const MacObject mac(VakroPKICryptoNewMac(SoftDevice(VakroPKICryptoGetPseudoDevice()).get(),
                                            ALGORITHM, in[0].at, in[0].size, nullptr));
   const auto update = [&](auto... piece) { return VakroPKICryptoMacUpdate(mac.get(), piece...); };
-  return InPieces(in[1], update) &&
-         VakroPKICryptoMacFinal(mac.get(), out.part[0].at(), &out.part[0].size);
+  return InPieces(in[1], update) && VakroPKICryptoMacFinal(mac.get(), out->at(), &out->size);
 }
 
 // What the updates gave, and what the final step gave.
 template <int ENCRYPT>
-int Gcm(const In* in, Outs& out) {
+int Gcm(const In* in, Out* out) {
   const AEADParams params = {16, in[1].at, in[1].size, in[2].at, in[2].size};
   const CipherObject cipher(
       VakroPKICryptoNewCipher(SoftDevice(VakroPKICryptoGetPseudoDevice()).get(), ENCRYPT,
@@ -154,14 +149,13 @@ int Gcm(const In* in, Outs& out) {
   const auto update = [&](auto... piece) {
     Out part;
     if (VakroPKICryptoCipherUpdate(cipher.get(), piece..., part.at(), &part.size) != 1) return 0;
-    out.front += part.str();
+    out->front += part.str();
     return 1;
   };
-  return InPieces(in[3], update) &&
-         VakroPKICryptoCipherFinal(cipher.get(), out.part[0].at(), &out.part[0].size);
+  return InPieces(in[3], update) && VakroPKICryptoCipherFinal(cipher.get(), out->at(), &out->size);
 }
 
-const std::map<std::string, int (*)(const In* in, Outs& out)> FUNCTIONS = {
+const std::map<std::string, int (*)(const In* in, Out* out)> FUNCTIONS = {
     {"sha512", Hash<VAKRO_HASH_SHA512>},
     {"sm3", Hash<VAKRO_HASH_SM3>},
     {"hmac-sha512", Authenticate<VAKRO_HASH_SHA512>},
@@ -185,10 +179,10 @@ const std::map<std::string, int (*)(const In* in, Outs& out)> FUNCTIONS = {
 
 // Words of hex, one for each output, "-" for no bytes; or REFUSED, and then nothing was handed out.
 std::string PerformOn(const std::string& function, const std::vector<In>& in) {
-  Outs out;
+  Out out[3];
   const int result = FUNCTIONS.at(function)(in.data(), out);
-  std::string words = Hex(out.front);
-  for (const Out& part : out.part) {
+  std::string words = Hex(out->front);
+  for (const Out& part : out) {
     EXPECT_TRUE(result == 1 || (result == 0 && part.bytes == nullptr && part.size == -1));
     if (part.size >= 0 && !words.empty()) words += ' ';
     if (part.size >= 0) words += part.size == 0 ? "-" : Hex(part.str());
@@ -342,13 +336,8 @@ TEST(PlatformJson, ReadsAndWrites) {
   for (const auto& bad : {""s, " "s, "[1]\0"s, "\0"s, "[\0001]"s, "\xef\xbb\xbf[]"s, "[\f1]"s,
                           Nest(65), Nest(64, "{}"), std::string(100000, '[')})
     EXPECT_EQ(Decode(bad), nullptr) << bad;
-  const std::pair<double, const char*> made[] = {{0, "0"},
-                                                 {-7, "-7"},
-                                                 {INT_MIN, "-2147483648"},
-                                                 {4294967295., "4294967295"},
-                                                 {1e15, "1000000000000000"},
-                                                 {0.1, "0.1"},
-                                                 {-2.5e-10, "-2.5e-10"}};
+  const std::pair<double, const char*> made[] = {
+      {-7, "-7"}, {4294967295., "4294967295"}, {1e15, "1000000000000000"}, {-2.5e-10, "-2.5e-10"}};
   for (const auto& [number, want] : made)
     EXPECT_EQ(Encode(Json(vakro_json_newnumber(number)).get()), want);
   const double most = std::numeric_limits<double>::max();
