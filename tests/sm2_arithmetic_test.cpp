@@ -35,10 +35,6 @@ static U256 Minus(const U256& a, const U256& b) {
   Subtract(r, a, b);
   return r;
 }
-static bool IsBelow(const U256& a, const U256& b) {
-  U256 unused;
-  return Subtract(unused, a, b) == 1;
-}
 
 static Bytes32 ToBytes(const U256& a) {
   Bytes32 bytes;
@@ -108,7 +104,7 @@ int Inverse(BIGNUM* r, const BIGNUM* a, const BIGNUM*, const BIGNUM* m, BN_CTX* 
 }
 
 U256 Checked(const U256& r) {
-  EXPECT_TRUE(IsBelow(r, sm2::P.m)) << Text(r) << " is not below p";
+  EXPECT_EQ(Text(Reduce(0, r, sm2::P)), Text(r)) << "not below p";
   return r;
 }
 
@@ -116,29 +112,22 @@ U256 Checked(const U256& r) {
 template <class F>
 void AddField(std::vector<Operation>* all, const std::string& path) {
   using sm2::P;
-  const auto add = [&](const char* what, U256 (*is)(const U256&, const U256&), Judge judge,
-                       bool any = false) {
-    all->push_back({path + what, P, is, judge, any});
-  };
-  add(
-      "product", [](auto& a, auto& b) { return F::Multiply(Checked(F::Multiply(a, b)), P.r2); },
-      BN_mod_mul, true);
-  add(
-      "product", [](auto& a, auto& b) { return F::Multiply(P.r2, F::Multiply(b, a)); }, BN_mod_mul,
-      true);
-  add(
-      "square", [](auto& a, auto&) { return F::Multiply(Checked(F::Square(a)), P.r2); }, Square);
-  add(
-      "sum", [](auto& a, auto& b) { return F::Add(a, b); }, BN_mod_add);
-  add(
-      "difference", [](auto& a, auto& b) { return F::Subtract(a, b); }, BN_mod_sub);
-  add(
-      "twice the half",
-      [](auto& a, auto&) {
-        const U256 half = Checked(F::Halve(a));
-        return sm2::ModAdd(half, half, P);
-      },
-      Same);
+  for (const Operation& operation : std::initializer_list<Operation>{
+           {"product", P,
+            [](auto&a, auto&b) { return F::Multiply(Checked(F::Multiply(a, b)), P.r2); },
+            BN_mod_mul, true},
+           {"product turned round", P,
+            [](auto&a, auto&b) { return F::Multiply(P.r2, F::Multiply(b, a)); }, BN_mod_mul, true},
+           {"square", P, [](auto&a, auto&) { return F::Multiply(Checked(F::Square(a)), P.r2); },
+            Square},
+           {"sum", P, [](auto&a, auto&b) { return F::Add(a, b); }, BN_mod_add},
+           {"difference", P, [](auto&a, auto&b) { return F::Subtract(a, b); }, BN_mod_sub},
+           {"twice the half", P,
+            [](auto&a, auto&) { return sm2::ModAdd(Checked(F::Halve(a)), F::Halve(a), P); },
+            Same}}) {
+    all->push_back(operation);
+    all->back().what += path;
+  }
 }
 
 // A result may be an operand.
@@ -165,9 +154,9 @@ std::vector<Operation> Operations() {
       {"product of scalars", N, OnScalars<SM2MultiplyScalars>, BN_mod_mul},
       {"inverse of a scalar", N, OnScalars<InvertScalar>, Inverse},
       {"inverse", P, [](auto& a, auto&) { return sm2::Invert(a, P); }, Inverse}};
-  AddField<sm2::PortableField>(&all, "portable ");
+  AddField<sm2::PortableField>(&all, ", portable");
 #ifdef __x86_64__
-  if (sm2::UseAdx()) AddField<sm2::AdxField>(&all, "ADX ");
+  if (sm2::UseAdx()) AddField<sm2::AdxField>(&all, ", ADX");
 #endif
   return all;
 }
