@@ -296,11 +296,11 @@ TEST(Sm2Points, MultiplesAgreeWithOpenssl) {
 TEST(Sm2Points, SumsOfWhatIsEqualOppositeOrInfinite) {
   const U256 k = Reduce(0, RandomNumber(), sm2::N);
   std::vector<U256> scalars = {k, Minus(sm2::N.m, k)};
-  for (const uint64_t i : {0, 1, 2, 3, 6, 15, 16, 32}) {
+  for (const unsigned int i : {0u, 1u, 2u, 3u, 6u, 15u, 16u, 32u}) {
     scalars.push_back(Small(i));
     scalars.push_back(Minus(sm2::N.m, Small(i)));
   }
-  for (const uint64_t j : {1, 2, 16})
+  for (const unsigned int j : {1u, 2u, 16u})
     for (const U256& multiple : {Small(j), Minus(sm2::N.m, Small(j))})
       for (const U256& s : scalars)
         for (const U256& t : scalars) CheckMultiples(s, ToPoint(Multiple(multiple)), t);
