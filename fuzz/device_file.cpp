@@ -26,46 +26,45 @@ static std::string StoredDatas() {
   return View(encoded, length);
 }
 
-static int ChangeCertificates(Device& device) {
+enum Change { ADD_CERTIFICATE, CHANGE_PIN, DELETE_KEYPAIR, CREATE_DATA, CHANGES };
+
+// Makes a change; `pin` is the PIN behind it.
+static int Make(Change change, Device& device, Keypair* keypair, const char*& pin) {
   static const std::string cert = "a certificate";
+  switch (change) {
+    case ADD_CERTIFICATE:
+      // Of equal certificates the file keeps one.
+      for (int i = 0; i < DeviceGetCertificateCount(keypair); i++)
+        if (View(keypair->certs[i]->data, keypair->certs[i]->length) == cert) return VAKRO_FAILED;
+      return DeviceAddCertificate(keypair, Raw(cert), Len(cert));
+    case CHANGE_PIN:
+      pin = "another PIN";
+      return DeviceChangePwd(&device, PIN_TYPE_USER, PIN, pin, nullptr);
+    case DELETE_KEYPAIR:
+      return DeviceDeleteKeypair(keypair);
+    default:
+      return DeviceCreateData(&device, 7, 0, 5);
+  }
+}
+
+static void CheckChange(Change change, Device& device, const std::string& file) {
+  const std::string before = Summary(device), datas = StoredDatas();
   const KeypairHandle keypair(DeviceGetKeypair(&device, 0));
-  const int last = DeviceGetCertificateCount(keypair.get());
-  // Of equal certificates the file keeps one.
-  for (int i = 0; i < last; i++)
-    if (View(keypair->certs[i]->data, keypair->certs[i]->length) == cert) return VAKRO_FAILED;
-  const int added = DeviceAddCertificate(keypair.get(), Raw(cert), Len(cert));
-  if (added != VAKRO_OK) return added;
-  DEMAND(Summary(*LoadDevice(PIN)) == Summary(device));
-  DEMAND(DeviceDeleteCertificate(keypair.get(), last) == VAKRO_OK);
-  DEMAND(Summary(*LoadDevice(PIN)) == Summary(device));
-  return VAKRO_OK;
+  const char* pin = PIN;
+  if (Make(change, device, keypair.get(), pin) != VAKRO_OK) {
+    DEMAND(StoredFile() == file);
+    return;
+  }
+  // A stored keypair that the module would write otherwise, such as with upper-case hex, is not
+  // found and stays; it may be under any PIN.
+  const DeviceHandle again = LoadDevice(change == DELETE_KEYPAIR ? nullptr : pin);
+  DEMAND(again && (Summary(*again) == Summary(device) ||
+                   (change == DELETE_KEYPAIR && Summary(*again) == before)));
+  DEMAND(change == CREATE_DATA || StoredDatas() == datas);
+  if (change != ADD_CERTIFICATE) return;
+  DEMAND(DeviceDeleteCertificate(keypair.get(), keypair->certCount - 1) == VAKRO_OK);
+  DEMAND(Summary(*LoadDevice(PIN)) == before && Summary(device) == before);
 }
-
-static int ChangePin(Device& device) {
-  const int changed = DeviceChangePwd(&device, PIN_TYPE_USER, PIN, "another PIN", nullptr);
-  if (changed == VAKRO_OK) DEMAND(Summary(*LoadDevice("another PIN")) == Summary(device));
-  return changed;
-}
-
-static int DeleteKeypair(Device& device) {
-  const std::string before = Summary(device);
-  const KeypairHandle keypair(DeviceGetKeypair(&device, 0));
-  const int deleted = DeviceDeleteKeypair(keypair.get());
-  if (deleted != VAKRO_OK) return deleted;
-  // A stored item that the module would write otherwise, such as with upper-case hex, is not found
-  // and stays.
-  const DeviceHandle again = LoadDevice();
-  DEMAND(again && (Summary(*again) == Summary(device) || Summary(*again) == before));
-  return VAKRO_OK;
-}
-
-static int CreateData(Device& device) {
-  const int created = DeviceCreateData(&device, 7, 0, 5);
-  if (created == VAKRO_OK) DEMAND(Summary(*LoadDevice(PIN)) == Summary(device));
-  return created;
-}
-
-static int (*const CHANGES[])(Device&) = {ChangeCertificates, ChangePin, DeleteKeypair, CreateData};
 
 // Through the scan, the verification of the PIN and one rewrite. Length and digest are made right
 // first, so that the input gets behind them; which rewrite it is, the last byte of the digest says.
@@ -80,19 +79,14 @@ void FuzzDeviceFile(std::string_view input) {
   if (!device) return;
   CheckRecord(*device);
   const int verified = DeviceVerifyPwd(device.get(), PIN_TYPE_USER, PIN, nullptr);
-  if (verified == VAKRO_OK) {
-    const auto change = CHANGES[Raw(input)[input.size() - 1] % std::size(CHANGES)];
-    const std::string datas = StoredDatas();
-    if (change(*device) == VAKRO_OK) {
-      DEMAND(change == CreateData || StoredDatas() == datas);
-      return;
-    }
-  } else {
-    DEMAND(verified == VAKRO_WRONG_PIN && device->pin == nullptr);
-    for (int i = 0; i < device->keypairCount; i++)
-      DEMAND(device->keypairs[i]->privateKey == nullptr);
-  }
   DEMAND(StoredFile() == file);
+  if (verified == VAKRO_OK) {
+    const int last = Raw(input)[input.size() - 1];
+    CheckChange(static_cast<Change>(last % CHANGES), *device, file);
+    return;
+  }
+  DEMAND(verified == VAKRO_WRONG_PIN && device->pin == nullptr);
+  for (int i = 0; i < device->keypairCount; i++) DEMAND(device->keypairs[i]->privateKey == nullptr);
 }
 
 // Reads the list as text, one line an object, and writes it back if asked to.
