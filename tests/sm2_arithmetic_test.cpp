@@ -224,37 +224,26 @@ Path MakePath(const char* what) {
           sm2::MultiplyPublic<Field>};
 }
 
-const std::vector<Path>& Paths() {
-  static const auto paths = [] {
-    std::vector<Path> all = {
-        MakePath<sm2::PortableField>("portable"),
-        {"exported", SM2MultiplyGenerator, SM2MultiplyPoint, SM2MultiplyPublic}};
+const std::vector<Path> PATHS = {
 #ifdef __x86_64__
-    if (sm2::UseAdx()) all.push_back(MakePath<sm2::AdxField>("ADX"));
+    sm2::UseAdx() ? MakePath<sm2::AdxField>("ADX") : MakePath<sm2::PortableField>("no ADX"),
 #endif
-    return all;
-  }();
-  return paths;
-}
+    MakePath<sm2::PortableField>("portable"),
+    {"exported", SM2MultiplyGenerator, SM2MultiplyPoint, SM2MultiplyPublic}};
 
 const EC_GROUP* Group() {
   static const EcGroup group(EC_GROUP_new_by_curve_name(NID_sm2));
   return group.get();
 }
 
-// [k] of the point, or of G, by OpenSSL.
-EcPoint Multiple(const U256& k, const Point* point = nullptr) {
+EcPoint Multiple(const U256& k, const EC_POINT* point = EC_GROUP_get0_generator(Group())) {
   EcPoint p(EC_POINT_new(Group()));
-  std::string raw = "\4";
-  if (point != nullptr) raw.append(reinterpret_cast<const char*>(point->data()), 64);
-  EXPECT_TRUE(point == nullptr || EC_POINT_oct2point(Group(), p.get(), Raw(raw), 65, nullptr) == 1);
-  const EC_POINT* const of = point != nullptr ? p.get() : EC_GROUP_get0_generator(Group());
-  EXPECT_EQ(EC_POINT_mul(Group(), p.get(), nullptr, of, ToBigNum(k).get(), nullptr), 1);
+  EXPECT_EQ(EC_POINT_mul(Group(), p.get(), nullptr, point, ToBigNum(k).get(), nullptr), 1);
   return p;
 }
 
-// The coordinates; zeros for infinity.
-Point ToPoint(const EcPoint& p) {
+// Zeros for infinity.
+Point Coordinates(const EcPoint& p) {
   std::array<unsigned char, 65> raw = {};
   EC_POINT_point2oct(Group(), p.get(), POINT_CONVERSION_UNCOMPRESSED, raw.data(), 65, nullptr);
   Point point;
@@ -263,15 +252,16 @@ Point ToPoint(const EcPoint& p) {
 }
 
 // Checks [s]G, [t]P, written in the place of P, and [s]G + [t]P.
-void CheckMultiples(const U256& s, const Point& p, const U256& t) {
+void CheckMultiples(const U256& s, const EcPoint& point, const U256& t) {
+  const Point p = Coordinates(point);
   SCOPED_TRACE("s = " + Text(s) + ", t = " + Text(t) + ", P = " + Text(p));
-  const EcPoint sG = Multiple(s), tP = Multiple(t, &p), sum(EC_POINT_new(Group()));
+  const EcPoint sG = Multiple(s), tP = Multiple(t, point.get()), sum(EC_POINT_new(Group()));
   EC_POINT_add(Group(), sum.get(), sG.get(), tP.get(), nullptr);
   const Bytes32 sBytes = ToBytes(s), tBytes = ToBytes(t);
-  for (const Path& path : Paths()) {
+  for (const Path& path : PATHS) {
     Point out;
     const auto expect = [&](int result, const EcPoint& want) {
-      ASSERT_EQ(Text(out), Text(ToPoint(want))) << path.what;
+      ASSERT_EQ(Text(out), Text(Coordinates(want))) << path.what;
       ASSERT_NE(result, EC_POINT_is_at_infinity(Group(), want.get())) << path.what;
     };
     expect(path.generator(out.data(), sBytes.data()), sG);
@@ -284,12 +274,12 @@ void CheckMultiples(const U256& s, const Point& p, const U256& t) {
 }  // namespace
 
 TEST(Sm2Points, MultiplesAgreeWithOpenssl) {
-  const Point p = ToPoint(Multiple(RandomNumber()));
+  const EcPoint p = Multiple(RandomNumber());
   const std::vector<U256> all = StructuredNumbers(sm2::N.m);
   for (size_t i = 0; i < all.size() && !HasFailure(); i += g_long || i < 170 ? 1 : 7)
     CheckMultiples(all[i], p, all[(i + 1) % all.size()]);
   for (int i = 0; i < (g_long ? 100000 : 200) && !HasFailure(); i++)
-    CheckMultiples(RandomNumber(), ToPoint(Multiple(RandomNumber())), RandomNumber());
+    CheckMultiples(RandomNumber(), Multiple(RandomNumber()), RandomNumber());
 }
 
 // The points of both tables meet themselves, their opposites and infinity here.
@@ -300,15 +290,14 @@ TEST(Sm2Points, SumsOfWhatIsEqualOppositeOrInfinite) {
     scalars.push_back(Small(i));
     scalars.push_back(Minus(sm2::N.m, Small(i)));
   }
-  for (const unsigned int j : {1u, 2u, 16u})
-    for (const U256& multiple : {Small(j), Minus(sm2::N.m, Small(j))})
-      for (const U256& s : scalars)
-        for (const U256& t : scalars) CheckMultiples(s, ToPoint(Multiple(multiple)), t);
+  for (const U256& j : {Small(1), Small(2), Small(16), Minus(sm2::N.m, Small(1))})
+    for (const U256& s : scalars)
+      for (const U256& t : scalars) CheckMultiples(s, Multiple(j), t);
 }
 
 TEST(Sm2Points, AreOnTheCurveOrNot) {
-  const std::string g = Text(ToPoint(Multiple(Small(1)))), zero(64, '0'), p = Text(sm2::P.m);
-  const std::string minusG = Text(ToPoint(Multiple(Minus(sm2::N.m, Small(1)))));
+  const std::string g = Text(Coordinates(Multiple(Small(1)))), zero(64, '0'), p = Text(sm2::P.m);
+  const std::string minusG = Text(Coordinates(Multiple(Minus(sm2::N.m, Small(1)))));
   const std::string rootOfB = "fd4511e81736a60f07e88a83d6cf5a167fae6d1a9c9330e76e232e00f5cdc154";
   for (const auto& [point, want] : {std::pair{g, 1},
                                     {minusG, 1},
@@ -352,13 +341,13 @@ TEST(Sm2Points, LeaveNothingOnTheStack) {
   static Bytes32 k;
   static Point point, out;
   static SM2Scalar a, r;
-  point = ToPoint(Multiple(Small(7)));
+  point = Coordinates(Multiple(Small(7)));
   std::map<std::string, std::function<void()>> works = {
       {"reading", [] { SM2ReadScalar(&r, k.data(), 32); }},
       {"sum", [] { SM2AddScalars(&r, &a, &a); }},
       {"product", [] { SM2MultiplyScalars(&r, &a, &a); }},
       {"inverse", [] { SM2InvertScalar(&r, &a); }}};
-  for (const Path& path : Paths()) {
+  for (const Path& path : PATHS) {
     works[path.what + " [k]G"] = [&] { path.generator(out.data(), k.data()); };
     works[path.what + " [k]P"] = [&] { path.point(out.data(), k.data(), point.data()); };
   }
