@@ -131,12 +131,12 @@ static void Perform(Operation operation, Key* key, unsigned int algorithm,
 template <class Use>
 static void WithEachAlgorithm(unsigned int bits, Use use) {
   const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
-  for (const unsigned int algorithm : {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT})
-    use(algorithm, block, block);
-  for (const unsigned int algorithm :
+  for (const unsigned int raw : {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT})
+    use(raw, block, block);
+  for (const unsigned int other :
        {ALGORITHM_RSA_PKCS1_SIGN, ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN, ALGORITHM_SM2_ENCRYPT,
         ALGORITHM_RSA_PKCS1_ENCRYPT})
-    use(algorithm, digest, block);
+    use(other, digest, block);
 }
 
 void UsePrivateKey(Keypair* keypair) {
