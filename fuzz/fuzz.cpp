@@ -3,12 +3,11 @@
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <unordered_map>
+#include <tuple>
 
 static unsigned char g_random = 0;
 
@@ -21,19 +20,30 @@ extern "C" int PKCS5_PBKDF2_HMAC(const char* pass, int passlen, const unsigned c
                                  int saltlen, int iter, const EVP_MD* digest, int keylen,
                                  unsigned char* out) {
   static const auto next =
-      reinterpret_cast<decltype(&PKCS5_PBKDF2_HMAC)>(dlsym(RTLD_NEXT, "PKCS5_PBKDF2_HMAC"));
-  static std::unordered_map<std::string, std::string> known;
+      reinterpret_cast<decltype(&PKCS5_PBKDF2_HMAC)>(dlsym(RTLD_NEXT, __func__));
+  static std::map<std::tuple<std::string, std::string, int, const EVP_MD*, int>, std::string> known;
   if (known.size() > 100000) known.clear();
-  std::ostringstream name;
-  name << passlen << ' ' << iter << ' ' << EVP_MD_get0_name(digest) << ' ' << keylen << ' '
-       << View(pass, static_cast<size_t>(passlen)) << View(salt, static_cast<size_t>(saltlen));
-  std::string& derived = known[name.str()];
+  std::string& derived = known[{View(pass, passlen), View(salt, saltlen), iter, digest, keylen}];
   if (derived.empty()) {
     if (next(pass, passlen, salt, saltlen, iter, digest, keylen, out) != 1) return 0;
-    derived = View(out, static_cast<size_t>(keylen));
+    derived = View(out, keylen);
   }
   memcpy(out, derived.data(), derived.size());
   return 1;
+}
+
+void RunTarget(std::string_view name, std::string_view input) {
+  static const std::map<std::string_view, void (*)(std::string_view)> targets = {
+      {"base64", FuzzBase64},
+      {"data_objects", FuzzDataObjects},
+      {"device_file", FuzzDeviceFile},
+      {"ecc_signature", FuzzEccSignature},
+      {"hex", FuzzHex},
+      {"json", FuzzJson},
+      {"keypair_encoding", FuzzKeypairEncoding},
+      {"public_key_encoding", FuzzPublicKeyEncoding},
+      {"sm2_ciphertext", FuzzSm2Ciphertext}};
+  targets.at(name)(input);
 }
 
 void Demand(bool holds, const char* condition, const char* file, int line) {
@@ -42,130 +52,106 @@ void Demand(bool holds, const char* condition, const char* file, int line) {
   abort();
 }
 
-std::string_view View(const void* bytes, size_t size) {
-  return size == 0 ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size);
-}
-
-namespace {
-// The module and its folder, for the length of the program.
-struct Module {
-  std::string folder;
-
-  Module() {
-    const char* const base = getenv("TMPDIR");
-    folder = base != nullptr ? base : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    folder += "/fuzz.XXXXXX";
-    DEMAND(mkdtemp(folder.data()) != nullptr && DeviceInit() == 1);
-    folder += '/';
-    vakro_free(g_keyFolder);
-    g_keyFolder = static_cast<char*>(vakro_malloc(folder.size() + 1, "fuzz", __LINE__));
-    memcpy(g_keyFolder, folder.c_str(), folder.size() + 1);
-  }
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-  ~Module() {
+// Starts the module on a folder of its own, for the length of the program.
+static std::string StartModule() {
+  const char* const base = getenv("TMPDIR");
+  std::string folder = base != nullptr ? base : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  folder += "/fuzz.XXXXXX";
+  DEMAND(mkdtemp(folder.data()) != nullptr && DeviceInit() == 1);
+  folder += '/';
+  vakro_free(g_keyFolder);
+  g_keyFolder = Allocate<char>(folder.size() + 1, "fuzz");
+  folder.copy(g_keyFolder, folder.size());
+  atexit([] {
+    std::filesystem::remove_all(g_keyFolder);
     DeviceEnd();
-    std::filesystem::remove_all(folder);
-  }
-};
-}  // namespace
-
-static const std::string& Folder() {
-  static const Module module;
-  return module.folder;
+  });
+  return folder + "device";
 }
-static std::string Path() { return Folder() + "device"; }
 
-World::World(std::string_view file) {
+static std::string Path(const char* suffix = "") {
+  static const std::string path = StartModule();
+  return path + suffix;
+}
+
+void StoreFile(std::string_view file) {
   g_random = 0;
-  unlink(Path().c_str());
-  unlink((Path() + BACKUP_SUFFIX).c_str());
-  if (!file.empty()) Write(file);
+  for (const char* const suffix : {"", BACKUP_SUFFIX}) unlink(Path(suffix).c_str());
+  if (!file.empty()) DEMAND((std::ofstream(Path(), std::ios::binary) << file).flush().good());
 }
 
-void World::Write(std::string_view file) const {
-  std::ofstream stream(Path(), std::ios::binary);
-  stream << file;
-  DEMAND(stream.flush().good());
-}
-
-std::string World::Read() const {
+std::string StoredFile() {
   std::ostringstream content;
   content << std::ifstream(Path(), std::ios::binary).rdbuf();
   return content.str();
 }
 
-DeviceHandle World::Load() const {
+DeviceHandle LoadDevice(const char* pin) {
   const SetHandle set(DeviceGetAllDevices());
   DEMAND(set != nullptr && DeviceGetDeviceCount(set.get()) <= 1);
-  DEMAND(access((Path() + BACKUP_SUFFIX).c_str(), F_OK) != 0);
-  return DeviceHandle(DeviceGetDevice(set.get(), 0));
+  DEMAND(access(Path(BACKUP_SUFFIX).c_str(), F_OK) != 0);
+  DeviceHandle device(DeviceGetDevice(set.get(), 0));
+  if (pin != nullptr) DEMAND(DeviceVerifyPwd(device.get(), PIN_TYPE_USER, pin, nullptr) == 1);
+  return device;
 }
 
 std::string Summary(const Device& device) {
   std::ostringstream text;
   text << device.serialNumber << '\n' << device.label << '\n' << device.fileTag << '\n';
   for (int i = 0; i < device.keypairCount; i++) {
-    const Keypair& keypair = *device.keypairs[i];
-    text << keypair.label << '\n'
-         << keypair.type << ' ' << keypair.algorithm << ' ' << keypair.bits << ' '
-         << Hex(View(keypair.publicKey, static_cast<size_t>(keypair.publicKeyLen))) << '\n';
-    for (int c = 0; c < keypair.certCount; c++)
-      text << Hex(View(keypair.certs[c]->data, static_cast<size_t>(keypair.certs[c]->length)))
-           << '\n';
+    const Keypair& k = *device.keypairs[i];
+    text << k.label << '\n'
+         << k.type << ' ' << k.algorithm << ' ' << k.bits << ' '
+         << Hex(View(k.publicKey, k.publicKeyLen)) << '\n';
+    for (int c = 0; c < k.certCount; c++)
+      text << Hex(View(k.certs[c]->data, k.certs[c]->length)) << '\n';
   }
   return text.str();
 }
 
-static constexpr unsigned int ALGORITHMS[] = {
-    ALGORITHM_RSA_PKCS1_SIGN,    ALGORITHM_RSA_RAW_SIGN,    ALGORITHM_ECDSA_SIGN,
-    ALGORITHM_SM2_SIGN,          ALGORITHM_RSA_RAW_ENCRYPT, ALGORITHM_SM2_ENCRYPT,
-    ALGORITHM_RSA_PKCS1_ENCRYPT,
-};
-static constexpr int DIGEST_LEN = 32;
-static const unsigned char BLOCK[4096] = {};  // a digest, a raw block, a signature, a plaintext
-
 // Calls with a buffer that is as large as the function asks for.
-template <class Call>
-static void WithBuffer(Call call) {
+template <class Operation, class Key>
+static void Perform(Operation operation, Key* key, unsigned int algorithm,
+                    const std::string& data) {
   int needed = 0;
+  const auto call = [&](unsigned char* buffer, int size, int* length) {
+    return operation(key, algorithm, nullptr, Raw(data), Len(data), buffer, size, length);
+  };
   if (call(nullptr, 0, &needed) != VAKRO_OK) return;
   DEMAND(needed > 0);
-  std::string buffer(static_cast<size_t>(needed), '\0');
+  const std::unique_ptr<unsigned char[]> buffer(new unsigned char[static_cast<size_t>(needed)]);
   int length = 0;
-  const int result = call(reinterpret_cast<unsigned char*>(buffer.data()), needed, &length);
+  const int result = call(buffer.get(), needed, &length);
   DEMAND(result == VAKRO_OK || result == VAKRO_FAILED);
   DEMAND(length >= 0 && length <= needed);
 }
 
-static bool IsRaw(unsigned int algorithm) {
-  return algorithm == ALGORITHM_RSA_RAW_SIGN || algorithm == ALGORITHM_RSA_RAW_ENCRYPT;
-}
-
-// The bits come from a file and may say anything.
-static int ModulusSize(unsigned int bits) {
-  return static_cast<int>(std::min<size_t>(bits / 8 + (bits % 8 != 0 ? 1 : 0), sizeof(BLOCK)));
+// Calls `use` with every algorithm and zeros of a fitting length, a digest or a raw block. The bits
+// of a key come from a file and may say anything.
+template <class Use>
+static void WithEachAlgorithm(unsigned int bits, Use use) {
+  const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
+  for (const unsigned int raw : {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT})
+    use(raw, block, block);
+  for (const unsigned int other :
+       {ALGORITHM_RSA_PKCS1_SIGN, ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN, ALGORITHM_SM2_ENCRYPT,
+        ALGORITHM_RSA_PKCS1_ENCRYPT})
+    use(other, digest, block);
 }
 
 void UsePrivateKey(Keypair* keypair) {
-  const int modulusSize = ModulusSize(DeviceGetKeypairBits(keypair));
-  for (const unsigned int algorithm : ALGORITHMS) {
-    const int length = IsRaw(algorithm) ? modulusSize : DIGEST_LEN;
-    WithBuffer([=](unsigned char* buffer, int size, int* written) {
-      return DeviceSign(keypair, algorithm, nullptr, BLOCK, length, buffer, size, written);
-    });
-  }
+  WithEachAlgorithm(DeviceGetKeypairBits(keypair), [=](auto algorithm, const auto& data, auto&) {
+    Perform(DeviceSign, keypair, algorithm, data);
+  });
 }
 
 void UsePublicKey(PublicKey* key) {
-  const int modulusSize = ModulusSize(static_cast<unsigned int>(DeviceGetPublicKeyBits(key)));
-  for (const unsigned int algorithm : ALGORITHMS) {
-    const int length = IsRaw(algorithm) ? modulusSize : DIGEST_LEN;
+  const auto bits = static_cast<unsigned int>(DeviceGetPublicKeyBits(key));
+  WithEachAlgorithm(bits, [=](auto algorithm, const auto& data, const auto& signature) {
     // Zeros are a raw RSA signature of zeros, and of nothing else.
-    const int valid = DeviceVerify(key, algorithm, nullptr, BLOCK, length, BLOCK, modulusSize);
+    const int valid =
+        DeviceVerify(key, algorithm, nullptr, Raw(data), Len(data), Raw(signature), Len(signature));
     DEMAND(valid == VAKRO_FAILED || (valid == VAKRO_OK && algorithm == ALGORITHM_RSA_RAW_SIGN));
-    WithBuffer([=](unsigned char* buffer, int size, int* written) {
-      return DevicePublicKeyEncrypt(key, algorithm, nullptr, BLOCK, length, buffer, size, written);
-    });
-  }
+    Perform(DevicePublicKeyEncrypt, key, algorithm, data);
+  });
 }

@@ -12,6 +12,7 @@
 using Store = std::unique_ptr<OSSL_STORE_CTX, Release<OSSL_STORE_close>>;
 using StoreInfo = std::unique_ptr<OSSL_STORE_INFO, Release<OSSL_STORE_INFO_free>>;
 using PassphraseMethod = std::unique_ptr<UI_METHOD, Release<UI_destroy_method>>;
+using Provider = std::unique_ptr<OSSL_PROVIDER, Release<OSSL_PROVIDER_unload>>;
 using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
 static constexpr int OBJECTS_MAX = 100;  // in one file; more is no key file
@@ -59,7 +60,7 @@ static void Keep(KeyFile& file, OSSL_STORE_INFO* info) {
 KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
   const Secret content = ReadSecretInput(path);
   // PKCS#12 files of older programs use ciphers that OpenSSL keeps apart; it may not be installed.
-  OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+  const Provider legacy(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
   if (content.empty()) return {};  // a memory BIO of no bytes can't be made
   Passphrase passphrase{source, {}, {}};
   const PassphraseMethod method(UI_UTIL_wrap_read_pem_callback(GivePassphrase, 0));
