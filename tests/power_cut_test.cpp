@@ -7,7 +7,7 @@
 //
 // A process may also be killed at any step, its files still only in memory, another one scan, read
 // or write the folder, and the power go then.
-#include "tests/support/writes.h"
+#include "tests/support/calls.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -76,13 +76,13 @@ class Watch {
   template <class Run>
   int Follow(Run run) {
     s_following = this;
-    HookFiles([](const FileCall& call) {
-      s_following->Step(call);
+    HookCalls([](const ImportCall& call) {
+      if (call.onFiles) s_following->Step(call);
       return 0;
     });
     const int result = run();
-    HookFiles(nullptr);
-    Step({"end"});
+    HookCalls(nullptr);
+    Step({.name = "end"});
     return result;
   }
 
@@ -109,7 +109,7 @@ class Watch {
     if (names != disk.folders.back()) disk.folders.push_back(names);
   }
 
-  void Step(const FileCall& next) {
+  void Step(const ImportCall& next) {
     Look();
     if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
     if (const auto file = numbers_.find(synced_); file != numbers_.end()) {
@@ -133,7 +133,7 @@ class Watch {
 int CreateNine(Device* device) { return DeviceCreateData(device, 9, 0, 3); }
 }  // namespace
 
-class PowerCutTest : public WritesTest {
+class PowerCutTest : public CallsTest {
  protected:
   using Outcomes = std::set<std::string>;
 
@@ -182,12 +182,13 @@ TEST_F(PowerCutTest, LeavesTheOldOrTheNewDevice) {
       {"create", CreateNine, true},
   };
   int killed = 0;
-  for (const WriteOperation& operation : WriteOperations()) {
+  for (const Call& operation : AllCalls()) {
     SCOPED_TRACE(operation.what);
     const std::string old = Found(operation.start);
     const DeviceHandle device = Prepare(operation);
     Watch watch(folder_);
-    EXPECT_EQ(watch.Follow([&] { return operation.run(device.get()); }), 1);
+    EXPECT_EQ(watch.Follow([&] { return Run(operation, device.get()); }), 1);
+    GiveBack();
     const Files after = Get();
     const std::string fresh = Found(after);
     Expect(watch, {old, fresh}, {fresh});

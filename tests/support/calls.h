@@ -1,34 +1,37 @@
-// The operations that change a device file or mend it after a crash, the folders that they start
-// from, and what the next scan finds.
-#ifndef VAKRO_TESTS_WRITES_H
-#define VAKRO_TESTS_WRITES_H
+// The calls that a program makes, the folders that they start from, and what the next scan finds.
+#ifndef VAKRO_TESTS_CALLS_H
+#define VAKRO_TESTS_CALLS_H
 
 #include "tests/support/world.h"
 
+#include <functional>
 #include <set>
 
 using Files = std::map<std::string, std::string>;  // name -> content
 
-struct WriteOperation {
+struct Call {
   std::string what;
   Files start;
   std::string record;  // the device file that the record was loaded from
-  int (*run)(Device*);
-  bool changes;           // a result of 1 means new content
+  std::function<int(Device*)> run;
+  bool changes = false;   // a result of 1 means new content
   const char* pin = PIN;  // that opens the device afterwards
+  int failure = 0;        // a documented failure besides 0
 };
-std::vector<WriteOperation> WriteOperations();
+std::vector<Call> AllCalls();
+void GiveBack();  // the handles that the last call has handed out
+bool LongTests();
 
-// "Random" bytes are the same in every run, so that every run of an operation writes the same file.
-class WritesTest : public ModuleTest {
+// "Random" bytes are the same in every run, so that every run of a call writes the same file.
+class CallsTest : public ModuleTest {
  protected:
   void SetUp() override;
   void TearDown() override;
-  static void RestartRandomness();
+  static int Run(const Call& call, Device* device);
 
   void Put(const Files& files) const;  // the folder holds exactly these
   Files Get() const;
-  DeviceHandle Prepare(const WriteOperation& operation);  // its record, verified; its start is put
+  DeviceHandle Prepare(const Call& call);  // its record, verified; its start is put
 
   // Scan tells all that a scan of the folder finds: one device of the name "dev", decoded, and its
   // data objects; or what else it is. Afterwards nothing lies beside the device file.

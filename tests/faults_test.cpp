@@ -1,0 +1,220 @@
+// Every moment is a good moment to die, and every call may fail: for each call of the interface,
+// and for each call that it makes of the libraries below, that one fails, or the process is killed
+// there. The call then gives a documented failure and changes nothing, or it succeeds; nothing
+// leaks, no lock is held, the next scan finds exactly the old or exactly the new device, and the
+// call made again succeeds.
+#include "tests/support/calls.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio_ext.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <string_view>
+
+namespace {
+bool Allocates(const ImportCall& call) { return call.name == std::string_view("OPENSSL_malloc"); }
+bool Imports(const ImportCall& call) { return !Allocates(call); }
+bool OnFiles(const ImportCall& call) { return call.onFiles; }
+bool Modifies(const ImportCall& call) { return call.modifies; }
+bool Buffers(const ImportCall& call) {
+  return call.onFiles && call.name[0] == 'f' && call.stream != nullptr &&
+         strchr("wfc", call.name[1]) != nullptr;
+}
+bool Opens(const ImportCall& call) { return call.onFiles && strstr(call.name, "open") != nullptr; }
+bool OpensDevice(const ImportCall& call) {
+  return Opens(call) && std::string_view(call.path).ends_with("/dev");
+}
+
+// Behind these a call that changes the file may go on: what closes, locks, tidies up or gives an
+// owner, what reads a backup, and what reads keypairs only to compare them.
+const std::set<std::string> DISPENSABLE = {"fclose",
+                                           "flock",
+                                           "open",
+                                           "remove",
+                                           "fchmod",
+                                           "fchown",
+                                           "stat",
+                                           "fopen",
+                                           "fread",
+                                           "fseek",
+                                           "ftell",
+                                           "fstat",
+                                           "vakro_malloc",
+                                           "vakro_hexdecode",
+                                           "vakro_base64decode",
+                                           "vakro_json_decode",
+                                           "VakroPKICryptoNewHash",
+                                           "VakroPKICryptoHashUpdate",
+                                           "VakroPKICryptoHashFinal",
+                                           "EVP_MD_CTX_new",
+                                           "EVP_DigestInit_ex",
+                                           "EVP_DigestUpdate",
+                                           "EVP_DigestFinal_ex",
+                                           "OPENSSL_malloc"};
+
+constexpr int KILL = -1;  // in the place of an errno
+struct Blow {
+  const char* what;
+  bool (*hits)(const ImportCall& call);  // which calls count
+  int error;
+  bool andLater = false;
+  bool half = false;  // half of a write goes out first, and all that lies in the buffer
+  friend void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
+};
+const Blow BLOWS[] = {
+    {"AnyCall", Imports, EIO},
+    {"AnyCallAndLater", Imports, EIO, true},
+    {"NoMemoryForOpenssl", Allocates, ENOMEM},
+    {"NoMemoryForOpensslAndLater", Allocates, ENOMEM, true},
+    {"Killed", OnFiles, KILL},
+    {"KilledWithBytesOut", Buffers, KILL, false, true},
+    {"ShortWrite", Buffers, ENOSPC, false, true},
+    {"DiskFull", Modifies, ENOSPC, true, true},
+    {"NoDescriptor", Opens, EMFILE},
+    {"NoDescriptorAndLater", Opens, EMFILE, true},
+    {"DeviceFileShut", OpensDevice, EACCES, true},
+    {"ReadOnly", Modifies, EROFS, true},
+    {"NoPermission", Modifies, EACCES, true},
+};
+
+// Of the struck process, for the parent to see.
+struct Struck {
+  int calls;
+  int at;          // the call to strike
+  char name[40];   // the function that was struck first
+  const Blow* by;  // the same in both
+};
+Struck* g_struck;
+
+int Strike(const ImportCall& call) {
+  const Blow& blow = *g_struck->by;
+  if (!blow.hits(call)) return 0;
+  g_struck->calls++;
+  const bool first = g_struck->calls == g_struck->at;
+  if (!first && !(blow.andLater && g_struck->calls > g_struck->at)) return 0;
+  if (first) strncpy(g_struck->name, call.name, sizeof(g_struck->name) - 1);
+  if (first && blow.half && call.bytes != nullptr)
+    fwrite(call.bytes, 1, call.length / 2, call.stream);
+  if (first && blow.half && call.stream != nullptr) fflush(call.stream);
+  if (blow.error == KILL) kill(getpid(), SIGKILL);
+  if (Buffers(call)) __fpurge(call.stream);  // what the disk did not take is lost
+  return blow.error;
+}
+}  // namespace
+
+class FaultsTest : public CallsTest, public testing::WithParamInterface<Blow> {
+ protected:
+  static constexpr int KILLED = 100;
+
+  void SetUp() override {
+    CallsTest::SetUp();
+    void* shared =
+        mmap(nullptr, sizeof(Struck), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    g_struck = static_cast<Struck*>(shared);
+  }
+  void TearDown() override {
+    munmap(g_struck, sizeof(Struck));
+    CallsTest::TearDown();
+  }
+
+  bool IsUnlocked() const {
+    const Descriptor folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY));
+    return DeviceUnlockDevice(nullptr) == 0 && flock(folder.fd, LOCK_EX | LOCK_NB) == 0;
+  }
+
+  // Makes the call, in a child if it is to be killed; its result, or KILLED.
+  static int RunStruck(const Call& call, Device* device, const Blow& blow, int at) {
+    *g_struck = {0, at, "", &blow};
+    const pid_t child = blow.error == KILL ? fork() : 0;
+    int status = 0;
+    if (child == 0) {
+      HookCalls(Strike);
+      const int result = Run(call, device);
+      HookCalls(nullptr);
+      if (blow.error != KILL) return result;
+      _exit(result == 1 ? 10 : 11);  // sanitizers exit with 1
+    }
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return KILLED;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 10 ? 1 : -status;
+  }
+
+  // Strikes every call that is made in turn; returns how many there were.
+  int StrikeEach(const Call& call, const Blow& blow) {
+    const long base = LiveAllocations();
+    DeviceHandle device;
+    const auto reload = [&] {
+      device.reset();
+      EXPECT_EQ(LiveAllocations(), base);
+      device = Prepare(call);
+    };
+    const std::string old = Scan(call.start);
+    reload();
+    EXPECT_EQ(Run(call, device.get()), 1);
+    GiveBack();
+    const std::string fresh = Scan();
+    EXPECT_EQ(old != fresh, call.changes);
+    reload();
+    for (int at = 1;; at++) {
+      const std::string record = Describe(*device);
+      const long live = LiveAllocations();
+      Put(call.start);
+      const int result = RunStruck(call, device.get(), blow, at);
+      GiveBack();
+      if (g_struck->calls < at) return at - 1;
+      SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + g_struck->name + ", result " +
+                   std::to_string(result));
+      EXPECT_TRUE(IsUnlocked());
+      const Files left = Get();
+      const std::string found = Scan();
+      if (g_struck->name == std::string_view("vakro_json_getarrayitem")) {
+        reload();
+        continue;
+      }
+      // An item that the library won't hand out counts as absent; nothing else loses anything.
+      EXPECT_TRUE(found == old || found == fresh ||
+                  g_struck->name == std::string_view("vakro_json_getarrayitem"))
+          << found;
+      EXPECT_TRUE(Opens(found, found == old ? PIN : call.pin));
+      if (blow.error == KILL) {
+        EXPECT_EQ(result, KILLED);
+      } else {
+        EXPECT_TRUE(result != 1 || !call.changes || DISPENSABLE.contains(g_struck->name));
+        EXPECT_TRUE(result == 0 || result == 1 || result == call.failure);
+        // Only where the old content could not be put back may a failure leave the new one.
+        if (result == 1 || !blow.andLater) {
+          EXPECT_EQ(found, result == 1 ? fresh : old);
+        }
+      }
+      const bool changed = Describe(*device) != record;
+      EXPECT_TRUE(!changed || result == 1 || call.failure == -5);
+      EXPECT_TRUE(changed || LiveAllocations() == live);
+      if (changed) reload();
+      if (result != 1 && found == old && blow.error != KILL) {
+        if (blow.hits == Allocates) reload();
+        if (!blow.andLater) Put(left);
+        EXPECT_EQ(Run(call, device.get()), 1) << "when made again";
+        GiveBack();
+        EXPECT_EQ(Scan(), fresh);
+        if (Describe(*device) != record) reload();
+      }
+      if (HasFailure()) return at;
+    }
+  }
+};
+
+TEST_P(FaultsTest, LeaveTheOldOrTheNewDevice) {
+  int points = 0;
+  for (const Call& call : AllCalls()) points += StrikeEach(call, GetParam());
+  printf("%d points\n", points);
+}
+
+INSTANTIATE_TEST_SUITE_P(, FaultsTest, testing::ValuesIn(BLOWS),
+                         [](const auto& tested) { return tested.param.what; });
+
+TEST(ImportsTest, AreAllKnown) { EXPECT_EQ(UnknownImports(), std::vector<std::string>()); }
