@@ -10,7 +10,6 @@
 #include <signal.h>
 #include <stdio_ext.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <string_view>
@@ -88,7 +87,7 @@ struct Struck {
   char name[40];   // the function that was struck first
   const Blow* by;  // the same in both
 };
-Struck* g_struck;
+Struck* const g_struck = Shared<Struck>();
 
 int Strike(const ImportCall& call) {
   const Blow& blow = *g_struck->by;
@@ -109,18 +108,6 @@ int Strike(const ImportCall& call) {
 class FaultsTest : public CallsTest, public testing::WithParamInterface<Blow> {
  protected:
   static constexpr int KILLED = 100;
-
-  void SetUp() override {
-    CallsTest::SetUp();
-    void* shared =
-        mmap(nullptr, sizeof(Struck), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(shared, MAP_FAILED);
-    g_struck = static_cast<Struck*>(shared);
-  }
-  void TearDown() override {
-    munmap(g_struck, sizeof(Struck));
-    CallsTest::TearDown();
-  }
 
   bool IsUnlocked() const {
     const Descriptor folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY));

@@ -4,6 +4,7 @@
 
 #include "tests/support/world.h"
 
+#include <sys/mman.h>
 #include <functional>
 #include <set>
 
@@ -21,6 +22,14 @@ struct Call {
 std::vector<Call> AllCalls();
 void GiveBack();  // the handles that the last call has handed out
 bool LongTests();
+
+// Memory that stays shared with forked children; zero at first, never given back.
+template <class T>
+T* Shared() {
+  void* memory =
+      mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (memory) T();
+}
 
 // "Random" bytes are the same in every run, so that every run of a call writes the same file.
 class CallsTest : public ModuleTest {
