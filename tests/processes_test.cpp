@@ -238,6 +238,7 @@ TEST_F(ProcessesTest, GenerationLeavesTheFolderToOthers) {
   static std::string folder;
   static int timesFree;
   folder = folder_;
+  timesFree = 0;
   const ECCKeypairParams curve = {CURVE_P256, 0};
   const DeviceHandle device = Rescan(PinText(0).c_str());
   Keypair *rsa = nullptr, *ecc = nullptr;

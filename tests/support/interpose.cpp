@@ -295,6 +295,7 @@ int PatchLibrary(dl_phdr_info* info, size_t /*size*/, void* /*data*/) {
     const auto* entries = reinterpret_cast<const ElfW(Rela)*>(tags[start]);
     for (const ElfW(Rela) & entry : std::span(entries, tags[size] / sizeof(*entries))) {
       const ElfW(Sym)& symbol = symbols[ELF64_R_SYM(entry.r_info)];
+      if (ELF64_ST_TYPE(symbol.st_info) != STT_FUNC) continue;
       auto* slot = reinterpret_cast<void**>(info->dlpi_addr + entry.r_offset);
       const bool found = Replace(slot, names + symbol.st_name);
       if (!found && symbol.st_shndx == SHN_UNDEF) NoteUnknown(names + symbol.st_name);
