@@ -4,6 +4,7 @@
 #ifndef VAKRO_TESTS_INTERPOSE_H
 #define VAKRO_TESTS_INTERPOSE_H
 
+#include <errno.h>
 #include <stdio.h>
 #include <initializer_list>
 #include <string>
@@ -14,7 +15,7 @@ struct Fault {
   const char* name = "*";
   long nth = 1;                // the first call to fail, counted from 1; 0 fails none
   bool andLater = false;       // fail all later ones too
-  int error = 0;               // errno to leave; 0: a usual one
+  int error = EIO;             // errno to leave
   const char* file = nullptr;  // count only calls with a path that ends so
 };
 
