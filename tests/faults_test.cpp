@@ -5,7 +5,6 @@
 // call made again succeeds.
 #include "tests/support/calls.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio_ext.h>
@@ -20,13 +19,39 @@ bool Imports(const ImportCall& call) { return !Allocates(call); }
 bool OnFiles(const ImportCall& call) { return call.onFiles; }
 bool Modifies(const ImportCall& call) { return call.modifies; }
 bool Buffers(const ImportCall& call) {
-  return call.onFiles && call.name[0] == 'f' && call.stream != nullptr &&
-         strchr("wfc", call.name[1]) != nullptr;
+  const std::string_view name = call.name;
+  return name == "fwrite" || name == "fflush" || name == "fclose";
 }
 bool Opens(const ImportCall& call) { return call.onFiles && strstr(call.name, "open") != nullptr; }
 bool OpensDevice(const ImportCall& call) {
   return Opens(call) && std::string_view(call.path).ends_with("/dev");
 }
+
+constexpr int KILL = -1;  // in the place of an errno
+struct Blow {
+  const char* what;
+  bool (*hits)(const ImportCall& call);  // which calls count
+  int error;
+  bool andLater;
+  bool half = false;  // half of a write goes out first, and all that lies in the buffer
+  int step = 1;       // of the short tests: one call in so many is struck
+  friend void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
+};
+const Blow BLOWS[] = {
+    {"AnyCall", Imports, EIO, false, false, 4},
+    {"AnyCallAndLater", Imports, EIO, true, false, 4},
+    {"NoMemoryForOpenssl", Allocates, ENOMEM, false, false, 4},
+    {"NoMemoryForOpensslAndLater", Allocates, ENOMEM, true, false, 4},
+    {"Killed", OnFiles, KILL, false, false, 8},
+    {"KilledWithBytesOut", Buffers, KILL, false, true, 4},
+    {"ShortWrite", Buffers, ENOSPC, false, true},
+    {"DiskFull", Modifies, ENOSPC, true, true},
+    {"NoDescriptor", Opens, EMFILE, false},
+    {"NoDescriptorAndLater", Opens, EMFILE, true},
+    {"DeviceFileShut", OpensDevice, EACCES, true},
+    {"ReadOnly", Modifies, EROFS, true},
+    {"NoPermission", Modifies, EACCES, true},
+};
 
 // Behind these a call that changes the file may go on: what closes, locks, tidies up or gives an
 // owner, what reads a backup, and what reads keypairs only to compare them.
@@ -55,37 +80,12 @@ const std::set<std::string> DISPENSABLE = {"fclose",
                                            "EVP_DigestFinal_ex",
                                            "OPENSSL_malloc"};
 
-constexpr int KILL = -1;  // in the place of an errno
-struct Blow {
-  const char* what;
-  bool (*hits)(const ImportCall& call);  // which calls count
-  int error;
-  bool andLater = false;
-  bool half = false;  // half of a write goes out first, and all that lies in the buffer
-  friend void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
-};
-const Blow BLOWS[] = {
-    {"AnyCall", Imports, EIO},
-    {"AnyCallAndLater", Imports, EIO, true},
-    {"NoMemoryForOpenssl", Allocates, ENOMEM},
-    {"NoMemoryForOpensslAndLater", Allocates, ENOMEM, true},
-    {"Killed", OnFiles, KILL},
-    {"KilledWithBytesOut", Buffers, KILL, false, true},
-    {"ShortWrite", Buffers, ENOSPC, false, true},
-    {"DiskFull", Modifies, ENOSPC, true, true},
-    {"NoDescriptor", Opens, EMFILE},
-    {"NoDescriptorAndLater", Opens, EMFILE, true},
-    {"DeviceFileShut", OpensDevice, EACCES, true},
-    {"ReadOnly", Modifies, EROFS, true},
-    {"NoPermission", Modifies, EACCES, true},
-};
-
 // Of the struck process, for the parent to see.
 struct Struck {
-  int calls;
-  int at;          // the call to strike
-  char name[40];   // the function that was struck first
   const Blow* by;  // the same in both
+  int calls;
+  int at;         // the call to strike
+  char name[40];  // the function that was struck first
 };
 Struck* const g_struck = Shared<Struck>();
 
@@ -115,90 +115,81 @@ class FaultsTest : public CallsTest, public testing::WithParamInterface<Blow> {
   }
 
   // Makes the call, in a child if it is to be killed; its result, or KILLED.
-  static int RunStruck(const Call& call, Device* device, const Blow& blow, int at) {
-    *g_struck = {0, at, "", &blow};
-    const pid_t child = blow.error == KILL ? fork() : 0;
+  static int RunStruck(const Call& call, Device* device, int at) {
+    *g_struck = {&GetParam(), 0, at, ""};
+    if (GetParam().error != KILL) return Run(call, device, Strike);
+    const pid_t child = fork();
+    if (child == 0) _exit(Run(call, device, Strike));
     int status = 0;
-    if (child == 0) {
-      HookCalls(Strike);
-      const int result = Run(call, device);
-      HookCalls(nullptr);
-      if (blow.error != KILL) return result;
-      _exit(result == 1 ? 10 : 11);  // sanitizers exit with 1
-    }
     EXPECT_EQ(waitpid(child, &status, 0), child);
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return KILLED;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 10 ? 1 : -status;
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL ? KILLED : WEXITSTATUS(status);
   }
 
-  // Strikes every call that is made in turn; returns how many there were.
-  int StrikeEach(const Call& call, const Blow& blow) {
-    const long base = LiveAllocations();
-    DeviceHandle device;
-    const auto reload = [&] {
-      device.reset();
-      EXPECT_EQ(LiveAllocations(), base);
-      device = Prepare(call);
-    };
-    const std::string old = Scan(call.start);
-    reload();
-    EXPECT_EQ(Run(call, device.get()), 1);
-    GiveBack();
-    const std::string fresh = Scan();
-    EXPECT_EQ(old != fresh, call.changes);
-    reload();
-    for (int at = 1;; at++) {
-      const std::string record = Describe(*device);
-      const long live = LiveAllocations();
-      Put(call.start);
-      const int result = RunStruck(call, device.get(), blow, at);
-      GiveBack();
-      if (g_struck->calls < at) return at - 1;
-      SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + g_struck->name + ", result " +
-                   std::to_string(result));
-      EXPECT_TRUE(IsUnlocked());
-      const Files left = Get();
-      const std::string found = Scan();
-      if (g_struck->name == std::string_view("vakro_json_getarrayitem")) {
-        reload();
-        continue;
-      }
-      // An item that the library won't hand out counts as absent; nothing else loses anything.
-      EXPECT_TRUE(found == old || found == fresh ||
-                  g_struck->name == std::string_view("vakro_json_getarrayitem"))
-          << found;
-      EXPECT_TRUE(Opens(found, found == old ? PIN : call.pin));
-      if (blow.error == KILL) {
-        EXPECT_EQ(result, KILLED);
-      } else {
-        EXPECT_TRUE(result != 1 || !call.changes || DISPENSABLE.contains(g_struck->name));
-        EXPECT_TRUE(result == 0 || result == 1 || result == call.failure);
-        // Only where the old content could not be put back may a failure leave the new one.
-        if (result == 1 || !blow.andLater) {
-          EXPECT_EQ(found, result == 1 ? fresh : old);
-        }
-      }
-      const bool changed = Describe(*device) != record;
-      EXPECT_TRUE(!changed || result == 1 || call.failure == -5);
-      EXPECT_TRUE(changed || LiveAllocations() == live);
-      if (changed) reload();
-      if (result != 1 && found == old && blow.error != KILL) {
-        if (blow.hits == Allocates) reload();
-        if (!blow.andLater) Put(left);
-        EXPECT_EQ(Run(call, device.get()), 1) << "when made again";
-        GiveBack();
-        EXPECT_EQ(Scan(), fresh);
-        if (Describe(*device) != record) reload();
-      }
-      if (HasFailure()) return at;
-    }
-  }
+  int StrikeEach(const Call& call, int first);
 };
 
+// Strikes every call that is made in turn; returns how many there were.
+int FaultsTest::StrikeEach(const Call& call, int first) {
+  const Blow& blow = GetParam();
+  const long base = LiveAllocations();
+  DeviceHandle device;
+  const auto reload = [&] {
+    device.reset();
+    EXPECT_EQ(LiveAllocations(), base);
+    device = Prepare(call);
+  };
+  const std::string old = Scan(call.start);
+  reload();
+  EXPECT_EQ(Run(call, device.get()), 1);
+  const std::string fresh = Scan();
+  EXPECT_EQ(old != fresh, call.changes);
+  reload();
+  const int step = LongTests() ? 1 : blow.step;
+  int struck = 0;
+  for (int at = 1 + first % step; !HasFailure(); at += step, struck++) {
+    const std::string record = Describe(*device);
+    const long live = LiveAllocations();
+    Put(call.start);
+    const int result = RunStruck(call, device.get(), at);
+    if (g_struck->calls < at) break;
+    const std::string name = g_struck->name;
+    SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + name + ", result " +
+                 std::to_string(result));
+    EXPECT_TRUE(IsUnlocked());
+    const Files left = Get();
+    const std::string found = Scan();
+    EXPECT_TRUE(Opens(found, found == old ? PIN : call.pin));
+    const bool changed = Describe(*device) != record;
+    EXPECT_TRUE(changed || LiveAllocations() == live);
+    EXPECT_TRUE(!changed || result == 1 || call.failure == -5);
+    if (changed) reload();
+    if (name == "vakro_json_getarrayitem") continue;  // what is not handed out counts as absent
+    EXPECT_TRUE(found == old || found == fresh);
+    if (blow.error == KILL) {
+      EXPECT_EQ(result, KILLED);
+      continue;
+    }
+    EXPECT_TRUE(result == 0 || result == 1 || result == call.failure);
+    EXPECT_TRUE(result != 1 || !call.changes || DISPENSABLE.contains(name));
+    EXPECT_TRUE(result != 1 || found == fresh);
+    // Only where the old content could not be put back may a failure leave the new one.
+    EXPECT_TRUE(result == 1 || found == old || blow.andLater);
+    if (result == 1 || found != old) continue;
+    if (!blow.andLater) Put(left);
+    // The blinding of an RSA key of OpenSSL 3.0 whose update failed stays wrong for some uses.
+    if (blow.hits == Allocates) reload();
+    EXPECT_EQ(Run(call, device.get()), 1) << "when made again";
+    EXPECT_EQ(Scan(), fresh);
+    if (Describe(*device) != record) reload();
+  }
+  return struck;
+}
+
 TEST_P(FaultsTest, LeaveTheOldOrTheNewDevice) {
-  int points = 0;
-  for (const Call& call : AllCalls()) points += StrikeEach(call, GetParam());
-  printf("%d points\n", points);
+  int struck = 0, row = 0;
+  for (const Call& call : AllCalls()) struck += StrikeEach(call, row++);
+  printf("%d calls struck\n", struck);
+  EXPECT_GT(struck, 50);
 }
 
 INSTANTIATE_TEST_SUITE_P(, FaultsTest, testing::ValuesIn(BLOWS),

@@ -5,54 +5,46 @@
 #include <openssl/rand.h>
 #include <stdlib.h>
 #include <filesystem>
-#include <sstream>
 #include <tuple>
 
 // --- The calls -----------------------------------------------------------------------------------
 
-static KeypairHandle g_keypair;
+static KeypairHandle g_keypair;  // handed out by the last call
 static SetHandle g_set;
-
-void GiveBack() {
-  g_keypair.reset();
-  g_set.reset();
-}
 
 bool LongTests() { return getenv("VAKRO_LONG_TESTS") != nullptr; }
 
-static int Adopt(int result, Keypair*& made) {
-  if (result == 1) g_keypair.reset(made);
-  return result;
-}
-
-static int Import(Device* device, const TestKey& key) {
+static int Import(Device* device, const std::string& pair) {
   Keypair* made = nullptr;
-  return Adopt(DeviceImportKeypair(device, Raw(key.pair), Len(key.pair), 3, "new", &made), made);
+  const int result = DeviceImportKeypair(device, Raw(pair), Len(pair), 3, "new", &made);
+  g_keypair.reset(made);
+  return result;
 }
 
 static int Generate(Device* device, unsigned int algorithm, int bits, const void* params) {
   Keypair* made = nullptr;
-  return Adopt(DeviceGenerateKeypair(device, algorithm, bits, params, 3, "new", &made), made);
+  const int result = DeviceGenerateKeypair(device, algorithm, bits, params, 3, "new", &made);
+  g_keypair.reset(made);
+  return result;
+}
+
+static int TakeHandle(Device* device) {
+  g_keypair.reset(DeviceGetKeypair(device, 0));
+  return g_keypair ? 1 : 0;
+}
+
+static int DropKeypair(Device* device) {
+  return TakeHandle(device) == 1 ? DeviceDeleteKeypair(g_keypair.get()) : 0;
 }
 
 static int AddCert(Device* device) {
   return DeviceAddCertificate(device->keypairs[0], Raw("three"), 5);
 }
 
-static int DropKeypair(Device* device) {
-  g_keypair.reset(DeviceGetKeypair(device, 0));
-  return g_keypair ? DeviceDeleteKeypair(g_keypair.get()) : 0;
-}
-
 // Also a scan that is disturbed finds the device once, or not at all.
 static int ScanFolder(Device* /*device*/) {
   g_set.reset(DeviceGetAllDevices());
   return g_set ? g_set->count : 0;
-}
-
-static int ReadData(Device* device) {
-  unsigned char bytes[8];
-  return DeviceReadDataEx(device, 1, 0, bytes, sizeof(bytes), nullptr);
 }
 
 static int Overwrite(Device* device) { return DeviceWriteDataEx(device, 2, 1, Raw("TSHX"), 4); }
@@ -76,25 +68,22 @@ static PublicHandle PublicKeyOf(Keypair* keypair) {
 }
 
 static int SignAndVerify(Keypair* keypair, unsigned int algorithm) {
-  unsigned char signature[600];
+  static unsigned char e[32], signature[600];
   int length = 0;
-  const std::string e(32, 'e');
   const PublicHandle key = PublicKeyOf(keypair);
-  if (!key || DeviceSign(keypair, algorithm, nullptr, Raw(e), 32, signature, sizeof(signature),
-                         &length) != 1)
+  if (!key || DeviceSign(keypair, algorithm, nullptr, e, 32, signature, 600, &length) != 1)
     return 0;
-  return DeviceVerify(key.get(), algorithm, nullptr, Raw(e), 32, signature, length) == 1 ? 1 : 0;
+  return DeviceVerify(key.get(), algorithm, nullptr, e, 32, signature, length) == 1 ? 1 : 0;
 }
 
 static int EncryptAndDecrypt(Keypair* keypair, unsigned int algorithm) {
-  unsigned char cipher[600], plain[600];
+  static unsigned char text[4], cipher[600];
   int length = 0;
   const PublicHandle key = PublicKeyOf(keypair);
-  if (!key || DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, Raw("text"), 4, cipher,
-                                     sizeof(cipher), &length) != 1)
+  if (!key ||
+      DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, text, 4, cipher, 600, &length) != 1)
     return 0;
-  return DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, plain, sizeof(plain),
-                                 &length);
+  return DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text, 4, &length);
 }
 
 // Beside the module that runs.
@@ -106,26 +95,7 @@ static int StartAndStop(Device* /*device*/) {
   return started;
 }
 
-static int WithHandle(Device* device) {
-  g_keypair.reset(DeviceGetKeypair(device, 0));
-  return g_keypair ? 1 : 0;
-}
-
-// 1 for the failure that is to be reported.
-template <int (*run)(Device*)>
-static int Refused(Device* device) {
-  return run(device) == 0 ? 1 : 0;
-}
-
-// The disk is full at the text of the new device file.
-static int OverwriteFails(Device* device) {
-  return WithFault({"fwrite", 4}, [=] { return Overwrite(device); });
-}
-
-static int ScanWithoutRename(Device* device) {
-  return WithFault({"rename", 1, true}, [=] { return ScanFolder(device); });
-}
-
+// `more` adds that many keypairs and objects.
 static std::string Stored(bool datas, int more) {
   StoredDevice device;
   device.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
@@ -142,92 +112,77 @@ static std::string Stored(bool datas, int more) {
 }
 
 std::vector<Call> AllCalls() {
-  static const ECCKeypairParams p256 = {CURVE_P256, 0}, temporary = {CURVE_SM2, 1};
-  static const RSAKeypairParams once = {nullptr, 0, 1};
+  static const ECCKeypairParams p256 = {CURVE_P256, 0}, sm2Once = {CURVE_SM2, 1};
+  static const RSAKeypairParams rsaOnce = {nullptr, 0, 1};
   const int more = LongTests() ? 6 : 0;
   const std::string full = Stored(true, more), bare = Stored(false, more);
   const std::string older = StoredDevice().File(), damaged = full.substr(0, full.size() / 2);
-  const Files missing = {{"dev.bak", full}}, broken = {{"dev", damaged}, {"dev.bak", full}};
-
-  const Call changes[] = {
-      {"certificate added", {}, full, AddCert},
-      {"certificate deleted",
-       {},
+  std::vector<Call> all = {
+      {"certificate added", AddCert, true},
+      {"certificate deleted", [](Device* d) { return DeviceDeleteCertificate(d->keypairs[0], 0); },
+       true},
+      {"P-256 imported", [](Device* d) { return Import(d, TestP256().pair); }, true},
+      {"SM2 imported", [](Device* d) { return Import(d, TestSm2().pair); }, true},
+      {"RSA imported", [](Device* d) { return Import(d, TestRsa().pair); }, true},
+      {"P-256 generated", [](Device* d) { return Generate(d, 4, 256, &p256); }, true},
+      {"RSA generated", [](Device* d) { return Generate(d, 1, 512, nullptr); }, true},
+      {"SM2 generated", [](Device* d) { return Generate(d, 4, 256, &sm2Once); }},
+      {"temporary RSA generated", [](Device* d) { return Generate(d, 1, 512, &rsaOnce); }},
+      {"keypair deleted", DropKeypair, true, PIN, 0, bare},
+      {"data object created", [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }, true},
+      {"first data object created", [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }, true,
+       PIN, 0, bare},
+      {"data object deleted", [](Device* d) { return DeviceDeleteData(d, 1); }, true},
+      {"PIN verified", VerifyAnew, false, PIN, -5},
+      {"handle taken", TakeHandle},
+      {"start and stop", StartAndStop},
+      {"ECDSA", [](Device* d) { return SignAndVerify(d->keypairs[0], 2048); }},
+      {"SM2 signature", [](Device* d) { return SignAndVerify(d->keypairs[1], 4096); }},
+      {"SM2 cipher", [](Device* d) { return EncryptAndDecrypt(d->keypairs[1], 64); }},
+      {"RSA signature", [](Device* d) { return SignAndVerify(d->keypairs[2], 256); }},
+      {"RSA cipher", [](Device* d) { return EncryptAndDecrypt(d->keypairs[2], 16); }},
+      // The backup may be the only good copy; 1 for the failure that is to be reported.
+      {"certificate not added",
+       [](Device* d) { return AddCert(d) == 0 ? 1 : 0; },
+       false,
+       PIN,
+       0,
        full,
-       [](Device* d) { return DeviceDeleteCertificate(d->keypairs[0], 0); }},
-      {"P-256 imported", {}, full, [](Device* d) { return Import(d, TestP256()); }},
-      {"SM2 imported", {}, full, [](Device* d) { return Import(d, TestSm2()); }},
-      {"RSA imported", {}, full, [](Device* d) { return Import(d, TestRsa()); }},
-      {"P-256 generated", {}, full, [](Device* d) { return Generate(d, 4, 256, &p256); }},
-      {"RSA generated", {}, full, [](Device* d) { return Generate(d, 1, 512, nullptr); }},
-      {"keypair deleted", {}, bare, DropKeypair},
-      {"data object created", {}, full, [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }},
-      {"first object created", {}, bare, [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }},
-      {"data object written", {}, full, Overwrite},
-      {"data object deleted", {}, full, [](Device* d) { return DeviceDeleteData(d, 1); }},
-      {"PIN changed", {}, full, NewPin, true, "new PIN", -5},
+       {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}}},
   };
-  std::vector<Call> all;
-  for (Call call : changes) {
-    call.changes = true;
-    call.start = {{"dev", call.record}};
-    all.push_back(call);
-    call.what += " beside an older backup";
-    call.start["dev.bak"] = older;
-    all.push_back(call);
-  }
-  const Call others[] = {
-      {"scan", {{"dev", full}}, full, ScanFolder},
-      {"scan, stale backup", {{"dev", full}, {"dev.bak", older}}, full, ScanFolder},
-      {"scan, damaged backup", {{"dev", full}, {"dev.bak", damaged}}, full, ScanFolder},
-      {"scan, no device file", missing, full, ScanFolder},
-      {"scan, damaged device file", broken, full, ScanFolder},
-      {"scan, no device file, no rename", missing, full, ScanWithoutRename},
-      {"scan, damaged device file, no rename", broken, full, ScanWithoutRename},
-      {"read", {{"dev", full}, {"dev.bak", older}}, full, ReadData},
-      {"read, no device file", missing, full, ReadData},
-      {"read, damaged device file", broken, full, ReadData},
-      // The backup may be the only good copy.
-      {"certificate not added, wrong digest",
-       {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}},
-       full,
-       Refused<AddCert>},
-      {"data object not written", {{"dev", full}}, full, Refused<OverwriteFails>},
-      {"data object written, no device file", missing, full, Overwrite, true},
-      {"data object written, damaged device file", broken, full, Overwrite, true},
-      {"PIN changed, damaged device file", broken, full, NewPin, true, "new PIN", -5},
-      {"PIN verified", {{"dev", full}}, full, VerifyAnew, false, PIN, -5},
-      {"start and stop", {{"dev", full}}, full, StartAndStop},
-      {"handle", {{"dev", full}}, full, WithHandle},
-      {"SM2 generated",
-       {{"dev", full}},
-       full,
-       [](Device* d) { return Generate(d, 4, 256, &temporary); }},
-      {"temporary RSA generated",
-       {{"dev", full}},
-       full,
-       [](Device* d) { return Generate(d, 1, 512, &once); }},
+  const Call fromAny[] = {
+      {"scan", ScanFolder},
+      {"scan without rename",
+       [](Device* d) {
+         return WithFault({"rename", 1, true}, [=] { return ScanFolder(d); });
+       }},
+      {"read", [](Device* d) { return DeviceReadDataEx(d, 1, 0, nullptr, 0, nullptr); }},
+      {"data object written", Overwrite, true},
+      {"data object not written",
+       [](Device* d) {
+         return WithFault({"fwrite", 4}, [=] { return Overwrite(d); }) == 0 ? 1 : 0;
+       }},
+      {"PIN changed", NewPin, true, "new PIN", -5},
   };
-  all.insert(all.end(), std::begin(others), std::end(others));
-  const struct {
-    const char* what;
-    int (*run)(Keypair*, unsigned int);
-    int keypair;
-    unsigned int algorithm;
-  } uses[] = {
-      {"ECDSA", SignAndVerify, 0, 2048},        {"SM2 signature", SignAndVerify, 1, 4096},
-      {"SM2 cipher", EncryptAndDecrypt, 1, 64}, {"RSA signature", SignAndVerify, 2, 256},
-      {"RSA cipher", EncryptAndDecrypt, 2, 16},
+  const std::pair<const char*, Files> starts[] = {
+      {"", {{"dev", full}}},
+      {", older backup", {{"dev", full}, {"dev.bak", older}}},
+      {", damaged backup", {{"dev", full}, {"dev.bak", damaged}}},
+      {", no device file", {{"dev.bak", full}}},
+      {", damaged device file", {{"dev", damaged}, {"dev.bak", full}}},
   };
-  for (const auto& use : uses) {
-    all.push_back({use.what, {{"dev", full}}, full, [use](Device* d) {
-                     return use.run(d->keypairs[use.keypair], use.algorithm);
-                   }});
+  for (const auto& [what, files] : starts)
+    for (const Call& call : fromAny)
+      all.push_back(
+          {call.what + what, call.run, call.changes, call.pin, call.failure, full, files});
+  for (Call& call : all) {
+    if (call.record.empty()) call.record = full;
+    if (call.start.empty()) call.start = {{"dev", call.record}};
   }
   return all;
 }
 
-// --- Randomness ----------------------------------------------------------------------------------
+// --- Their runs ----------------------------------------------------------------------------------
 
 static unsigned long long g_state;
 
@@ -250,12 +205,15 @@ void CallsTest::TearDown() {
   ModuleTest::TearDown();
 }
 
-int CallsTest::Run(const Call& call, Device* device) {
+int CallsTest::Run(const Call& call, Device* device, int (*hook)(const ImportCall&)) {
   g_state = 1;
-  return call.run(device);
+  HookCalls(hook);
+  const int result = call.run(device);
+  HookCalls(nullptr);
+  g_keypair.reset();
+  g_set.reset();
+  return result;
 }
-
-// --- The folder ----------------------------------------------------------------------------------
 
 void CallsTest::Put(const Files& files) const {
   for (const auto& entry : std::filesystem::directory_iterator(folder_)) remove(entry.path());
@@ -276,28 +234,14 @@ DeviceHandle CallsTest::Prepare(const Call& call) {
   return device;
 }
 
-static std::string Told(Device* device) {
-  std::ostringstream out;
-  out << Describe(*device, false);
-  Data** datas = nullptr;
-  unsigned int count = 0;
-  if (GetAllDatasFromFile(device, &datas, &count) != 1) return "no data objects to be read";
-  for (unsigned int i = 0; i < count; i++)
-    out << datas[i]->id << ' ' << Bytes(datas[i]->value, datas[i]->length) << '\n';
-  FreeDatas(datas, static_cast<int>(count));
-  return out.str();
-}
-
 std::string CallsTest::Scan() const {
   using std::filesystem::perms;
   for (const auto& entry : std::filesystem::directory_iterator(folder_))
     if ((entry.status().permissions() & ~perms{0640}) != perms{}) return "open to others";
   const SetHandle set(DeviceGetAllDevices());
-  if (!set || set->count != 1) return set ? std::to_string(set->count) + " devices" : "no scan";
-  if (set->devices[0]->filePath != Path("dev")) return "another device file";
-  const std::string told = Told(set->devices[0]);
+  if (!set || set->count != 1 || set->devices[0]->filePath != Path("dev")) return "no device";
   const Files files = Get();
-  return files.size() == 1 && files.contains("dev") ? told : "left behind: other files";
+  return files.size() == 1 ? files.begin()->second : "left behind: other files";
 }
 
 std::string CallsTest::Scan(const Files& files) const {
