@@ -15,8 +15,8 @@ namespace {
 constexpr int PROCESSES = 8;
 constexpr int MOST = 6;  // keypairs of a process, and certificates of its first one
 
-// What a process changes, counted. Of its data object every tenth version deletes it and the next
-// makes it anew. Process 0 alone changes the PIN.
+// What a process changes, counted: its keypairs, the certificates of its first one, the version of
+// its data object. Process 0 alone changes the PIN.
 enum { KEYPAIR, CERT, DATA, NEW_PIN, KINDS };
 
 // The change that is about to be made and the last that a call has reported; the two differ during
@@ -34,11 +34,12 @@ std::string KeyLabel(int process, int number) {
 }
 std::string PinText(int number) { return "PIN " + std::to_string(number); }
 
-KeypairHandle ImportKey(Device* device, const std::string& label, int* result) {
+int ImportKey(Device* device, const std::string& label) {
   Keypair* made = nullptr;
   const std::string& pair = TestP256().pair;
-  *result = DeviceImportKeypair(device, Raw(pair), Len(pair), 1, label.c_str(), &made);
-  return KeypairHandle(made);
+  const int result = DeviceImportKeypair(device, Raw(pair), Len(pair), 1, label.c_str(), &made);
+  if (result == 1) DeviceFreeKeypair(made);
+  return result;
 }
 
 Keypair* Find(const Device& device, const std::string& label) {
@@ -49,51 +50,30 @@ Keypair* Find(const Device& device, const std::string& label) {
 
 int Change(Device* device, int process, int kind, int to) {
   const int id = process + 1;
-  int result = 0;
   switch (kind) {
     case KEYPAIR:
-      ImportKey(device, KeyLabel(process, to), &result);
-      return result;
+      return ImportKey(device, KeyLabel(process, to));
     case CERT:
       return DeviceAddCertificate(Find(*device, KeyLabel(process, 1)), Raw(PinText(to)), 6);
     case DATA:
-      if (to % 10 == 0) return DeviceDeleteData(device, id);
-      if (to % 10 == 1) return DeviceCreateData(device, id, 0, 4);
+      if (to == 1) return DeviceCreateData(device, id, 0, 4);
       return DeviceWriteDataEx(device, id, 0, Raw(Word(static_cast<unsigned int>(to))), 4);
     default:
       return DeviceChangePwd(device, 1, PinText(to - 1).c_str(), PinText(to).c_str(), nullptr);
   }
 }
 
-// The device as it is after change `to`.
-int StateAfter(int kind, int to) {
-  if (kind != DATA || to % 10 > 1) return to;
-  return to % 10 == 1 ? 0 : -1;
-}
-
-int State(Device* device, int process, int kind) {
-  unsigned char word[4] = {};
-  int keypairs = 0;
-  while (Find(*device, KeyLabel(process, keypairs + 1)) != nullptr) keypairs++;
-  switch (kind) {
-    case KEYPAIR:
-      return keypairs;
-    case CERT:
-      return keypairs == 0 ? 0 : Find(*device, KeyLabel(process, 1))->certCount;
-    default:
-      return DeviceReadDataEx(device, process + 1, 0, word, 4, nullptr) == 1
-                 ? static_cast<int>(be2int(word))
-                 : -1;
-  }
-}
-
 // Is what a process has changed as it was reported, or as begun?
 bool IsKept(Device* device, const Ledger& ledger, int process) {
+  int found[NEW_PIN] = {};
+  while (Find(*device, KeyLabel(process, found[KEYPAIR] + 1)) != nullptr) found[KEYPAIR]++;
+  if (found[KEYPAIR] > 0) found[CERT] = Find(*device, KeyLabel(process, 1))->certCount;
+  unsigned char word[4] = {};
+  if (DeviceReadDataEx(device, process + 1, 0, word, 4, nullptr) == 1)
+    found[DATA] = std::max(1, static_cast<int>(be2int(word)));  // zero when just created
   for (const int kind : {KEYPAIR, CERT, DATA}) {
     const Account& account = ledger.accounts[process][kind];
-    const int state = State(device, process, kind);
-    if (state != StateAfter(kind, account.stored) && state != StateAfter(kind, account.wanted))
-      return false;
+    if (found[kind] != account.stored && found[kind] != account.wanted) return false;
   }
   return true;
 }
@@ -134,9 +114,10 @@ class ProcessesTest : public ModuleTest {
     DeviceHandle device = Open(ledger);
     while (!ledger.stop && !HasFailure()) {
       const int kind = rand() % KINDS;
-      if (kind == NEW_PIN ? !pinChanges || process > 0 : kind != DATA && own[kind].stored == MOST)
-        continue;
-      if (kind == CERT && (pinChanges || own[KEYPAIR].stored == 0)) continue;
+      const bool idle = kind == NEW_PIN ? !pinChanges || process > 0
+                        : kind == CERT  ? pinChanges || own[KEYPAIR].stored == 0
+                                        : false;
+      if (idle || (kind < DATA && own[kind].stored == MOST)) continue;
       own[kind].wanted = own[kind].stored + 1;
       for (int attempt = 0; Change(device.get(), process, kind, own[kind].wanted) != 1; attempt++) {
         ASSERT_LT(attempt, 20) << "refused with a fresh record: change of kind " << kind;
@@ -197,8 +178,7 @@ TEST_F(ProcessesTest, NeverMixPins) {
       const DeviceHandle stale = Load(StoredDevice{.keypairs = loaded}.File(), nullptr);
       const bool verified = DeviceVerifyPwd(stale.get(), 1, pin, nullptr) == 1;
       Write("dev", StoredDevice{.keypairs = {theirs}}.File());
-      int result = 0;
-      const KeypairHandle made = ImportKey(stale.get(), "second", &result);
+      const int result = ImportKey(stale.get(), "second");
       EXPECT_EQ(result, !verified ? -8 : pin == PIN ? 0 : 1);
       EXPECT_EQ(Rescan("theirs")->keypairCount, result == 1 ? 2 : 1);
     }
@@ -208,18 +188,13 @@ TEST_F(ProcessesTest, NeverMixPins) {
 // It uses what it inherits, and takes no lock away.
 TEST_F(ProcessesTest, AForkedChildWorks) {
   const DeviceHandle device = Rescan(PinText(0).c_str());
-  const auto store = [&](const char* label) {
-    int result = 0;
-    ImportKey(device.get(), label, &result);
-    EXPECT_EQ(result, 1);
-  };
-  store("before");
+  EXPECT_EQ(ImportKey(device.get(), "before"), 1);
   EXPECT_EQ(WaitFor(Fork([&] {
               EXPECT_EQ(DeviceCreateData(device.get(), 1, 0, 1), 1);
               EXPECT_EQ(DeviceEnd(), 1);
             })),
             0);
-  store("after");
+  EXPECT_EQ(ImportKey(device.get(), "after"), 1);
   EXPECT_EQ(DeviceReadDataEx(Rescan().get(), 1, 0, nullptr, 0, nullptr), 1);
   {
     const FolderLock lock(device->filePath);
