@@ -69,9 +69,9 @@ bool MustFail(const ImportCall& call) {
 
 // --- Wrappers ------------------------------------------------------------------------------------
 
-// How a function fails: with 0 or NULL, -1, or an errno; of a file call -1, or 0 where there is no
-// sign. What modifies a file is told apart.
-enum Kind { ZERO, MINUS_ONE, ERRNO, READS, MODIFIES };
+// How a function fails: with 0 or NULL, -1, or an errno; a file call with -1, or 0 where there is
+// no sign, and one that closes has closed by then.
+enum Kind { ZERO, MINUS_ONE, ERRNO, READS, MODIFIES, CLOSES };
 
 // What the arguments of a file call tell; `how` is the mode of fopen or the new path of rename.
 ImportCall About(const char* path, const char* how) {
@@ -90,11 +90,6 @@ ImportCall About(int fd, auto...) { return {.fd = fd}; }
 
 template <auto* real>
 const char* name = nullptr;  // under which the libraries import it
-template <auto* real>
-constexpr bool closes = false;  // in any case
-template <>
-constexpr bool closes<fclose> = true;
-
 template <Kind kind, auto* real, class Result, class... Args>
 Result Wrapped(Args... args) {
   ImportCall call;
@@ -103,11 +98,9 @@ Result Wrapped(Args... args) {
   call.onFiles = kind >= READS;
   call.modifies |= kind == MODIFIES;
   if (!MustFail(call)) return real(args...);
-  if constexpr (closes<real>)
-    static_cast<void>(real(args...));
-  else if (call.stream != nullptr)
-    call.stream->_flags |= _IO_ERR_SEEN;
-  constexpr int FAILURES[] = {0, -1, ENOMEM, -1, -1};
+  if (call.stream != nullptr) call.stream->_flags |= _IO_ERR_SEEN;
+  if constexpr (kind == CLOSES) static_cast<void>(real(args...));
+  constexpr int FAILURES[] = {0, -1, ENOMEM, -1, -1, EOF};
   if constexpr (std::is_pointer_v<Result>)
     return nullptr;
   else
@@ -124,19 +117,16 @@ int RandRange(BIGNUM* result, const BIGNUM* range) {
   return BN_hex2bn(&result, hex.c_str()) != 0 ? 1 : 0;
 }
 
-// Slow on purpose, and mostly asked for the same keys: they are derived once.
+// Slow on purpose: the key of a PIN and a salt is derived once.
 int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
            const EVP_MD* hash, int length, unsigned char* key) {
-  thread_local std::map<std::vector<std::string>, std::string> keys;
-  const auto bytes = [](const void* at, int n) {
-    return std::string(static_cast<const char*>(at), static_cast<size_t>(n));
-  };
-  std::string& known = keys[{bytes(pin, pinLength), bytes(salt, saltLength), std::to_string(rounds),
-                             EVP_MD_get0_name(hash), std::to_string(length)}];
+  thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
+  const auto* saltText = reinterpret_cast<const char*>(salt);
+  std::string& known = keys[{{pin, pin + pinLength}, {saltText, saltText + saltLength}}];
   if (known.empty()) {
     if (PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) != 1)
       return 0;
-    known = bytes(key, length);
+    known.assign(key, key + length);
   }
   memcpy(key, known.data(), known.size());
   return 1;
@@ -194,8 +184,9 @@ void WrapAll() {
        BN_bn2binpad, ECDSA_verify>();
   Wrap<ERRNO, pthread_mutexattr_init, pthread_mutexattr_settype, pthread_mutex_init,
        pthread_mutex_lock>();
-  Wrap<READS, fopen, fclose, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat, lstat,
-       fstat, access, flock>();
+  Wrap<READS, fopen, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat, lstat, fstat,
+       access, flock>();
+  Wrap<CLOSES, fclose>();
   Wrap<MODIFIES, fwrite, fflush, rename, remove, fchmod, fchown>();
 }
 
