@@ -51,6 +51,24 @@ TEST_F(RewriteTest, KeepsTheMode) {
   }
 }
 
+// A backup whose group can't be that of the file gives the group what everybody had.
+TEST_F(RewriteTest, ABackupIsNoMoreReadable) {
+  const DeviceHandle device = Load(good_);
+  for (const auto& [mode, want] : {std::pair(0640, "33152"), std::pair(0644, "33188")}) {
+    Write("dev", good_, static_cast<unsigned int>(mode));
+    if (chown(Path("dev").c_str(), static_cast<uid_t>(-1), 12345) != 0) GTEST_SKIP() << "not root";
+    WithFault({"fchown|fwrite", 1, true}, [&] { return DeviceDeleteData(device.get(), 5); });
+    EXPECT_EQ(List()["dev.bak"], want);
+  }
+}
+
+TEST_F(RewriteTest, AnItemIsPutBackWithoutABackup) {
+  const DeviceHandle device = Load();
+  const auto update = [&] { return UpdateKeypairToFile(device->keypairs[0]); };
+  Refuses(0, device.get(), [&] { return WithFault({"fwrite", 3}, update); });
+  EXPECT_EQ(update(), 1);
+}
+
 // With the record's names and tag, which its keys are bound to, whatever the file says meanwhile.
 TEST_F(RewriteTest, TheWholeRecordKeepsTheDataObjects) {
   StoredDevice stored = stored_;
