@@ -23,11 +23,11 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <map>
 #include <span>
+#include <sstream>
 #include <string_view>
 #include <type_traits>
 
@@ -192,30 +192,17 @@ void WrapAll() {
 }
 
 // Never fail, or only for a wrong argument.
-const char* const NEVER_FAIL[] = {"_*",
-                                  "mem*",
-                                  "str*",
-                                  "close*",
-                                  "fileno",
-                                  "malloc",
-                                  "getpid",
-                                  "vakro_malloc",
-                                  "vakro_json_get*",
-                                  "*[Ff]ree*",
-                                  "*_get0_*",
-                                  "*_unlock",
-                                  "*_destroy",
-                                  "*_size",
-                                  "BN_bn2bin",
-                                  "BN_is_zero",
-                                  "BN_num_bits",
-                                  "BN_value_one",
-                                  "CRYPTO_memcmp",
-                                  "OPENSSL_cleanse",
-                                  "ECDSA_SIG_set0",
-                                  "EVP_sha512",
-                                  "EVP_aes_256_gcm",
-                                  "EVP_PKEY_get_base_id"};
+const char NEVER_FAIL[] =
+    "_* mem* str* close* fileno malloc getpid vakro_malloc vakro_json_get* *[Ff]ree* *_get0_* "
+    "*_unlock *_destroy *_size BN_bn2bin BN_is_zero BN_num_bits BN_value_one CRYPTO_memcmp "
+    "OPENSSL_cleanse ECDSA_SIG_set0 EVP_sha512 EVP_aes_256_gcm EVP_PKEY_get_base_id";
+
+bool NeverFails(const char* symbol) {
+  std::istringstream patterns(NEVER_FAIL);
+  for (std::string pattern; patterns >> pattern;)
+    if (fnmatch(pattern.c_str(), symbol, 0) == 0) return true;
+  return false;
+}
 
 // --- The patch -----------------------------------------------------------------------------------
 
@@ -224,9 +211,7 @@ const char* const NEVER_FAIL[] = {"_*",
 void Patch(void** slot, const char* symbol, bool isImported) {
   const auto found = g_wrappers.find(*slot);
   if (found == g_wrappers.end()) {
-    const auto fits = [&](const char* pattern) { return fnmatch(pattern, symbol, 0) == 0; };
-    if (isImported && std::none_of(std::begin(NEVER_FAIL), std::end(NEVER_FAIL), fits))
-      g_unknown.emplace_back(symbol);
+    if (isImported && !NeverFails(symbol)) g_unknown.emplace_back(symbol);
     return;
   }
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
