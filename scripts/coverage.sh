@@ -10,8 +10,8 @@ command -v gcovr > /dev/null || {
 
 tests=(module_tests crash_tests hostile_bytes_tests sm2_tests threads_test)
 cmake --preset coverage
-cmake --build --preset coverage -j "$(nproc)" --target "${tests[@]}"
 find build/coverage -name '*.gcda' -delete
+cmake --build --preset coverage -j "$(nproc)" --target "${tests[@]}"
 for test in "${tests[@]}"; do
   echo "== $test"
   "build/coverage/bin/$test" --gtest_brief=1
