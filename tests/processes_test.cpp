@@ -186,6 +186,9 @@ TEST_F(ProcessesTest, NeverMixPins) {
       EXPECT_EQ(Rescan("theirs")->keypairCount, result == 1 ? 2 : 1);
     }
   }
+  const DeviceHandle stale = Load();
+  Write("dev", StoredDevice{.keypairs = {StoredKeypair{.pin = "theirs"}.Json()}}.File());
+  Refuses(0, stale.get(), [&] { return AddhKeypairToFile(stale.get(), stale->keypairs[0]); });
 }
 
 // It uses what it inherits, and takes no lock away.
