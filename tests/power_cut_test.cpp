@@ -7,37 +7,38 @@
 //
 // A process may also be killed at any step, its files still only in memory, another one scan, read
 // or write the folder, and the power go then.
-#include "tests/support/writes.h"
+#include "tests/support/calls.h"
 
 #include <fcntl.h>
+#include <algorithm>
 #include <filesystem>
 #include <list>
 
 namespace {
-// Files have numbers, which stay whatever their names.
 struct Disk {
+  struct File {
+    std::string now, safe;  // as processes read it, and on the disk
+    auto operator<=>(const File&) const = default;
+  };
   using Names = std::map<std::string, int>;
-  std::vector<std::string> content, safe;  // by number: as processes read it, and on the disk
+  std::map<int, File> files;   // by a number that stays whatever their names
   std::vector<Names> folders;  // the folder on the disk, and as it was after each later change
   auto operator<=>(const Disk&) const = default;
-
-  std::set<std::string> AfterPowerCut(int number) const {
-    const auto at = static_cast<size_t>(number);
-    const std::string& bytes = content[at];
-    if (bytes == safe[at]) return {bytes};
-    return {safe[at], "", bytes.substr(0, bytes.size() / 2), std::string(bytes.size(), 0), bytes};
-  }
 
   std::set<Files> AfterPowerCut() const {
     std::set<Files> all;
     for (const Names& names : folders) {
       std::set<Files> left = {{}};
       for (const auto& [name, number] : names) {
+        const auto& [now, safe] = files.at(number);
+        std::set<std::string> pieces = {now, safe};
+        if (now != safe)
+          pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
         std::set<Files> more;
-        for (Files files : left) {
-          for (const std::string& bytes : AfterPowerCut(number)) {
-            files[name] = bytes;
-            more.insert(files);
+        for (Files some : left) {
+          for (const std::string& piece : pieces) {
+            some[name] = piece;
+            more.insert(some);
           }
         }
         left = more;
@@ -48,10 +49,9 @@ struct Disk {
   }
 
   Files AfterKill() const {
-    Files files;
-    for (const auto& [name, number] : folders.back())
-      files[name] = content[static_cast<size_t>(number)];
-    return files;
+    Files left;
+    for (const auto& [name, number] : folders.back()) left[name] = files.at(number).now;
+    return left;
   }
 };
 
@@ -60,30 +60,36 @@ class Watch {
  public:
   Disk disk;
   std::set<Disk> moments;
-  std::map<Files, std::string> cuts;  // what a power cut may leave, and before which call
+  std::set<Files> cuts;  // what a power cut may leave
 
   // From a folder that is safe on the disk, or as a process has left it that was killed.
   explicit Watch(const std::string& folder) : folder_(folder) {
     disk.folders = {{}};
     Look();
-    disk.safe = disk.content;
+    for (auto& [number, file] : disk.files) file.safe = file.now;
     disk.folders = {disk.folders.back()};
+    s_watch = this;
   }
   Watch(const std::string& folder, const Disk& killed) : disk(killed), folder_(folder) {
     for (const auto& [name, number] : disk.folders.back()) numbers_[Inode(name)] = number;
+    s_watch = this;
   }
 
-  template <class Run>
-  int Follow(Run run) {
-    s_following = this;
-    HookFiles([](const FileCall& call) {
-      s_following->Step(call);
-      return 0;
-    });
-    const int result = run();
-    HookFiles(nullptr);
-    Step({"end"});
-    return result;
+  static int OnCall(const ImportCall& call) {
+    if (call.onFiles) s_watch->Step(call);
+    return 0;
+  }
+
+  void Step(const ImportCall& next) {
+    Look();
+    if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
+    if (const auto file = numbers_.find(synced_); file != numbers_.end())
+      disk.files[file->second].safe = disk.files[file->second].now;
+    moments.insert(disk);
+    cuts.merge(disk.AfterPowerCut());
+    struct stat status = {};
+    const bool syncs = std::string(next.name).ends_with("sync");
+    synced_ = syncs && fstat(next.fd, &status) == 0 ? status.st_ino : 0;
   }
 
  private:
@@ -96,55 +102,39 @@ class Watch {
     Disk::Names names;
     for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
       const std::string name = entry.path().filename();
-      const auto next = static_cast<int>(disk.content.size());
+      const auto next = static_cast<int>(disk.files.size());
       const auto [file, fresh] = numbers_.try_emplace(Inode(name), next);
-      if (fresh) {
-        disk.content.emplace_back();
-        disk.safe.emplace_back();
-        kept_.emplace_back(open(entry.path().c_str(), O_RDONLY));  // its inode is not used again
-      }
+      if (fresh) kept_.emplace_back(open(entry.path().c_str(), O_RDONLY));  // no inode comes again
       names[name] = file->second;
-      disk.content[static_cast<size_t>(file->second)] = ReadText(entry.path());
+      disk.files[file->second].now = ReadText(entry.path());
     }
     if (names != disk.folders.back()) disk.folders.push_back(names);
   }
 
-  void Step(const FileCall& next) {
-    Look();
-    if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
-    if (const auto file = numbers_.find(synced_); file != numbers_.end()) {
-      const auto at = static_cast<size_t>(file->second);
-      disk.safe[at] = disk.content[at];
-    }
-    moments.insert(disk);
-    for (const Files& files : disk.AfterPowerCut()) cuts.try_emplace(files, next.name);
-    const bool syncs = std::string(next.name).ends_with("sync");
-    struct stat status = {};
-    synced_ = syncs && fstat(next.fd, &status) == 0 ? status.st_ino : 0;
-  }
-
-  static inline Watch* s_following;
+  static inline Watch* s_watch;
   const std::string folder_;
   std::map<ino_t, int> numbers_;
   std::list<Descriptor> kept_;
   ino_t synced_ = 0;  // by the last call
 };
-
-int CreateNine(Device* device) { return DeviceCreateData(device, 9, 0, 3); }
 }  // namespace
 
-class PowerCutTest : public WritesTest {
+class PowerCutTest : public CallsTest {
  protected:
   using Outcomes = std::set<std::string>;
 
-  // A power cut at any step leaves one of `outcomes`; after success, if it is reported, of `safe`.
-  void Expect(const Watch& watch, const Outcomes& outcomes, const Outcomes& safe) {
-    for (const auto& [files, call] : watch.cuts) {
-      cuts_++;
-      EXPECT_TRUE(outcomes.contains(Found(files))) << "power cut before " << call << Shape(files);
-    }
+  // Makes the call; a power cut at any step leaves one of `outcomes`. After a success it leaves the
+  // one of `safe`, if there is any. Returns the result.
+  int Follow(Watch& watch, const Call& call, Device* device, const Outcomes& outcomes,
+             const Outcomes& safe) {
+    const int result = Run(call, device, Watch::OnCall);
+    watch.Step({.name = "end"});
+    cuts_ += watch.cuts.size();
+    for (const Files& files : watch.cuts) EXPECT_TRUE(outcomes.contains(Found(files)));
+    if (result != 1 || safe.empty()) return result;
     for (const Files& files : watch.disk.AfterPowerCut())
-      EXPECT_TRUE(safe.contains(Found(files))) << "reported, then lost" << Shape(files);
+      EXPECT_TRUE(safe.contains(Found(files))) << "reported, then lost";
+    return result;
   }
 
   const std::string& Found(const Files& files) {
@@ -153,63 +143,50 @@ class PowerCutTest : public WritesTest {
     return found->second;
   }
 
-  static std::string Shape(const Files& files) {
-    std::string shape;
-    for (const auto& [name, bytes] : files)
-      shape += "; " + name + " of " + std::to_string(bytes.size()) + " bytes";
-    return shape;
-  }
-
-  std::string WithNine(const Files& files) {
+  std::string FoundAfter(const Call& call, const Files& files) {
     Scan(files);
-    EXPECT_EQ(CreateNine(Rescan().get()), 1);
+    EXPECT_EQ(Run(call, Rescan().get()), 1);
     return Scan();
   }
 
   std::map<Files, std::string> found_;
-  int cuts_ = 0;
+  size_t cuts_ = 0;
 };
 
 TEST_F(PowerCutTest, LeavesTheOldOrTheNewDevice) {
-  struct Next {
-    const char* what;
-    int (*run)(Device*);
-    bool changes;
+  const Call create = {"create", [](Device* d) { return DeviceCreateData(d, 9, 0, 3); }, true};
+  const Call nexts[] = {
+      {"scan", [](Device*) { return SetHandle(DeviceGetAllDevices()) ? 1 : 0; }},
+      {"read", [](Device* d) { return DeviceReadDataEx(d, 1, 0, nullptr, 0, nullptr); }},
+      create,
   };
-  static const Next nexts[] = {
-      {"scan", [](Device*) { return SetHandle(DeviceGetAllDevices()) ? 1 : 0; }, false},
-      {"read", [](Device* d) { return DeviceReadDataEx(d, 1, 0, nullptr, 0, nullptr); }, false},
-      {"create", CreateNine, true},
-  };
-  int killed = 0;
-  for (const WriteOperation& operation : WriteOperations()) {
-    SCOPED_TRACE(operation.what);
-    const std::string old = Found(operation.start);
-    const DeviceHandle device = Prepare(operation);
-    Watch watch(folder_);
-    EXPECT_EQ(watch.Follow([&] { return operation.run(device.get()); }), 1);
+  for (const Call& call : AllCalls()) {
+    SCOPED_TRACE(call.what);
+    const std::string old = Scan(call.start);
+    DeviceHandle device = Prepare(call);
+    EXPECT_EQ(Run(call, device.get()), 1);
     const Files after = Get();
-    const std::string fresh = Found(after);
-    Expect(watch, {old, fresh}, {fresh});
-    const Outcomes either = {old, fresh};
-    const Outcomes nine = {WithNine(operation.start), WithNine(after)};
-    Outcomes any = either;
-    any.insert(nine.begin(), nine.end());
+    const std::string fresh = Scan();
+    device = Prepare(call);
+    Watch watch(folder_);
+    EXPECT_EQ(Follow(watch, call, device.get(), {old, fresh}, {fresh}), 1);
+    if (watch.moments.size() == 1) continue;  // it made no file calls
 
-    const DeviceHandle other = Rescan();
+    const Outcomes created = {FoundAfter(create, call.start), FoundAfter(create, after)};
+    Outcomes any = created;
+    any.insert({old, fresh});
+    device = Rescan();
     for (const Disk& moment : watch.moments) {
-      for (const Next& next : nexts) {
-        SCOPED_TRACE(std::string("killed, then ") + next.what + Shape(moment.AfterKill()));
-        killed++;
+      for (const Call& next : nexts) {
+        SCOPED_TRACE("killed, then " + next.what);
         Put(moment.AfterKill());
         Watch second(folder_, moment);
-        const int result = second.Follow([&] { return next.run(other.get()); });
-        const bool changed = next.changes && result == 1;
-        Expect(second, next.changes ? any : either, changed ? nine : next.changes ? any : either);
+        Follow(second, next, device.get(), next.changes ? any : Outcomes{old, fresh},
+               next.changes ? created : Outcomes{});
         if (HasFailure()) return;
       }
     }
   }
-  printf("%d times killed, %d power cuts, %zu folders\n", killed, cuts_, found_.size());
-  EXPECT_GT(cuts_, 1000);
+  printf("%zu power cuts, %zu folders\n", cuts_, found_.size());
+  EXPECT_GT(cuts_, 1000u);
 }
