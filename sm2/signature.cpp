@@ -16,6 +16,12 @@ static bool ComputeFactor(const BIGNUM* d, SecretScalar& factor) {
   return SM2InvertScalar(&factor, &scalar) == 1;
 }
 
+static bool ComputeFactor(EVP_PKEY* key, SecretScalar& factor) {
+  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
+  const BIGNUM* d = ec == nullptr ? nullptr : EC_KEY_get0_private_key(ec);
+  return d != nullptr && ComputeFactor(d, factor);
+}
+
 // A7. The encoder gets the numbers in their shortest form.
 static bool Encode(const SM2Scalar& r, const SM2Scalar& s, unsigned char** sig, int* sigLen) {
   unsigned char rBytes[SM2_FIELD_SIZE];
@@ -72,12 +78,6 @@ int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char*
                int* sigLen) {
   SecretScalar factor;
   return ComputeFactor(d, factor) ? TrySign(factor, e, eLen, sig, sigLen) : 0;
-}
-
-static bool ComputeFactor(EVP_PKEY* key, SecretScalar& factor) {
-  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
-  const BIGNUM* d = ec == nullptr ? nullptr : EC_KEY_get0_private_key(ec);
-  return d != nullptr && ComputeFactor(d, factor);
 }
 
 int SM2Sign(EVP_PKEY* key, const unsigned char* e, int eLen, unsigned char** sig, int* sigLen) {
