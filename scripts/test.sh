@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs all tests: in a release build, with the address and undefined-behaviour
-# sanitizers, the tests of threads with the thread sanitizer, and 20 seconds of each fuzz target.
+# sanitizers, with the thread sanitizer, and then 20 seconds of each fuzz target.
 # Presets can be named instead: scripts/test.sh release
 # VAKRO_LONG_TESTS=1 in the environment: every fault in turn, and 100,000 scalars for the arithmetic.
 set -euo pipefail
