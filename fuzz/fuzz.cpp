@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -32,18 +31,9 @@ extern "C" int PKCS5_PBKDF2_HMAC(const char* pass, int passlen, const unsigned c
   return 1;
 }
 
-void RunTarget(std::string_view name, std::string_view input) {
-  static const std::map<std::string_view, void (*)(std::string_view)> targets = {
-      {"base64", FuzzBase64},
-      {"data_objects", FuzzDataObjects},
-      {"device_file", FuzzDeviceFile},
-      {"ecc_signature", FuzzEccSignature},
-      {"hex", FuzzHex},
-      {"json", FuzzJson},
-      {"keypair_encoding", FuzzKeypairEncoding},
-      {"public_key_encoding", FuzzPublicKeyEncoding},
-      {"sm2_ciphertext", FuzzSm2Ciphertext}};
-  targets.at(name)(input);
+std::map<std::string_view, Target>& Targets() {
+  static std::map<std::string_view, Target> all;
+  return all;
 }
 
 void Demand(bool holds, const char* condition, const char* file, int line) {
@@ -107,51 +97,4 @@ std::string Summary(const Device& device) {
       text << Hex(View(k.certs[c]->data, k.certs[c]->length)) << '\n';
   }
   return text.str();
-}
-
-// Calls with a buffer that is as large as the function asks for.
-template <class Operation, class Key>
-static void Perform(Operation operation, Key* key, unsigned int algorithm,
-                    const std::string& data) {
-  int needed = 0;
-  const auto call = [&](unsigned char* buffer, int size, int* length) {
-    return operation(key, algorithm, nullptr, Raw(data), Len(data), buffer, size, length);
-  };
-  if (call(nullptr, 0, &needed) != VAKRO_OK) return;
-  DEMAND(needed > 0);
-  const std::unique_ptr<unsigned char[]> buffer(new unsigned char[static_cast<size_t>(needed)]);
-  int length = 0;
-  const int result = call(buffer.get(), needed, &length);
-  DEMAND(result == VAKRO_OK || result == VAKRO_FAILED);
-  DEMAND(length >= 0 && length <= needed);
-}
-
-// Calls `use` with every algorithm and zeros of a fitting length, a digest or a raw block. The bits
-// of a key come from a file and may say anything.
-template <class Use>
-static void WithEachAlgorithm(unsigned int bits, Use use) {
-  const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
-  for (const unsigned int raw : {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT})
-    use(raw, block, block);
-  for (const unsigned int other :
-       {ALGORITHM_RSA_PKCS1_SIGN, ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN, ALGORITHM_SM2_ENCRYPT,
-        ALGORITHM_RSA_PKCS1_ENCRYPT})
-    use(other, digest, block);
-}
-
-void UsePrivateKey(Keypair* keypair) {
-  WithEachAlgorithm(DeviceGetKeypairBits(keypair), [=](auto algorithm, const auto& data, auto&) {
-    Perform(DeviceSign, keypair, algorithm, data);
-  });
-}
-
-void UsePublicKey(PublicKey* key) {
-  const auto bits = static_cast<unsigned int>(DeviceGetPublicKeyBits(key));
-  WithEachAlgorithm(bits, [=](auto algorithm, const auto& data, const auto& signature) {
-    // Zeros are a raw RSA signature of zeros, and of nothing else.
-    const int valid =
-        DeviceVerify(key, algorithm, nullptr, Raw(data), Len(data), Raw(signature), Len(signature));
-    DEMAND(valid == VAKRO_FAILED || (valid == VAKRO_OK && algorithm == ALGORITHM_RSA_RAW_SIGN));
-    Perform(DevicePublicKeyEncrypt, key, algorithm, data);
-  });
 }

@@ -11,19 +11,13 @@
 #include "device/owners.h"
 #include "tests/support/device_file.h"
 
-// RunTarget runs the target of that name over `input`.
-void RunTarget(std::string_view name, std::string_view input);
-
-// The targets, by file: texts.cpp, keys.cpp, device_file.cpp.
-void FuzzBase64(std::string_view input);
-void FuzzHex(std::string_view input);
-void FuzzJson(std::string_view input);
-void FuzzEccSignature(std::string_view input);
-void FuzzSm2Ciphertext(std::string_view input);
-void FuzzKeypairEncoding(std::string_view input);
-void FuzzPublicKeyEncoding(std::string_view input);
-void FuzzDataObjects(std::string_view input);
-void FuzzDeviceFile(std::string_view input);
+// Targets is every target, by name. FUZZ begins the definition of one; its argument is `input`.
+using Target = void (*)(std::string_view input);
+std::map<std::string_view, Target>& Targets();
+#define FUZZ(name)                                                                        \
+  static void name(std::string_view input);                                               \
+  [[maybe_unused]] static const bool g_is_##name = Targets().emplace(#name, name).second; \
+  static void name(std::string_view input)
 
 // DEMAND ends the program when the condition does not hold.
 #define DEMAND(condition) Demand(condition, #condition, __FILE__, __LINE__)
@@ -49,8 +43,28 @@ DeviceHandle LoadDevice(const char* pin = nullptr);  // NULL when nothing loads;
 // salt, iv and encrypted private key.
 std::string Summary(const Device& device);
 
-// Nothing is expected of a key made by hostile bytes but a documented result, with every algorithm.
-void UsePrivateKey(Keypair* keypair);  // signs
-void UsePublicKey(PublicKey* key);     // verifies and encrypts
+// Use calls with every algorithm, on zeros, and a buffer that is as large as the function asks for.
+// Nothing is expected of a key made by hostile bytes but a documented result. The bits come from a
+// file and may say anything.
+template <auto Operation, class Key>
+void Use(Key* key, unsigned int bits) {
+  const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
+  for (const std::string& data : {digest, block})
+    for (const unsigned int algorithm :
+         {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT, ALGORITHM_RSA_PKCS1_SIGN,
+          ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN, ALGORITHM_SM2_ENCRYPT,
+          ALGORITHM_RSA_PKCS1_ENCRYPT}) {
+      int length = 0;
+      const auto call = [&](unsigned char* buffer, int size) {
+        return Operation(key, algorithm, nullptr, Raw(data), Len(data), buffer, size, &length);
+      };
+      if (call(nullptr, 0) != VAKRO_OK) continue;
+      const int needed = length;
+      DEMAND(needed > 0);
+      std::vector<unsigned char> buffer(static_cast<size_t>(needed));
+      const int result = call(buffer.data(), needed);
+      DEMAND((result == VAKRO_OK || result == VAKRO_FAILED) && length >= 0 && length <= needed);
+    }
+}
 
 #endif

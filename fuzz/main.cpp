@@ -4,7 +4,7 @@
 
 #ifdef FUZZ_TARGET
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-  RunTarget(FUZZ_TARGET, {reinterpret_cast<const char*>(data), size});
+  Targets().at(FUZZ_TARGET)({reinterpret_cast<const char*>(data), size});
   return 0;
 }
 #else
@@ -14,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
 #include <iterator>
 
 // Runs the input, and the input with one byte changed: in all ways and places where it is short.
-static void Replay(const char* target, const std::string& input) {
-  RunTarget(target, input);
+static void Replay(Target target, const std::string& input) {
+  target(input);
   const size_t step = 1 + input.size() / 500;
   const int next = input.size() > 64 ? 127 : 1;
   for (size_t at = 0; at < input.size(); at += step) {
@@ -23,7 +23,7 @@ static void Replay(const char* target, const std::string& input) {
     std::vector<char> bytes(input.begin(), input.end());
     for (int bits = 0; bits < 256; bits += next) {
       bytes[at] = static_cast<char>(input[at] ^ bits);
-      RunTarget(target, {bytes.data(), bytes.size()});
+      target({bytes.data(), bytes.size()});
     }
   }
 }
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       fprintf(stderr, "%s\n", entry.path().c_str());
       std::ifstream file(entry.path(), std::ios::binary);
-      Replay(argv[1], {std::istreambuf_iterator<char>(file), {}});
+      Replay(Targets().at(argv[1]), {std::istreambuf_iterator<char>(file), {}});
       count++;
     }
   }

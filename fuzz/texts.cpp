@@ -29,12 +29,12 @@ static void CheckCoder(std::string_view input, std::string_view normal, Decode d
   if (const auto bytes = decoded(input)) DEMAND(encoded(*bytes) == normal);
 }
 
-void FuzzBase64(std::string_view input) {
+FUZZ(base64) {
   const auto decode = [](auto... text) { return vakro_base64decode(2, text...); };
   CheckCoder(input, input, decode, vakro_base64encode);
 }
 
-void FuzzHex(std::string_view input) {
+FUZZ(hex) {
   std::string lower(input);
   for (char& digit : lower) digit = static_cast<char>(tolower(digit));
   CheckCoder(input, lower, VakroPKICryptoHexDecode, VakroPKICryptoHexEncode);
@@ -54,7 +54,7 @@ static std::string Encode(const Json& value) {
 }
 
 // Whatever decodes is written as a text that is written the same again, as is a copy.
-void FuzzJson(std::string_view input) {
+FUZZ(json) {
   const Json tree = Decode(input);
   if (!tree) return;
   const std::string text = Encode(tree);
