@@ -19,7 +19,6 @@ TEST_F(OperationsTest, RsaSignaturesAreThoseOfEvp) {
     EXPECT_EQ(Hex(Sign(rsa_, c.algorithm, c.data)), Hex(signature));
     EXPECT_EQ(Verify(rsaPublic_.get(), c.algorithm, c.data, signature), 1);
     EXPECT_EQ(Verify(rsaPublic_.get(), c.algorithm, c.data + "x", signature), 0);
-    EXPECT_EQ(Verify(rsaPublic_.get(), c.algorithm, c.data.substr(1), signature), 0);
     EXPECT_EQ(Verify(rsaPublic_.get(), c.algorithm ^ 256 ^ 768, c.data, signature), 0);
   }
 }
@@ -54,15 +53,12 @@ TEST_F(OperationsTest, EcdsaSignaturesVerifyBothWaysOnEveryCurve) {
     EXPECT_EQ(key != nullptr, sizes[curve] == 32);
     for (const std::string& digest : {Digest("SHA256", "m"), Digest("SHA512", "m")}) {
       const std::string here = Sign(k, 2048, digest);
-      EXPECT_TRUE(key ? Verify(key.get(), 2048, digest, here) == 1
-                      : EvpVerify(k->privateKey, digest, here));
+      const bool isSm2 = curve == 7;  // for which OpenSSL's EVP makes another kind of signature
+      const std::string there = isSm2 ? here : EvpSign(k->privateKey, digest);
+      EXPECT_TRUE(isSm2 || EvpVerify(k->privateKey, digest, here));
+      EXPECT_TRUE(!key || Verify(key.get(), 2048, digest, there) == 1);
     }
   }
-  const std::string digest = Digest("SHA256", "m");
-  const std::string there = EvpSign(TestP256().key, digest);
-  EXPECT_TRUE(EvpVerify(TestP256().key, digest, Sign(p256_, 2048, digest)));
-  EXPECT_EQ(Verify(p256Public_.get(), 2048, digest, there), 1);
-  EXPECT_EQ(Verify(p256Public_.get(), 2048, Digest("SHA512", "m"), there), 0);
 }
 
 TEST_F(OperationsTest, AnEcdsaBufferIsMeasuredAgainstTheTrueLength) {

@@ -1,5 +1,5 @@
-// The libraries below the module: published vectors, wrong use, and JSON. Encodings of keys, texts
-// and signatures are looked at by the fuzz targets and hostile_bytes_test.cpp, the lock by
+// The libraries below the module: published vectors, and JSON. Encodings of keys, texts and
+// signatures are looked at by the fuzz targets and hostile_bytes_test.cpp, the lock by
 // lifecycle_test.cpp, and failing allocations by faults_test.cpp.
 #include "device/owners.h"
 #include "tests/support/device_file.h"
@@ -104,30 +104,6 @@ TEST(Platform, PublishedVectors) {
   }
 }
 
-TEST(Platform, RefusesWrongUse) {
-  const SoftDevice device(VakroPKICryptoGetPseudoDevice());
-  const unsigned char bytes[80] = {};
-  const auto gcm = [&](const AEADParams& params, int encrypt = 1,
-                       int algorithm = VAKRO_CIPHER_AES256_GCM) {
-    return CipherObject(
-        VakroPKICryptoNewCipher(device.get(), encrypt, algorithm, bytes, 32, &params));
-  };
-  const AEADParams good = {16, bytes, 12, nullptr, 0};
-  EXPECT_FALSE(gcm(good, 2) || gcm(good, 1, VAKRO_CIPHER_AES256_GCM + 1));
-  EXPECT_FALSE(gcm({15, bytes, 12, nullptr, 0}) || gcm({16, bytes, 12, bytes, int64_t{1} << 40}));
-  EXPECT_EQ(VakroPKICryptoCipherSetPadding(gcm(good).get(), 1), 0);
-  EXPECT_EQ(VakroPKICryptoNewHash(device.get(), 0x5000), nullptr);
-
-  const HashObject hash(VakroPKICryptoNewHash(device.get(), VAKRO_HASH_SM3));
-  for (const int want : {1, 0}) {  // the final step ends an object
-    unsigned char* out = nullptr;
-    int size = 0;
-    EXPECT_EQ(VakroPKICryptoHashUpdate(hash.get(), bytes, 1), want);
-    EXPECT_EQ(VakroPKICryptoHashFinal(hash.get(), &out, &size), want);
-    VakroPKICryptoFreeMemory(out);
-  }
-}
-
 // --- JSON ----------------------------------------------------------------------------------------
 
 static Json Decode(std::string_view text) {
@@ -197,42 +173,4 @@ TEST(PlatformJson, SeesEveryByteOfAString) {
       EXPECT_EQ(Decode('"' + bytes + '"') == nullptr, special) << "raw " << c << " at " << at;
     }
   }
-}
-
-TEST(PlatformJson, LendsItemsAndCopiesValues) {
-  Json root = Decode(R"(["sn",[["a"]],3])");
-  VakroJson* const item = vakro_json_getarrayitem(vakro_json_getarrayitem(root.get(), 1), 0);
-  for (int i = 0; i < 20; i++)  // also when the items move
-    ASSERT_EQ(vakro_json_addarrayitem(item, vakro_json_getarrayitem(item, i)), 1);
-  std::string before = Encode(root.get());
-  EXPECT_EQ(std::count(before.begin(), before.end(), 'a'), 21) << "seen through the root";
-  const Json copy(vakro_json_dup(root.get()));
-  ASSERT_EQ(vakro_json_addarrayitem(root.get(), root.get()), 1);
-  EXPECT_EQ(Encode(vakro_json_getarrayitem(root.get(), 3)), before);
-  ASSERT_EQ(vakro_json_addarrayitem(copy.get(), Json(vakro_json_newstring("a\0b", 3)).get()), 1);
-  root.reset();
-  EXPECT_EQ(Encode(copy.get()), before.insert(before.size() - 1, R"(,"a\u0000b")"));
-
-  const Json outer = Decode(Nest(2));
-  VakroJson* const inner = vakro_json_getarrayitem(outer.get(), 0);  // at level 2
-  EXPECT_EQ(vakro_json_addarrayitem(inner, Decode(Nest(63)).get()), 0);
-  EXPECT_EQ(Encode(outer.get()), Nest(2));
-  EXPECT_EQ(vakro_json_addarrayitem(inner, Decode(Nest(62)).get()), 1);
-  const Json alone(vakro_json_dup(vakro_json_getarrayitem(outer.get(), 0)));  // at level 1 again
-  EXPECT_EQ(vakro_json_addarrayitem(alone.get(), Decode(Nest(63)).get()), 1);
-}
-
-TEST(PlatformJson, AnswersWrongTypesAndNull) {
-  const Json array = Decode(R"([{"a":1},"",1])");
-  const int types[] = {7, 1, 2, 0};
-  for (int i = 0; i < 4; i++) {
-    VakroJson* const value = vakro_json_getarrayitem(array.get(), i);  // the last is NULL
-    EXPECT_EQ(vakro_json_gettype(value), types[i]);
-    EXPECT_EQ(vakro_json_getarraysize(value), 0);
-    EXPECT_EQ(vakro_json_addarrayitem(value, array.get()), 0);
-    EXPECT_EQ(vakro_json_getnumber(value), types[i] == 2);
-    EXPECT_EQ(vakro_json_getstring(value) != nullptr, types[i] == 1);
-  }
-  EXPECT_EQ(vakro_json_getarrayitem(array.get(), -1), nullptr);
-  EXPECT_EQ(Encode(nullptr), REFUSED);
 }

@@ -152,15 +152,6 @@ TEST(Sm2Numbers, AnInverseTimesItsNumberIsOne) {
       const U256 want = Small(Text(a) == Text(U256{}) ? 0 : 1);
       ASSERT_EQ(Judged(BN_mod_mul, a, sm2::Invert(a, *M), *M), Text(want)) << Text(a);
     }
-  SM2Scalar zero, seven, r;
-  SM2ReadScalar(&zero, nullptr, 0);
-  SM2ReadScalar(&seven, Raw("\7"), 1);
-  EXPECT_EQ(SM2InvertScalar(&r, &zero), 0);
-  EXPECT_EQ(SM2InvertScalar(&r, &seven), 1);
-  SM2MultiplyScalars(&r, &r, &seven);
-  Bytes32 bytes;
-  SM2WriteScalar(bytes.data(), &r);
-  EXPECT_EQ(Text(bytes), Text(Small(1)));
 }
 
 TEST(Sm2Numbers, ScalarsAreReadModN) {
@@ -176,13 +167,11 @@ TEST(Sm2Numbers, ScalarsAreReadModN) {
     EXPECT_EQ(Text(written), Text(ToNumber(r.get()))) << length;
   };
   for (const U256& a : StructuredNumbers(sm2::N.m)) check(ToBytes(a).data(), 32);
-  for (int length = 0; length <= 130; length++) {
-    unsigned char bytes[130];
-    for (const int zeros : {0, 1, length - 32, length}) {
-      for (int i = 0; i < length; i++)
-        bytes[i] = i < zeros ? 0 : static_cast<unsigned char>(g_random());
-      check(bytes, length);
-    }
+  for (const int zeros : {0, 1, 64, 130}) {
+    unsigned char bytes[130] = {};
+    std::generate(bytes + zeros, bytes + 130,
+                  [] { return static_cast<unsigned char>(g_random()); });
+    for (int length = 0; length <= 130; length++) check(bytes, length);
   }
 }
 
@@ -286,8 +275,6 @@ TEST(Sm2Points, AreOnTheCurveOrNot) {
                                     {g.substr(0, 64) + p, 0},
                                     {g.substr(64) + g.substr(0, 64), 0}})
     EXPECT_EQ(SM2IsOnCurve(Raw(Unhex(point))), want) << point;
-  for (size_t i = 0; i < 64; i++)
-    EXPECT_EQ(SM2IsOnCurve(Raw(Flipped(Unhex(g), i))), 0) << "byte " << i;
 }
 
 // Unoptimised code and the sanitizers keep copies of their own.
