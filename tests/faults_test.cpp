@@ -5,10 +5,8 @@
 // call made again succeeds.
 #include "tests/support/calls.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio_ext.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <string_view>
@@ -90,11 +88,6 @@ class FaultsTest : public CallsTest, public testing::WithParamInterface<Blow> {
  protected:
   static constexpr int KILLED = 100;
 
-  bool IsUnlocked() const {
-    const Descriptor folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY));
-    return DeviceUnlockDevice(nullptr) == 0 && flock(folder.fd, LOCK_EX | LOCK_NB) == 0;
-  }
-
   // Makes the call, in a child if it is to be killed; its result, or KILLED.
   static int RunStruck(const Call& call, Device* device, int at) {
     *g_struck = {&GetParam(), 0, at, ""};
@@ -122,6 +115,7 @@ int FaultsTest::StrikeEach(const Call& call, int first) {
   const std::string old = Scan(call.start);
   reload();
   EXPECT_EQ(Run(call, device.get()), 1);
+  EXPECT_EQ(List()["dev"].substr(0, 5), "33184") << "the mode";
   const std::string fresh = Scan();
   EXPECT_EQ(old != fresh, call.changes);
   reload();
@@ -136,7 +130,7 @@ int FaultsTest::StrikeEach(const Call& call, int first) {
     const std::string name = g_struck->name;
     SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + name + ", result " +
                  std::to_string(result));
-    EXPECT_TRUE(IsUnlocked());
+    EXPECT_TRUE(DeviceUnlockDevice(nullptr) == 0 && IsFolderFree(folder_));
     const Files left = Get();
     const std::string found = Scan();
     EXPECT_TRUE(Opens(found, found == old ? PIN : call.pin));

@@ -51,7 +51,9 @@ bool ImportsWhole(const std::string& encoding) {
   PublicKey* raw = nullptr;
   const int result = DeviceImportPublicKey(nullptr, Raw(encoding), Len(encoding), &raw);
   const PublicHandle key(raw);
-  return key ? result == 1 && Again(key->key, key->curve, false) == encoding : result == 0;
+  if (!key) return result == 0;
+  EXPECT_EQ(Bytes(key->publicKey, key->publicKeyLen), encoding);
+  return result == 1 && Again(key->key, key->curve, false) == encoding;
 }
 
 TEST_F(HostileBytes, Encodings) {

@@ -10,7 +10,6 @@
 #include "tests/support/calls.h"
 
 #include <fcntl.h>
-#include <algorithm>
 #include <filesystem>
 #include <list>
 
@@ -61,6 +60,7 @@ class Watch {
   Disk disk;
   std::set<Disk> moments;
   std::set<Files> cuts;  // what a power cut may leave
+  int locks = 0;         // taken and given back
 
   // From a folder that is safe on the disk, or as a process has left it that was killed.
   explicit Watch(const std::string& folder) : folder_(folder) {
@@ -75,7 +75,13 @@ class Watch {
     s_watch = this;
   }
 
+  // Nothing is modified before the folder is locked, and what is read and written belongs together
+  // under one lock; but the making of a key, which may take minutes, leaves the folder to others.
   static int OnCall(const ImportCall& call) {
+    const std::string_view name = call.name;
+    const bool makesKey = name == "RSA_generate_key_ex" || name == "EC_KEY_generate_key";
+    EXPECT_TRUE(!(call.modifies || makesKey) || IsFolderFree(s_watch->folder_) == makesKey);
+    if (name == "flock") s_watch->locks++;
     if (call.onFiles) s_watch->Step(call);
     return 0;
   }
@@ -171,6 +177,7 @@ TEST_F(PowerCutTest, LeavesTheOldOrTheNewDevice) {
     Watch watch(folder_);
     EXPECT_EQ(Follow(watch, call, device.get(), {old, fresh}, {fresh}), 1);
     if (watch.moments.size() == 1) continue;  // it made no file calls
+    EXPECT_EQ(watch.locks, 2);
 
     const Outcomes created = {FoundAfter(create, call.start), FoundAfter(create, after)};
     Outcomes any = created;

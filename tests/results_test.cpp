@@ -117,7 +117,8 @@ const auto FUNCTIONS = NAMED(
     UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
     FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
-    CalculateHash, CalculateCipher, UpdateData2DeviceJson, AddhKeypairToFile);
+    CalculateHash, CalculateCipher, UpdateData2DeviceJson, AddhKeypairToFile,
+    UpdateDeviceDataToFile);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -148,9 +149,10 @@ class ResultsTest : public OperationsTest {
     std::string function, text;
     Words words;
     row >> function;
-    if (function == "more" || function == "file") {
+    if (function == "more" || function == "file" || function == "bytes") {
       std::string to;
       row >> text >> to;
+      if (function == "bytes") return Write("dev", Unhex(text));
       if (function == "more")
         to = WithMore(text);
       else if (text != "ALL")
@@ -171,11 +173,9 @@ class ResultsTest : public OperationsTest {
     }
     const auto call = [&] { return FUNCTIONS.at(function)(words); };
     const int result = std::stoi(want["="]);
-    if (want.contains("locked")) {
-      ArmFault({.name = "vakro_lock_lock", .andLater = true});
-      Gives(std::stoi(want["locked"]), false, call);
-      DisarmFault();
-    }
+    if (want.contains("locked"))
+      Gives(std::stoi(want["locked"]), false,
+            [&] { return WithFault({.name = "vakro_lock_lock", .andLater = true}, call); });
     Gives(result, want.contains("writes"), call);
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);

@@ -2,8 +2,10 @@
 
 #include "store/store.h"
 
+#include <fcntl.h>
 #include <openssl/rand.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <filesystem>
 #include <tuple>
 
@@ -14,6 +16,11 @@ static SetHandle g_set;
 static DeviceHandle g_device;
 
 bool LongTests() { return getenv("VAKRO_LONG_TESTS") != nullptr; }
+
+bool IsFolderFree(const std::string& folder) {
+  const Descriptor fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY));
+  return flock(fd.fd, LOCK_EX | LOCK_NB) == 0;
+}
 
 static int Import(Device* device, const std::string& pair) {
   Keypair* made = nullptr;
