@@ -65,34 +65,24 @@ static int VerifyAnew(Device* device) {
 
 static int NewPin(Device* device) { return DeviceChangePwd(device, 1, PIN, "new PIN", nullptr); }
 
-// A key goes out of the module and in again.
-static PublicHandle PublicKeyOf(Keypair* keypair) {
-  const PublicHandle key(DeviceGetPublicKeyFromKeypair(keypair));
-  unsigned char bytes[600];
+// Signs and encrypts, by algorithms that are not 0, and back with a public key that has gone out of
+// the module and in again.
+static int Use(Keypair* keypair, unsigned int signing, unsigned int cipher) {
+  static unsigned char e[32], out[600], text[32];
   int length = 0;
-  PublicKey* again = nullptr;
-  if (DeviceExportPublicKey(key.get(), bytes, sizeof(bytes), &length) == 1)
-    DeviceImportPublicKey(nullptr, bytes, length, &again);
-  return PublicHandle(again);
-}
-
-static int SignAndVerify(Keypair* keypair, unsigned int algorithm) {
-  static unsigned char e[32], signature[600];
-  int length = 0;
-  const PublicHandle key = PublicKeyOf(keypair);
-  if (!key || DeviceSign(keypair, algorithm, nullptr, e, 32, signature, 600, &length) != 1)
+  const PublicHandle own(DeviceGetPublicKeyFromKeypair(keypair));
+  PublicKey* key = nullptr;
+  if (DeviceExportPublicKey(own.get(), out, 600, &length) != 1 ||
+      DeviceImportPublicKey(nullptr, out, length, &key) != 1)
     return 0;
-  return DeviceVerify(key.get(), algorithm, nullptr, e, 32, signature, length) == 1 ? 1 : 0;
-}
-
-static int EncryptAndDecrypt(Keypair* keypair, unsigned int algorithm) {
-  static unsigned char text[4], cipher[600];
-  int length = 0;
-  const PublicHandle key = PublicKeyOf(keypair);
-  if (!key ||
-      DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, text, 4, cipher, 600, &length) != 1)
+  const PublicHandle owned(key);
+  if (signing != 0 && (DeviceSign(keypair, signing, nullptr, e, 32, out, 600, &length) != 1 ||
+                       DeviceVerify(key, signing, nullptr, e, 32, out, length) != 1))
     return 0;
-  return DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text, 4, &length);
+  if (cipher == 0) return 1;
+  return DevicePublicKeyEncrypt(key, cipher, nullptr, e, 4, out, 600, &length) == 1
+             ? DevicePrivateKeyDecrypt(keypair, cipher, nullptr, out, length, text, 4, &length)
+             : 0;
 }
 
 // Beside the module that runs.
@@ -145,11 +135,10 @@ std::vector<Call> AllCalls() {
       {"PIN verified", VerifyAnew, false, PIN, -5},
       {"handle taken", TakeHandle},
       {"start and stop", StartAndStop},
-      {"ECDSA", [](Device* d) { return SignAndVerify(d->keypairs[0], 2048); }},
-      {"SM2 signature", [](Device* d) { return SignAndVerify(d->keypairs[1], 4096); }},
-      {"SM2 cipher", [](Device* d) { return EncryptAndDecrypt(d->keypairs[1], 64); }},
-      {"RSA signature", [](Device* d) { return SignAndVerify(d->keypairs[2], 256); }},
-      {"RSA cipher", [](Device* d) { return EncryptAndDecrypt(d->keypairs[2], 16); }},
+      {"ECDSA", [](Device* d) { return Use(d->keypairs[0], 2048, 0); }},
+      {"SM2 signature", [](Device* d) { return Use(d->keypairs[1], 4096, 0); }},
+      {"SM2 cipher", [](Device* d) { return Use(d->keypairs[1], 0, 64); }},
+      {"RSA", [](Device* d) { return Use(d->keypairs[2], 256, 16); }},
   };
   // Refused, which is 1 here: the backup may be the only good copy.
   const Files wrongDigest = {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}};
@@ -245,7 +234,9 @@ std::string CallsTest::Scan() const {
   for (const auto& entry : std::filesystem::directory_iterator(folder_))
     if ((entry.status().permissions() & ~perms{0640}) != perms{}) return "open to others";
   const SetHandle set(DeviceGetAllDevices());
-  if (!set || set->count != 1 || set->devices[0]->filePath != Path("dev")) return "no device";
+  if (!set || set->count != 1 || set->devices[0]->filePath != Path("dev") ||
+      set->devices[0]->backupPath != Path("dev.bak"))
+    return "no device";
   const Files files = Get();
   return files.size() == 1 ? files.begin()->second : "left behind: other files";
 }
