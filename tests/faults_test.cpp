@@ -33,7 +33,6 @@ struct Blow {
   bool andLater;
   bool half = false;  // half of a write goes out first, and all that lies in the buffer
   int step = 1;       // of the short tests: one call in so many is struck
-  friend void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
 };
 const Blow BLOWS[] = {
     {"AnyCall", Imports, EIO, false, false, 4},
@@ -119,7 +118,7 @@ int FaultsTest::StrikeEach(const Call& call, int first) {
   const std::string fresh = Scan();
   EXPECT_EQ(old != fresh, call.changes);
   reload();
-  const int step = LongTests() ? 1 : blow.step;
+  const int step = getenv("VAKRO_LONG_TESTS") != nullptr ? 1 : blow.step;
   int struck = 0;
   for (int at = 1 + first % step; !HasFailure(); at += step, struck++) {
     const std::string record = Describe(*device);

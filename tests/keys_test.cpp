@@ -40,37 +40,27 @@ TEST_F(KeysTest, AGeneratedKeypairIsUsableAtOnceAndAfterARescan) {
   }
 }
 
-// Sealed here opens there, and the other way round.
+// Sealed here opens there, and the other way round. Short numbers are padded on the left.
 TEST_F(KeysTest, APrivateKeyIsSealedUnderPinSaltAndTag) {
+  auto vectors = ReadVectors("keys.txt");
   std::set<std::string> fresh;
-  for (const TestKey* key : {&TestRsa(), &TestP256(), &TestSm2()}) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"rsa2048_pair", "rsa2048"}, {"p256_pair", "p256"},      {"sm2_pair", "sm2"},
+      {"short_pair", "short"},     {"short_dropped", "short"}, {"short_added", "short"}};
+  for (const auto& [given, key] : cases) {
     for (const std::string pin : {PIN, "", "\xff\xfe long 0123456789012345678901234567890123456"}) {
-      SCOPED_TRACE(std::to_string(key->curve) + " PIN " + pin);
-      const StoredKeypair stored{.key = key, .pin = pin};
+      SCOPED_TRACE(given + " PIN " + pin);
       const DeviceHandle device =
-          Load(StoredDevice{.keypairs = {stored.Json()}}.File(), pin.c_str());
+          Load(StoredDevice{.keypairs = {StoredKeypair{.pin = pin}.Json()}}.File(), pin.c_str());
       KeypairHandle made;
-      ASSERT_EQ(Import(device.get(), key->pair, made), 1);
-      EXPECT_EQ(EVP_PKEY_eq(made->privateKey, device->keypairs[0]->privateKey), 1);
-      EXPECT_TRUE(made->bits == static_cast<unsigned int>(key->bits) && made->curve == key->curve);
-      EXPECT_EQ(Bytes(made->publicKey, made->publicKeyLen), key->publicKey);
-      EXPECT_TRUE(IsSealed(*made, key->pair, pin));
+      ASSERT_EQ(Import(device.get(), vectors[given], made), 1);
+      EXPECT_EQ(Bytes(made->publicKey, made->publicKeyLen), vectors[key + "_public"]);
+      EXPECT_TRUE(IsSealed(*made, vectors[key + "_pair"], pin));
       EXPECT_TRUE(fresh.insert(Bytes(made->salt, 32)).second && made->saltLen == 32);
       EXPECT_TRUE(fresh.insert(Bytes(made->iv, 16)).second && made->ivLen == 16);
       made.reset();
       EXPECT_EQ(Describe(*Rescan(pin.c_str()), false), Describe(*device, false));
     }
-  }
-}
-
-TEST_F(KeysTest, ShortNumbersArePaddedOnTheLeft) {
-  auto vectors = ReadVectors("keys.txt");
-  for (const char* name : {"short_pair", "short_dropped", "short_added"}) {
-    const DeviceHandle device = Load();
-    KeypairHandle made;
-    ASSERT_EQ(Import(device.get(), vectors[name], made), 1) << name;
-    EXPECT_TRUE(IsSealed(*made, vectors["short_pair"])) << name;
-    EXPECT_EQ(Bytes(made->publicKey, made->publicKeyLen), vectors["short_public"]) << name;
   }
 }
 

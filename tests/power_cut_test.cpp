@@ -26,25 +26,24 @@ struct Disk {
 
   std::set<Files> AfterPowerCut() const {
     std::set<Files> all;
-    for (const Names& names : folders) {
-      std::set<Files> left = {{}};
-      for (const auto& [name, number] : names) {
-        const auto& [now, safe] = files.at(number);
-        std::set<std::string> pieces = {now, safe};
-        if (now != safe)
-          pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
-        std::set<Files> more;
-        for (Files some : left) {
-          for (const std::string& piece : pieces) {
-            some[name] = piece;
-            more.insert(some);
-          }
-        }
-        left = more;
-      }
-      all.merge(left);
-    }
+    for (const Names& names : folders) AddCuts(names, names.begin(), {}, all);
     return all;
+  }
+
+  // Adds what `left` becomes with each piece of each further name.
+  void AddCuts(const Names& names, Names::const_iterator next, Files left,
+               std::set<Files>& all) const {
+    if (next == names.end()) {
+      all.insert(left);
+      return;
+    }
+    const auto& [now, safe] = files.at(next->second);
+    std::set<std::string> pieces = {now, safe};
+    if (now != safe) pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
+    for (const std::string& piece : pieces) {
+      left[next->first] = piece;
+      AddCuts(names, std::next(next), left, all);
+    }
   }
 
   Files AfterKill() const {

@@ -76,12 +76,10 @@ Call Kept(Result (*function)(Args...)) {
 }
 template <class T>
 void* Kept(T& thing) {
-  if constexpr (std::is_pointer_v<T>)
-    return thing;
-  else if constexpr (requires { thing.data(); })
+  if constexpr (requires { thing.data(); })
     return thing.data();
-  else if constexpr (requires { thing.get(); })
-    return thing.get();
+  else if constexpr (requires { *thing; })
+    return &*thing;
   else
     return &thing;
 }

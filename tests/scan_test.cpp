@@ -51,9 +51,7 @@ TEST_F(ScanTest, SeventyDevicesOfLongNamesGiveSixtyFour) {
   Write("orphan.bak", old_);
   const SetHandle set(DeviceGetAllDevices());
   EXPECT_EQ(DeviceGetDeviceCount(set.get()), 64);
-  const SetHandle second(DeviceGetAllDevices());
-  EXPECT_EQ(DeviceGetDeviceCount(second.get()), 64);
-  EXPECT_TRUE(Exists("orphan.bak") || Exists(name + "0.bak"));
+  EXPECT_EQ(List().size(), 71u) << "what did not fit is left alone";
 }
 
 TEST_F(ScanTest, AFolderThatCannotBeListedGivesNull) {

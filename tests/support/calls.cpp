@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <openssl/rand.h>
-#include <stdlib.h>
 #include <sys/file.h>
 #include <filesystem>
 #include <tuple>
@@ -14,8 +13,6 @@
 static KeypairHandle g_keypair;  // handed out by the last call
 static SetHandle g_set;
 static DeviceHandle g_device;
-
-bool LongTests() { return getenv("VAKRO_LONG_TESTS") != nullptr; }
 
 bool IsFolderFree(const std::string& folder) {
   const Descriptor fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY));
@@ -94,27 +91,19 @@ static int StartAndStop(Device* /*device*/) {
   return started;
 }
 
-// `more` adds that many keypairs and objects.
-static std::string Stored(bool datas, int more) {
+static std::string Stored(bool datas) {
   StoredDevice device;
   device.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
                      StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
                      StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
-  std::vector<std::string> list = {StoredData(1, "first"), StoredData(2, "second")};
-  for (int i = 0; i < more; i++) {
-    const std::string name = "more " + std::to_string(i);
-    device.keypairs.push_back(StoredKeypair{.label = name, .certs = {name}}.Json());
-    list.push_back(StoredData(10 + i, name));
-  }
-  if (datas) device.more = {Array(list)};
+  if (datas) device.more = {Array({StoredData(1, "first"), StoredData(2, "second")})};
   return device.File();
 }
 
 std::vector<Call> AllCalls() {
   static const ECCKeypairParams p256 = {CURVE_P256, 0}, sm2Once = {CURVE_SM2, 1};
   static const RSAKeypairParams rsaOnce = {nullptr, 0, 1};
-  const int more = LongTests() ? 6 : 0;
-  const std::string full = Stored(true, more), bare = Stored(false, more);
+  const std::string full = Stored(true), bare = Stored(false);
   const std::string older = StoredDevice().File(), damaged = full.substr(0, full.size() / 2);
   std::vector<Call> all = {
       {"certificate added", AddCert, true},
