@@ -132,6 +132,7 @@ class ResultsTest : public OperationsTest {
     if (want == 1) {
       EXPECT_EQ(call(), 1);
       EXPECT_EQ(Read("dev") != file, writes) << "the file";
+      EXPECT_FALSE(Exists("dev.bak"));
     } else {
       Refuses(want, device_.get(), call);
       EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_);
@@ -204,7 +205,7 @@ class ResultsTest : public OperationsTest {
 TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string digest(64, 'e'), block = '\0' + std::string(256, 'b'), ones(256, '\xff');
   std::string pair = TestP256().pair, encoding = TestP256().publicKey;
-  std::string pairOf2 = Flipped(pair, 11, 4 ^ 2), label63(63, 'l'), label64(64, 'l');
+  std::string pairOf2 = Flipped(pair, 11, 4 ^ 2);
   std::string rsaCipher = Encrypt(rsaPublic_.get(), 16, digest.substr(32));
   std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature;
   std::string pin = PIN, empty;
@@ -228,9 +229,9 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   PublicKey* publicHandle = DeviceGetPublicKeyFromKeypair(p256_);
   things_ = NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
                   p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block,
-                  ones, pair, pairOf2, encoding, label63, label64, rsaCipher, sm2Cipher, signature,
-                  pin, onP256, onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa,
-                  empty, aead, out, made_, key_, n_);
+                  ones, pair, pairOf2, encoding, rsaCipher, sm2Cipher, signature, pin, onP256,
+                  onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa, empty, aead,
+                  out, made_, key_, n_);
   things_["-"] = nullptr;
   PlayAll("stored_changes.txt");
   PlayAll("results.txt");
