@@ -9,16 +9,13 @@
 #include <utility>
 
 namespace {
-std::shared_ptr<VakroJson> Tree(const std::string& text) {
-  return Json(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
-}
-
 // A word of the table: a number, a JSON value, the name of something, or a text for itself.
 struct Word {
   std::string text;
   const std::map<std::string, void*>& things;
   int number = static_cast<int>(strtoll(text.c_str(), nullptr, 0));
-  std::shared_ptr<VakroJson> tree = Tree(text);
+  std::shared_ptr<VakroJson> tree =
+      Json(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
 
   explicit operator int() const { return number; }
   explicit operator unsigned int() const { return static_cast<unsigned int>(number); }
@@ -184,11 +181,6 @@ class ResultsTest : public OperationsTest {
     }
   }
 
-  void PlayAll(const char* table) {
-    base_ = TextOf(Read("dev"));
-    for (const std::string& row : ReadRows(table)) Play(row);
-  }
-
   // The text that the table began with, and a fourth item.
   std::string WithMore(const std::string& item) const {
     return base_.substr(0, base_.size() - 1) + "," + item + "]";
@@ -233,7 +225,9 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
                   onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa, empty, aead,
                   out, made_, key_, n_);
   things_["-"] = nullptr;
-  PlayAll("stored_changes.txt");
-  PlayAll("results.txt");
+  for (const char* table : {"stored_changes.txt", "results.txt"}) {
+    base_ = TextOf(Read("dev"));
+    for (const std::string& row : ReadRows(table)) Play(row);
+  }
   closed_.reset();
 }

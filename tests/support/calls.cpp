@@ -62,8 +62,8 @@ static int VerifyAnew(Device* device) {
 
 static int NewPin(Device* device) { return DeviceChangePwd(device, 1, PIN, "new PIN", nullptr); }
 
-// Signs and encrypts, by algorithms that are not 0, and back with a public key that has gone out of
-// the module and in again.
+// Signs and, if there is a cipher, encrypts, and back with a public key that has gone out of the
+// module and in again.
 static int Use(Keypair* keypair, unsigned int signing, unsigned int cipher) {
   static unsigned char e[32], out[600], text[32];
   int length = 0;
@@ -73,8 +73,8 @@ static int Use(Keypair* keypair, unsigned int signing, unsigned int cipher) {
       DeviceImportPublicKey(nullptr, out, length, &key) != 1)
     return 0;
   const PublicHandle owned(key);
-  if (signing != 0 && (DeviceSign(keypair, signing, nullptr, e, 32, out, 600, &length) != 1 ||
-                       DeviceVerify(key, signing, nullptr, e, 32, out, length) != 1))
+  if (DeviceSign(keypair, signing, nullptr, e, 32, out, 600, &length) != 1 ||
+      DeviceVerify(key, signing, nullptr, e, 32, out, length) != 1)
     return 0;
   if (cipher == 0) return 1;
   return DevicePublicKeyEncrypt(key, cipher, nullptr, e, 4, out, 600, &length) == 1
@@ -125,8 +125,7 @@ std::vector<Call> AllCalls() {
       {"handle taken", TakeHandle},
       {"start and stop", StartAndStop},
       {"ECDSA", [](Device* d) { return Use(d->keypairs[0], 2048, 0); }},
-      {"SM2 signature", [](Device* d) { return Use(d->keypairs[1], 4096, 0); }},
-      {"SM2 cipher", [](Device* d) { return Use(d->keypairs[1], 0, 64); }},
+      {"SM2", [](Device* d) { return Use(d->keypairs[1], 4096, 64); }},
       {"RSA", [](Device* d) { return Use(d->keypairs[2], 256, 16); }},
   };
   // Refused, which is 1 here: the backup may be the only good copy.
