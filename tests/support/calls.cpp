@@ -10,7 +10,7 @@
 
 // --- The calls -----------------------------------------------------------------------------------
 
-static KeypairHandle g_keypair;  // handed out by the last call
+static Keypair* g_keypair;  // handed out by the last call
 static SetHandle g_set;
 static DeviceHandle g_device;
 
@@ -20,26 +20,20 @@ bool IsFolderFree(const std::string& folder) {
 }
 
 static int Import(Device* device, const std::string& pair) {
-  Keypair* made = nullptr;
-  const int result = DeviceImportKeypair(device, Raw(pair), Len(pair), 3, "new", &made);
-  g_keypair.reset(made);
-  return result;
+  return DeviceImportKeypair(device, Raw(pair), Len(pair), 3, "new", &g_keypair);
 }
 
 static int Generate(Device* device, unsigned int algorithm, int bits, const void* params) {
-  Keypair* made = nullptr;
-  const int result = DeviceGenerateKeypair(device, algorithm, bits, params, 3, "new", &made);
-  g_keypair.reset(made);
-  return result;
+  return DeviceGenerateKeypair(device, algorithm, bits, params, 3, "new", &g_keypair);
 }
 
 static int TakeHandle(Device* device) {
-  g_keypair.reset(DeviceGetKeypair(device, 0));
-  return g_keypair ? 1 : 0;
+  g_keypair = DeviceGetKeypair(device, 0);
+  return g_keypair != nullptr ? 1 : 0;
 }
 
 static int DropKeypair(Device* device) {
-  return TakeHandle(device) == 1 ? DeviceDeleteKeypair(g_keypair.get()) : 0;
+  return TakeHandle(device) == 1 ? DeviceDeleteKeypair(g_keypair) : 0;
 }
 
 static int AddCert(Device* device) {
@@ -192,7 +186,7 @@ int CallsTest::Run(const Call& call, Device* device, int (*hook)(const ImportCal
   HookCalls(hook);
   const int result = call.run(device);
   HookCalls(nullptr);
-  g_keypair.reset();
+  KeypairHandle{std::exchange(g_keypair, nullptr)};
   g_device.reset();
   g_set.reset();
   return result;
