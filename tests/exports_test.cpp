@@ -1,9 +1,7 @@
-// The module's symbols and its C interface.
+// The module's symbols.
 #include "tests/support/world.h"
 
 #include <dlfcn.h>
-
-extern "C" int InterfaceFromC(void);
 
 TEST(ExportsTest, EveryFunctionIsVisibleUnderItsName) {
   void* library = dlopen("libvakro_device.so", RTLD_NOW | RTLD_NOLOAD);
@@ -17,5 +15,3 @@ TEST(ExportsTest, EveryFunctionIsVisibleUnderItsName) {
   }
   dlclose(library);
 }
-
-TEST_F(ModuleTest, TheInterfaceServesC) { EXPECT_EQ(InterfaceFromC(), 1); }

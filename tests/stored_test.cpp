@@ -58,7 +58,7 @@ TEST_F(StoredTest, EveryCheckOfTheText) {
     for (int i = 0; set->count == 1 && i < set->devices[0]->keypairCount; i++) {
       const Keypair& k = *set->devices[0]->keypairs[i];
       keypairs.push_back(std::to_string(static_cast<int>(k.type)) + ":" +
-                         std::to_string(k.certCount));
+                         std::to_string(k.certCount) + (Json(Keypair2Json(&k)) ? "" : "!"));
     }
     EXPECT_EQ(set->count == 0 ? "none" : Array(keypairs), want);
   }
@@ -84,7 +84,9 @@ TEST_F(StoredTest, CertificatesComeAndGoInOrder) {
     EXPECT_EQ(Text(), With({"one", "three", "four", "one"}));
     EXPECT_EQ(DeviceDeleteCertificate(keypair, 3), 1);  // the first of the equal ones goes
     EXPECT_EQ(Text(), With({"three", "four", "one"}));
-    EXPECT_EQ(UpdateKeypairToFile(keypair), datas ? 0 : 1);
+    const auto update = [&] { return UpdateKeypairToFile(keypair); };
+    Refuses(0, device.get(), [&] { return WithFault({"fwrite", 3}, update); });  // no backup here
+    EXPECT_EQ(update(), datas ? 0 : 1);
     EXPECT_EQ(Text(), datas ? With({"three", "four", "one"}) : With({"one", "three", "four"}));
     for (char c = 'a'; c < 'h'; c++) EXPECT_EQ(Add(keypair, std::string(1, c)), 1);
     Refuses(0, device.get(), [&] { return Add(keypair, "the eleventh"); });
@@ -109,25 +111,26 @@ TEST_F(StoredTest, KeypairsComeAndGo) {
   EXPECT_EQ(Text(), before);
 }
 
-TEST_F(StoredTest, AKeypairWithAnEmptyFieldIsNeverStored) {
+// A read takes the file's tag over; the whole record keeps its own, which its keys are bound to.
+TEST_F(StoredTest, TheTagIsThatOfTheFileOrOfTheRecord) {
   const DeviceHandle device = Load(stored_.File());
-  Keypair* const k = device->keypairs[0];
-  for (int* field :
-       {&k->saltLen, &k->ivLen, &k->publicKeyLen, &k->encryptedPrivateKeyLen, &k->certCount}) {
-    const int whole = std::exchange(*field, field == &k->certCount ? -1 : 0);
-    EXPECT_EQ(Keypair2Json(k), nullptr);
-    *field = whole;
-  }
+  Write("dev", stored_.File(7));
+  EXPECT_EQ(UpdateDeviceDataToFile(device.get()), 1);
+  EXPECT_EQ(Read("dev").substr(0, 4), Word(TAG));
+  Write("dev", "damaged");
+  Write("dev.bak", stored_.File(7));
+  EXPECT_EQ(DeviceCreateData(device.get(), 1, 0, 1), 1);
+  EXPECT_EQ(device->fileTag, 7u);
 }
 
-TEST_F(StoredTest, AFileWithoutAContainerIsLeftAlone) {
-  const DeviceHandle device = Load(stored_.File());
-  Keypair* const keypair = device->keypairs[0];
-  for (const std::string& file : {std::string("short"), Word(1) + Word(0xfffffff8) + "[]"}) {
-    Write("dev", file);
-    Refuses(0, device.get(), [&] { return Add(keypair, "cert"); });
-    Refuses(0, device.get(), [&] { return DeviceDeleteCertificate(keypair, 0); });
-    Refuses(0, device.get(), [&] { return DeviceDeleteKeypair(keypair); });
+// A backup whose group can't be that of the file gives the group what everybody had.
+TEST_F(StoredTest, ABackupIsNoMoreReadable) {
+  const DeviceHandle device = Load();
+  for (const auto& [mode, want] : {std::pair(0640, "33152"), std::pair(0644, "33188")}) {
+    Write("dev", Read("dev"), static_cast<unsigned int>(mode));
+    if (chown(Path("dev").c_str(), static_cast<uid_t>(-1), 12345) != 0) GTEST_SKIP() << "not root";
+    WithFault({"fchown|fwrite", 1, true}, [&] { return DeviceCreateData(device.get(), 5, 0, 1); });
+    EXPECT_EQ(List()["dev.bak"], want);
   }
 }
 
@@ -146,7 +149,5 @@ TEST_F(StoredTest, AListOfDataObjectsHasRoomForEightMore) {
   EXPECT_EQ(WriteAllDatasToFile(device.get(), list, count), 1);
   stored_.more = {Array(items)};
   EXPECT_EQ(Text(), stored_.Json());
-  Write("dev", Flipped(Read("dev"), 30));
-  Refuses(0, nullptr, [&] { return WriteAllDatasToFile(device.get(), list, count); });
   FreeDatas(list, static_cast<int>(count));
 }

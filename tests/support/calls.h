@@ -20,7 +20,7 @@ struct Call {
   Files start = {};         // the folder
 };
 std::vector<Call> AllCalls();
-bool LongTests();
+bool IsFolderFree(const std::string& folder);  // of its lock
 
 // Memory that stays shared with forked children; zero at first, never given back.
 template <class T>

@@ -34,35 +34,21 @@
 namespace {
 constexpr char OPENSSL_MALLOC[] = "OPENSSL_malloc";
 
-thread_local Fault t_fault;
-thread_local bool t_armed = false;
-thread_local long t_calls = 0;
-thread_local const char* t_hit = nullptr;
+thread_local Fault t_fault = {""};
+thread_local long t_calls = 0;  // of the function to fail
 thread_local int (*t_hook)(const ImportCall&) = nullptr;
 std::atomic<long> g_live{0};
 std::deque<std::string> g_randRange;
 std::vector<std::string> g_unknown;
 
-bool IsMeant(const Fault& fault, const ImportCall& call) {
-  const std::string name = std::string("|") + call.name + "|";
-  if (fault.name == std::string("*")
-          ? call.name == OPENSSL_MALLOC
-          : ("|" + std::string(fault.name) + "|").find(name) == std::string::npos)
-    return false;
-  return fault.file == nullptr ||
-         (call.path != nullptr && std::string_view(call.path).ends_with(fault.file));
-}
-
 // Says whether the call must fail, and has then set errno.
 bool MustFail(const ImportCall& call) {
   const int usual = errno;
   int error = t_hook != nullptr ? t_hook(call) : 0;
-  if (error == 0 && t_armed && IsMeant(t_fault, call)) {
+  const std::string names = std::string("|") + t_fault.name + "|";
+  if (names.find(std::string("|") + call.name + "|") != std::string::npos) {
     t_calls++;
-    if (t_calls == t_fault.nth || (t_fault.andLater && t_fault.nth > 0 && t_calls > t_fault.nth)) {
-      t_hit = call.name;
-      error = t_fault.error;
-    }
+    if (t_calls == t_fault.nth || (t_fault.andLater && t_calls > t_fault.nth)) error = EIO;
   }
   errno = error != 0 ? error : usual;
   return error != 0;
@@ -263,11 +249,7 @@ const bool g_patched = [] {
 void ArmFault(const Fault& fault) {
   t_fault = fault;
   t_calls = 0;
-  t_hit = nullptr;
-  t_armed = true;
 }
-void DisarmFault() { t_armed = false; }
-const char* FaultHit() { return t_hit; }
 void HookCalls(int (*hook)(const ImportCall& call)) { t_hook = hook; }
 long LiveAllocations() { return g_live; }
 void FixRandRange(std::initializer_list<const char*> hex) {

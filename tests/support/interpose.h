@@ -11,17 +11,12 @@
 #include <vector>
 
 struct Fault {
-  // The function to fail; several joined by '|' count as one; "*" is all but OPENSSL_malloc.
-  const char* name = "*";
-  long nth = 1;                // the first call to fail, counted from 1; 0 fails none
-  bool andLater = false;       // fail all later ones too
-  int error = EIO;             // errno to leave
-  const char* file = nullptr;  // count only calls with a path that ends so
+  const char* name;       // the function to fail; several joined by '|' count as one
+  long nth = 1;           // the first call to fail, counted from 1; 0 fails none
+  bool andLater = false;  // fail all later ones too
 };
+void ArmFault(const Fault& fault);  // until a fault without a name is armed
 
-void ArmFault(const Fault& fault);
-void DisarmFault();
-const char* FaultHit();  // the function that was failed last in the last operation, or NULL
 long LiveAllocations();  // blocks of vakro_malloc not yet given to vakro_free
 void FixRandRange(std::initializer_list<const char*> hex);  // next results of BN_rand_range
 std::vector<std::string> UnknownImports();  // neither wrapped nor known to fail never
@@ -45,11 +40,10 @@ void HookCalls(int (*hook)(const ImportCall& call));
 // WithFault runs `operation` under the fault and returns its result.
 template <class Operation>
 auto WithFault(const Fault& fault, Operation operation) {
-  struct Armed {
-    explicit Armed(const Fault& f) { ArmFault(f); }
-    ~Armed() { DisarmFault(); }
-  } const armed(fault);
-  return operation();
+  ArmFault(fault);
+  auto result = operation();
+  ArmFault({""});
+  return result;
 }
 
 #endif

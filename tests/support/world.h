@@ -46,7 +46,7 @@ class ModuleTest : public testing::Test {
     Write("dev", file);
     return Rescan(pin);
   }
-  DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
+  static DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
   // live allocations as they were.
