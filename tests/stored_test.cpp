@@ -121,6 +121,14 @@ TEST_F(StoredTest, TheTagIsThatOfTheFileOrOfTheRecord) {
   Write("dev.bak", stored_.File(7));
   EXPECT_EQ(DeviceCreateData(device.get(), 1, 0, 1), 1);
   EXPECT_EQ(device->fileTag, 7u);
+  Write("dev", "damaged");
+  Write("dev.bak", stored_.File(8));
+  unsigned char* text = nullptr;
+  unsigned int length = 0;
+  ASSERT_EQ(GetDeviceDataFromFile(device.get(), &text, &length), 1);
+  const UtilBytes owned(text);
+  EXPECT_EQ(Bytes(text, length), stored_.Json());
+  EXPECT_EQ(device->fileTag, 8u);
 }
 
 // A backup whose group can't be that of the file gives the group what everybody had.
