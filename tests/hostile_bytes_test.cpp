@@ -80,7 +80,7 @@ TEST_F(HostileBytes, Keypairs) {
   EXPECT_EQ(DecodeRSAPair(Raw(rsa) + 12, Len(rsa) - 11), nullptr) << "a byte is left over";
 }
 
-TEST_F(HostileBytes, Signatures) {
+TEST_F(HostileBytes, SignaturesAndCiphertexts) {
   const std::string digest(32, 'e');
   for (const auto& [keypair, key, algorithm] : {std::tuple(rsa_, rsaPublic_.get(), 256u),
                                                 {p256_, p256Public_.get(), 2048u},
@@ -92,6 +92,11 @@ TEST_F(HostileBytes, Signatures) {
                  return Verify(verifier, by, digest, changed) == 0;
                });
   }
+  const std::string ciphertext = Encrypt(sm2Public_.get(), 64, "text");
+  ASSERT_EQ(Decrypt(sm2_, 64, ciphertext), "text");
+  EachChange(ciphertext, FEW, [&](const std::string& changed, size_t) {
+    return Decrypt(sm2_, 64, changed) == "result 0";
+  });
 }
 
 // --- Device files ---
