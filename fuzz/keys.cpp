@@ -76,4 +76,9 @@ FUZZ(public_key_encoding) {
   DEMAND(View(key->publicKey, key->publicKeyLen) == input && bits > 0);
   DEMAND(IsNormal(key->key, input, i2d_PublicKey));
   Use<DevicePublicKeyEncrypt>(key.get(), static_cast<unsigned int>(bits));
+  // Without the key of a pair no signature is known, and this one is of the size that RSA wants.
+  const std::string signature(static_cast<size_t>(bits + 7) / 8, '\1'), digest(32, 'e');
+  for (const unsigned int by : {ALGORITHM_RSA_PKCS1_SIGN, ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN})
+    DEMAND(DeviceVerify(key.get(), by, nullptr, Raw(digest), 32, Raw(signature), Len(signature)) !=
+           VAKRO_OK);
 }
