@@ -7,23 +7,19 @@
 
 #include <signal.h>
 #include <stdio_ext.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <string_view>
 
 namespace {
-bool Allocates(const ImportCall& call) { return call.name == std::string_view("OPENSSL_malloc"); }
+bool Allocates(const ImportCall& call) { return call.name == "OPENSSL_malloc"; }
 bool Imports(const ImportCall& call) { return !Allocates(call); }
 bool OnFiles(const ImportCall& call) { return call.onFiles; }
 bool Modifies(const ImportCall& call) { return call.modifies; }
 bool Buffers(const ImportCall& call) {
-  const std::string_view name = call.name;
-  return name == "fwrite" || name == "fflush" || name == "fclose";
+  return call.name == "fwrite" || call.name == "fflush" || call.name == "fclose";
 }
-bool Opens(const ImportCall& call) { return call.onFiles && strstr(call.name, "open") != nullptr; }
-bool OpensDevice(const ImportCall& call) {
-  return Opens(call) && std::string_view(call.path).ends_with("/dev");
+bool Opens(const ImportCall& call) {
+  return call.onFiles && call.name.find("open") != std::string::npos;
 }
+bool OpensDevice(const ImportCall& call) { return Opens(call) && call.path.ends_with("/dev"); }
 
 constexpr int KILL = -1;  // in the place of an errno
 struct Blow {
@@ -58,104 +54,88 @@ const std::string DISPENSABLE =
     "VakroPKICryptoHashUpdate VakroPKICryptoHashFinal EVP_MD_CTX_new EVP_DigestInit_ex "
     "EVP_DigestUpdate EVP_DigestFinal_ex OPENSSL_malloc ";
 
-// Of the struck process, for the parent to see.
-struct Struck {
-  const Blow* by;  // the same in both
-  int calls;
-  int at;         // the call to strike
-  char name[40];  // the function that was struck first
-};
-Struck* const g_struck = Shared<Struck>();
+// The hook that deals the blow.
+struct Strike {
+  const Blow& blow;
+  int at;  // the call to strike, counted from 1
+  int calls = 0;
+  std::string name = {};  // of the function that was struck first
 
-int Strike(const ImportCall& call) {
-  const Blow& blow = *g_struck->by;
-  if (!blow.hits(call)) return 0;
-  g_struck->calls++;
-  const bool first = g_struck->calls == g_struck->at;
-  if (!first && !(blow.andLater && g_struck->calls > g_struck->at)) return 0;
-  if (first) strncpy(g_struck->name, call.name, sizeof(g_struck->name) - 1);
-  if (first && blow.half && call.bytes != nullptr)
-    fwrite(call.bytes, 1, call.length / 2, call.stream);
-  if (first && blow.half && call.stream != nullptr) fflush(call.stream);
-  if (blow.error == KILL) kill(getpid(), SIGKILL);
-  if (Buffers(call)) __fpurge(call.stream);  // what the disk did not take is lost
-  return blow.error;
-}
+  int operator()(const ImportCall& call) {
+    if (!blow.hits(call)) return 0;
+    calls++;
+    if (calls < at || (calls > at && !blow.andLater)) return 0;
+    if (calls == at) {
+      name = call.name;
+      if (blow.half && call.stream != nullptr) {
+        fwrite(call.bytes, 1, call.length / 2, call.stream);
+        fflush(call.stream);
+      }
+      if (blow.error == KILL) kill(getpid(), SIGKILL);
+    }
+    if (Buffers(call)) __fpurge(call.stream);  // what the disk did not take is lost
+    return blow.error;
+  }
+};
 }  // namespace
 
 class FaultsTest : public CallsTest, public testing::WithParamInterface<Blow> {
  protected:
-  static constexpr int KILLED = 100;
-
-  // Makes the call, in a child if it is to be killed; its result, or KILLED.
-  static int RunStruck(const Call& call, Device* device, int at) {
-    *g_struck = {&GetParam(), 0, at, ""};
-    if (GetParam().error != KILL) return Run(call, device, Strike);
-    const pid_t child = fork();
-    if (child == 0) _exit(Run(call, device, Strike));
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL ? KILLED : WEXITSTATUS(status);
-  }
-
   int StrikeEach(const Call& call, int first);
 };
 
 // Strikes every call that is made in turn; returns how many there were.
 int FaultsTest::StrikeEach(const Call& call, int first) {
   const Blow& blow = GetParam();
+  const int step = getenv("VAKRO_LONG_TESTS") != nullptr ? 1 : blow.step;
   const long base = LiveAllocations();
-  DeviceHandle device;
-  const auto reload = [&] {
-    device.reset();
-    EXPECT_EQ(LiveAllocations(), base);
-    device = Prepare(call);
-  };
-  const std::string old = Scan(call.start);
-  reload();
+  const std::string old = Found(call.start);
+  DeviceHandle device = Prepare(call);
   EXPECT_EQ(Run(call, device.get()), 1);
   EXPECT_EQ(List()["dev"].substr(0, 5), "33184") << "the mode";
-  const std::string fresh = Scan();
+  const std::string fresh = Found(Get());
   EXPECT_EQ(old != fresh, call.changes);
-  reload();
-  const int step = getenv("VAKRO_LONG_TESTS") != nullptr ? 1 : blow.step;
+  device.reset();
+  EXPECT_EQ(LiveAllocations(), base);
   int struck = 0;
   for (int at = 1 + first % step; !HasFailure(); at += step, struck++) {
+    if (!device) device = Prepare(call);
     const std::string record = Describe(*device);
     const long live = LiveAllocations();
     Put(call.start);
-    const int result = RunStruck(call, device.get(), at);
-    if (g_struck->calls < at) break;
-    const std::string name = g_struck->name;
-    SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + name + ", result " +
+    Strike strike{blow, at};
+    const auto run = [&] { return Run(call, device.get(), std::ref(strike)); };
+    const bool killed = blow.error == KILL && WaitFor(Fork(run)) == SIGKILL;
+    const int result = blow.error == KILL ? 0 : run();
+    if (!killed && strike.calls < at) break;
+    SCOPED_TRACE(call.what + ", call " + std::to_string(at) + " " + strike.name + ", result " +
                  std::to_string(result));
-    EXPECT_TRUE(DeviceUnlockDevice(nullptr) == 0 && IsFolderFree(folder_));
+
+    EXPECT_TRUE(DeviceUnlockDevice(nullptr) == 0 && IsFolderFree());
+    const bool same = Describe(*device) == record;
+    EXPECT_TRUE(same || result == 1 || call.failure == -5);
+    if (!same) device.reset();
+    EXPECT_EQ(LiveAllocations(), same ? live : base);
     const Files left = Get();
-    const std::string found = Scan();
-    EXPECT_TRUE(Opens(found, found == old ? PIN : call.pin));
-    const bool changed = Describe(*device) != record;
-    EXPECT_TRUE(changed || LiveAllocations() == live);
-    EXPECT_TRUE(!changed || result == 1 || call.failure == -5);
-    if (changed) reload();
-    if (name == "vakro_json_getarrayitem") continue;  // what is not handed out counts as absent
+    const std::string& found = Found(left);
+    if (strike.name == "vakro_json_getarrayitem") continue;  // not handed out, it counts as absent
     EXPECT_TRUE(found == old || found == fresh);
-    if (blow.error == KILL) {
-      EXPECT_EQ(result, KILLED);
+    if (killed) continue;
+    EXPECT_TRUE(result == 0 || result == 1 || result == call.failure);
+    if (result == 1) {
+      EXPECT_TRUE(found == fresh);
+      EXPECT_TRUE(!call.changes || DISPENSABLE.find(" " + strike.name + " ") != std::string::npos);
       continue;
     }
-    EXPECT_TRUE(result == 0 || result == 1 || result == call.failure);
-    EXPECT_TRUE(result != 1 || !call.changes ||
-                DISPENSABLE.find(" " + name + " ") != std::string::npos);
-    EXPECT_TRUE(result != 1 || found == fresh);
     // Only where the old content could not be put back may a failure leave the new one.
-    EXPECT_TRUE(result == 1 || found == old || blow.andLater);
-    if (result == 1 || found != old) continue;
-    if (!blow.andLater) Put(left);
+    EXPECT_TRUE(found == old || blow.andLater);
+    if (found != old) continue;
     // The blinding of an RSA key of OpenSSL 3.0 whose update failed stays wrong for some uses.
-    if (blow.hits == Allocates) reload();
+    if (!device || blow.hits == Allocates) device = Prepare(call);
+    Put(blow.andLater ? Files{{"dev", found}} : left);
     EXPECT_EQ(Run(call, device.get()), 1) << "when made again";
-    EXPECT_EQ(Scan(), fresh);
-    if (Describe(*device) != record) reload();
+    EXPECT_TRUE(Found(Get()) == fresh);
+    if (Describe(*device) != record) device.reset();
   }
   return struck;
 }

@@ -9,9 +9,9 @@
 // write the folder, and the power go then.
 #include "tests/support/calls.h"
 
-#include <fcntl.h>
 #include <filesystem>
-#include <list>
+#include <fstream>
+#include <set>
 
 namespace {
 struct Disk {
@@ -19,168 +19,159 @@ struct Disk {
     std::string now, safe;  // as processes read it, and on the disk
     auto operator<=>(const File&) const = default;
   };
-  using Names = std::map<std::string, int>;
-  std::map<int, File> files;   // by a number that stays whatever their names
-  std::vector<Names> folders;  // the folder on the disk, and as it was after each later change
+  using Names = std::map<std::string, size_t>;
+  std::vector<File> files;  // by a number that stays whatever their names
+  std::vector<Names> folders = {
+      {}};  // the folder on the disk, and as it was after each later change
   auto operator<=>(const Disk&) const = default;
 
-  std::set<Files> AfterPowerCut() const {
-    std::set<Files> all;
-    for (const Names& names : folders) AddCuts(names, names.begin(), {}, all);
-    return all;
-  }
-
-  // Adds what `left` becomes with each piece of each further name.
-  void AddCuts(const Names& names, Names::const_iterator next, Files left,
-               std::set<Files>& all) const {
-    if (next == names.end()) {
-      all.insert(left);
-      return;
-    }
-    const auto& [now, safe] = files.at(next->second);
-    std::set<std::string> pieces = {now, safe};
-    if (now != safe) pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
-    for (const std::string& piece : pieces) {
-      left[next->first] = piece;
-      AddCuts(names, std::next(next), left, all);
+  explicit Disk(const Files& safe) {
+    for (const auto& [name, content] : safe) {
+      folders[0][name] = files.size();
+      files.push_back({content, content});
     }
   }
 
   Files AfterKill() const {
     Files left;
-    for (const auto& [name, number] : folders.back()) left[name] = files.at(number).now;
+    for (const auto& [name, number] : folders.back()) left[name] = files[number].now;
     return left;
   }
-};
 
-// Watches the file calls of one operation. What a call has done is looked at when the next is made.
-class Watch {
- public:
-  Disk disk;
-  std::set<Disk> moments;
-  std::set<Files> cuts;  // what a power cut may leave
-  int locks = 0;         // taken and given back
-
-  // From a folder that is safe on the disk, or as a process has left it that was killed.
-  explicit Watch(const std::string& folder) : folder_(folder) {
-    disk.folders = {{}};
-    Look();
-    for (auto& [number, file] : disk.files) file.safe = file.now;
-    disk.folders = {disk.folders.back()};
-    s_watch = this;
-  }
-  Watch(const std::string& folder, const Disk& killed) : disk(killed), folder_(folder) {
-    for (const auto& [name, number] : disk.folders.back()) numbers_[Inode(name)] = number;
-    s_watch = this;
-  }
-
-  // What is read and written belongs together under one lock of the folder; but the making of a
-  // key, which may take minutes, leaves the folder to others.
-  static int OnCall(const ImportCall& call) {
-    const std::string_view name = call.name;
-    const bool makesKey = name == "RSA_generate_key_ex" || name == "EC_KEY_generate_key";
-    if (call.modifies || name == "fopen" || makesKey) {
-      EXPECT_EQ(IsFolderFree(s_watch->folder_), makesKey) << name;
+  std::set<Files> AfterPowerCut() const {
+    std::set<Files> all;
+    for (const Names& names : folders) {
+      std::set<Files> cuts = {{}};
+      for (const auto& [name, number] : names) {
+        const auto& [now, safe] = files[number];
+        std::set<std::string> pieces = {now, safe};
+        if (now != safe)
+          pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
+        std::set<Files> with;
+        for (Files cut : cuts)
+          for (const std::string& piece : pieces) {
+            cut[name] = piece;
+            with.insert(cut);
+          }
+        cuts.swap(with);
+      }
+      all.merge(cuts);
     }
-    if (name == "flock") s_watch->locks++;
-    if (call.onFiles) s_watch->Step(call);
-    return 0;
+    return all;
   }
-
-  void Step(const ImportCall& next) {
-    Look();
-    if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
-    if (const auto file = numbers_.find(synced_); file != numbers_.end())
-      disk.files[file->second].safe = disk.files[file->second].now;
-    moments.insert(disk);
-    cuts.merge(disk.AfterPowerCut());
-    struct stat status = {};
-    const bool syncs = std::string(next.name).ends_with("sync");
-    synced_ = syncs && fstat(next.fd, &status) == 0 ? status.st_ino : 0;
-  }
-
- private:
-  ino_t Inode(const std::string& name) const {
-    struct stat status = {};
-    return stat((folder_ + name).c_str(), &status) == 0 ? status.st_ino : 0;
-  }
-
-  void Look() {
-    Disk::Names names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-      const std::string name = entry.path().filename();
-      const auto next = static_cast<int>(disk.files.size());
-      const auto [file, fresh] = numbers_.try_emplace(Inode(name), next);
-      if (fresh) kept_.emplace_back(open(entry.path().c_str(), O_RDONLY));  // no inode comes again
-      names[name] = file->second;
-      disk.files[file->second].now = ReadText(entry.path());
-    }
-    if (names != disk.folders.back()) disk.folders.push_back(names);
-  }
-
-  static inline Watch* s_watch;
-  const std::string folder_;
-  std::map<ino_t, int> numbers_;
-  std::list<Descriptor> kept_;
-  ino_t synced_ = 0;  // by the last call
 };
 }  // namespace
 
 class PowerCutTest : public CallsTest {
  protected:
   using Outcomes = std::set<std::string>;
+  class Watch;
 
-  // Makes the call. A power cut at any step leaves one of `outcomes` or what the call leaves; once
-  // a change is reported, nothing but that. Returns the outcomes and what the call left.
-  Outcomes Follow(Watch& watch, const Call& call, Device* device, Outcomes outcomes) {
-    EXPECT_EQ(Run(call, device, Watch::OnCall), 1);
-    watch.Step({.name = "end"});
-    cuts_ += watch.cuts.size();
-    const std::string left = Found(Get());
-    outcomes.insert(left);
-    for (const Files& files : watch.cuts) EXPECT_TRUE(outcomes.contains(Found(files)));
-    if (!call.changes) return outcomes;
-    for (const Files& files : watch.disk.AfterPowerCut())
-      EXPECT_TRUE(Found(files) == left) << "reported, then lost";
-    return outcomes;
-  }
+  void Follow(const Disk& start, const Call& call, Device* device, Outcomes outcomes,
+              const std::vector<Call>& nexts = {});
 
-  const std::string& Found(const Files& files) {
-    const auto [found, fresh] = found_.try_emplace(files);
-    if (fresh) found->second = Scan(files);
-    return found->second;
-  }
-
-  std::map<Files, std::string> found_;
   size_t cuts_ = 0;
 };
 
+// The hook that watches the file calls of one operation. What a call has done is looked at when the
+// next is made.
+class PowerCutTest::Watch {
+ public:
+  Disk disk;
+  std::set<Disk> moments;
+  int locks = 0;  // taken and given back
+
+  Watch(const PowerCutTest& test, const Disk& start) : disk(start), test_(test) {
+    for (const auto& [name, number] : disk.folders.back()) Number(name, number);
+  }
+
+  // What is read and written belongs together under one lock of the folder; but the making of a
+  // key, which may take minutes, leaves the folder to others.
+  int operator()(const ImportCall& call) {
+    const bool makesKey = call.name == "RSA_generate_key_ex" || call.name == "EC_KEY_generate_key";
+    if (call.modifies || call.name == "fopen" || makesKey) {
+      EXPECT_EQ(test_.IsFolderFree(), makesKey) << call.name;
+    }
+    if (call.name == "flock") locks++;
+    if (call.onFiles) Step(call);
+    return 0;
+  }
+
+  void Step(const ImportCall& next) {
+    Look();
+    if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
+    if (const auto file = opened_.find(synced_); file != opened_.end())
+      disk.files[file->second.number].safe = disk.files[file->second.number].now;
+    moments.insert(disk);
+    struct stat status = {};
+    synced_ = next.name.ends_with("sync") && fstat(next.fd, &status) == 0 ? status.st_ino : 0;
+  }
+
+ private:
+  ino_t Inode(const std::string& name) const {
+    struct stat status = {};
+    return stat(test_.Path(name).c_str(), &status) == 0 ? status.st_ino : 0;
+  }
+
+  // The file's number: `next` for a new one, which stays open, so that its inode comes once.
+  size_t Number(const std::string& name, size_t next) {
+    const auto [at, isNew] = opened_.try_emplace(Inode(name), next, test_.Path(name));
+    return at->second.number;
+  }
+
+  void Look() {
+    Disk::Names names;
+    for (const auto& [name, content] : test_.Get()) {
+      names[name] = Number(name, disk.files.size());
+      if (names[name] == disk.files.size()) disk.files.emplace_back();
+      disk.files[names[name]].now = content;
+    }
+    if (names != disk.folders.back()) disk.folders.push_back(names);
+  }
+
+  struct Opened {
+    size_t number;
+    std::ifstream file;
+    Opened(size_t n, const std::string& path) : number(n), file(path) {}
+  };
+  const PowerCutTest& test_;
+  std::map<ino_t, Opened> opened_;
+  ino_t synced_ = 0;  // by the last call
+};
+
+// Makes the call. A power cut at any step leaves one of `outcomes` or what the call leaves; once
+// a change is reported, nothing but that. So it is when the process is killed at any step and
+// one of `nexts` follows.
+void PowerCutTest::Follow(const Disk& start, const Call& call, Device* device, Outcomes outcomes,
+                          const std::vector<Call>& nexts) {
+  SCOPED_TRACE(call.what);
+  Put(start.AfterKill());
+  Watch watch(*this, start);
+  EXPECT_EQ(Run(call, device, std::ref(watch)), 1);
+  watch.Step({.name = "end"});
+  const std::string left = Found(Get());
+  EXPECT_EQ(outcomes.insert(left).second, call.changes);
+  std::set<Files> cuts;
+  for (const Disk& moment : watch.moments) cuts.merge(moment.AfterPowerCut());
+  cuts_ += cuts.size();
+  for (const Files& files : cuts) EXPECT_TRUE(outcomes.contains(Found(files)));
+  for (const Files& files : watch.disk.AfterPowerCut())
+    EXPECT_TRUE(!call.changes || Found(files) == left) << "reported, then lost";
+  EXPECT_TRUE(watch.moments.size() == 1 || watch.locks == 2);
+  for (const Disk& moment : watch.moments)
+    for (const Call& next : nexts)
+      if (!HasFailure()) Follow(moment, next, device, outcomes);
+}
+
 TEST_F(PowerCutTest, LeavesTheOldOrTheNewDevice) {
-  const Call nexts[] = {
+  const std::vector<Call> nexts = {
       {"scan", [](Device*) { return SetHandle(DeviceGetAllDevices()) ? 1 : 0; }},
       {"create", [](Device* d) { return DeviceCreateData(d, 9, 0, 3); }, true},
   };
   for (const Call& call : AllCalls()) {
-    SCOPED_TRACE(call.what);
-    const std::string old = Scan(call.start);
-    DeviceHandle device = Prepare(call);
-    Watch watch(folder_);
-    const Outcomes outcomes = Follow(watch, call, device.get(), {old});
-    EXPECT_EQ(outcomes.size(), call.changes ? 2u : 1u);
-    if (watch.moments.size() == 1) continue;  // it made no file calls
-    EXPECT_EQ(watch.locks, 2);
-
-    device = Rescan();
-    for (const Disk& moment : watch.moments) {
-      for (const Call& next : nexts) {
-        SCOPED_TRACE("killed, then " + next.what);
-        Put(moment.AfterKill());
-        Watch second(folder_, moment);
-        const Outcomes either = Follow(second, next, device.get(), outcomes);
-        EXPECT_EQ(either.size() > outcomes.size(), next.changes);
-        if (HasFailure()) return;
-      }
-    }
+    const std::string old = Found(call.start);
+    const DeviceHandle device = Prepare(call);
+    Follow(Disk(call.start), call, device.get(), {old}, nexts);
   }
   printf("%zu power cuts, %zu folders\n", cuts_, found_.size());
   EXPECT_GT(cuts_, 1000u);

@@ -3,24 +3,20 @@
 #include "store/store.h"
 
 #include <fcntl.h>
-#include <openssl/rand.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <filesystem>
 #include <tuple>
 
 // --- The calls -----------------------------------------------------------------------------------
 
+static constexpr char NEW_PIN[] = "new PIN";
 static Keypair* g_keypair;  // handed out by the last call
 static SetHandle g_set;
 static DeviceHandle g_device;
 
-bool IsFolderFree(const std::string& folder) {
-  const Descriptor fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY));
-  return flock(fd.fd, LOCK_EX | LOCK_NB) == 0;
-}
-
-static int Import(Device* device, const std::string& pair) {
-  return DeviceImportKeypair(device, Raw(pair), Len(pair), 3, "new", &g_keypair);
+static int Import(Device* device, const TestKey& key) {
+  return DeviceImportKeypair(device, Raw(key.pair), Len(key.pair), 3, "new", &g_keypair);
 }
 
 static int Generate(Device* device, unsigned int algorithm, int bits, const void* params) {
@@ -32,16 +28,12 @@ static int TakeHandle(Device* device) {
   return g_keypair != nullptr ? 1 : 0;
 }
 
-static int DropKeypair(Device* device) {
-  return TakeHandle(device) == 1 ? DeviceDeleteKeypair(g_keypair) : 0;
-}
-
 static int AddCert(Device* device) {
   return DeviceAddCertificate(device->keypairs[0], Raw("three"), 5);
 }
 
 // Also a scan that is disturbed finds the device once, or not at all.
-static int ScanFolder(Device* /*device*/) {
+static int ScanFolder() {
   g_set.reset(DeviceGetAllDevices());
   g_device.reset(DeviceGetDevice(g_set.get(), 0));
   return g_device && g_set->count == 1 ? 1 : 0;
@@ -54,30 +46,26 @@ static int VerifyAnew(Device* device) {
   return DeviceVerifyPwd(device, 1, PIN, nullptr);
 }
 
-static int NewPin(Device* device) { return DeviceChangePwd(device, 1, PIN, "new PIN", nullptr); }
-
 // Signs and, if there is a cipher, encrypts, and back with a public key that has gone out of the
 // module and in again.
 static int Use(Keypair* keypair, unsigned int signing, unsigned int cipher) {
   static unsigned char e[32], out[600], text[32];
   int length = 0;
-  const PublicHandle own(DeviceGetPublicKeyFromKeypair(keypair));
   PublicKey* key = nullptr;
-  if (DeviceExportPublicKey(own.get(), out, 600, &length) != 1 ||
-      DeviceImportPublicKey(nullptr, out, length, &key) != 1)
-    return 0;
+  const PublicHandle own(DeviceGetPublicKeyFromKeypair(keypair));
+  int result = own ? DeviceExportPublicKey(own.get(), out, 600, &length) : 0;
+  if (result == 1) result = DeviceImportPublicKey(nullptr, out, length, &key);
   const PublicHandle owned(key);
-  if (DeviceSign(keypair, signing, nullptr, e, 32, out, 600, &length) != 1 ||
-      DeviceVerify(key, signing, nullptr, e, 32, out, length) != 1)
-    return 0;
-  if (cipher == 0) return 1;
-  return DevicePublicKeyEncrypt(key, cipher, nullptr, e, 4, out, 600, &length) == 1
-             ? DevicePrivateKeyDecrypt(keypair, cipher, nullptr, out, length, text, 4, &length)
-             : 0;
+  if (result == 1) result = DeviceSign(keypair, signing, nullptr, e, 32, out, 600, &length);
+  if (result == 1) result = DeviceVerify(key, signing, nullptr, e, 32, out, length);
+  if (result != 1 || cipher == 0) return result;
+  result = DevicePublicKeyEncrypt(key, cipher, nullptr, e, 4, out, 600, &length);
+  if (result != 1) return result;
+  return DevicePrivateKeyDecrypt(keypair, cipher, nullptr, out, length, text, 4, &length);
 }
 
 // Beside the module that runs.
-static int StartAndStop(Device* /*device*/) {
+static int StartAndStop() {
   const std::tuple running(g_lock, g_hSoftDevice, g_keyFolder, g_sm2);
   const int started = DeviceInit();
   if (started == 1) DeviceEnd();
@@ -85,60 +73,64 @@ static int StartAndStop(Device* /*device*/) {
   return started;
 }
 
-static std::string Stored(bool datas) {
-  StoredDevice device;
-  device.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
-                     StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
-                     StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
-  if (datas) device.more = {Array({StoredData(1, "first"), StoredData(2, "second")})};
-  return device.File();
-}
-
 std::vector<Call> AllCalls() {
   static const ECCKeypairParams p256 = {CURVE_P256, 0}, sm2Once = {CURVE_SM2, 1};
   static const RSAKeypairParams rsaOnce = {nullptr, 0, 1};
-  const std::string full = Stored(true), bare = Stored(false);
-  const std::string older = StoredDevice().File(), damaged = full.substr(0, full.size() / 2);
+  StoredDevice stored;
+  stored.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
+                     StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
+                     StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
+  const std::string bare = stored.File();
+  stored.more = {Array({StoredData(1, "first"), StoredData(2, "second")})};
+  const std::string full = stored.File(), older = StoredDevice().File();
+  const std::string damaged = full.substr(0, full.size() / 2);
+  const std::string wrongDigest = Flipped(full, full.size() - 1);
   std::vector<Call> all = {
       {"certificate added", AddCert, true},
       {"certificate deleted", [](Device* d) { return DeviceDeleteCertificate(d->keypairs[0], 0); },
        true},
-      {"P-256 imported", [](Device* d) { return Import(d, TestP256().pair); }, true},
-      {"SM2 imported", [](Device* d) { return Import(d, TestSm2().pair); }, true},
-      {"RSA imported", [](Device* d) { return Import(d, TestRsa().pair); }, true},
+      // Refused, which is 1 here: the backup may be the only good copy.
+      {"certificate not added",
+       [](Device* d) { return AddCert(d) == 0 ? 1 : 0; },
+       false,
+       0,
+       full,
+       {{"dev", wrongDigest}, {"dev.bak", full}}},
+      {"P-256 imported", [](Device* d) { return Import(d, TestP256()); }, true},
+      {"SM2 imported", [](Device* d) { return Import(d, TestSm2()); }, true},
+      {"RSA imported", [](Device* d) { return Import(d, TestRsa()); }, true},
       {"P-256 generated", [](Device* d) { return Generate(d, 4, 256, &p256); }, true},
       {"RSA generated", [](Device* d) { return Generate(d, 1, 512, nullptr); }, true},
       {"SM2 generated", [](Device* d) { return Generate(d, 4, 256, &sm2Once); }},
       {"temporary RSA generated", [](Device* d) { return Generate(d, 1, 512, &rsaOnce); }},
-      {"keypair deleted", DropKeypair, true, PIN, 0, bare},
+      {"keypair deleted",
+       [](Device* d) { return TakeHandle(d) == 1 ? DeviceDeleteKeypair(g_keypair) : 0; }, true, 0,
+       bare},
       {"data object created", [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }, true},
-      {"first data object created", [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }, true,
-       PIN, 0, bare},
+      {"first data object created", [](Device* d) { return DeviceCreateData(d, 3, 0, 5); }, true, 0,
+       bare},
       {"data object deleted", [](Device* d) { return DeviceDeleteData(d, 1); }, true},
-      {"PIN verified", VerifyAnew, false, PIN, -5},
+      {"PIN verified", VerifyAnew, false, -5},
       {"handle taken", TakeHandle},
-      {"start and stop", StartAndStop},
+      {"start and stop", [](Device*) { return StartAndStop(); }},
       {"ECDSA", [](Device* d) { return Use(d->keypairs[0], 2048, 0); }},
       {"SM2", [](Device* d) { return Use(d->keypairs[1], 4096, 64); }},
       {"RSA", [](Device* d) { return Use(d->keypairs[2], 256, 16); }},
   };
-  // Refused, which is 1 here: the backup may be the only good copy.
-  const Files wrongDigest = {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}};
-  const auto notAdded = [](Device* d) { return AddCert(d) == 0 ? 1 : 0; };
-  all.push_back({"certificate not added", notAdded, false, PIN, 0, full, wrongDigest});
   const Call fromAny[] = {
-      {"scan", ScanFolder},
+      {"scan", [](Device*) { return ScanFolder(); }},
       {"scan without rename",
-       [](Device* d) {
-         return WithFault({"rename", 1, true}, [=] { return ScanFolder(d); });
+       [](Device*) {
+         return WithFault({"rename", 1, true}, ScanFolder);
        }},
       {"read", [](Device* d) { return DeviceReadDataEx(d, 1, 0, nullptr, 0, nullptr); }},
       {"data object written", Overwrite, true},
       {"data object not written",
        [](Device* d) {
-         return WithFault({"fwrite", 4}, [=] { return Overwrite(d); }) == 0 ? 1 : 0;
+         return WithFault({"fwrite", 4}, [=] { return Overwrite(d) == 0 ? 1 : 0; });
        }},
-      {"PIN changed", NewPin, true, "new PIN", -5},
+      {"PIN changed", [](Device* d) { return DeviceChangePwd(d, 1, PIN, NEW_PIN, nullptr); }, true,
+       -5},
   };
   const std::pair<const char*, Files> starts[] = {
       {"", {{"dev", full}}},
@@ -148,9 +140,11 @@ std::vector<Call> AllCalls() {
       {", damaged device file", {{"dev", damaged}, {"dev.bak", full}}},
   };
   for (const auto& [what, files] : starts)
-    for (const Call& call : fromAny)
-      all.push_back(
-          {call.what + what, call.run, call.changes, call.pin, call.failure, full, files});
+    for (Call call : fromAny) {
+      call.what += what;
+      call.start = files;
+      all.push_back(call);
+    }
   for (Call& call : all) {
     if (call.record.empty()) call.record = full;
     if (call.start.empty()) call.start = {{"dev", call.record}};
@@ -160,36 +154,31 @@ std::vector<Call> AllCalls() {
 
 // --- Their runs ----------------------------------------------------------------------------------
 
-static unsigned long long g_state;
-
-static int FixedBytes(unsigned char* bytes, int count) {
-  for (int i = 0; i < count; i++) {
-    g_state = g_state * 6364136223846793005ULL + 1442695040888963407ULL;
-    bytes[i] = static_cast<unsigned char>(g_state >> 56);
-  }
-  return 1;
-}
-
-void CallsTest::SetUp() {
-  ModuleTest::SetUp();
-  static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
-  ASSERT_EQ(RAND_set_rand_method(&fixed), 1);
-}
-
-void CallsTest::TearDown() {
-  RAND_set_rand_method(nullptr);
-  ModuleTest::TearDown();
-}
-
-int CallsTest::Run(const Call& call, Device* device, int (*hook)(const ImportCall&)) {
-  g_state = 1;
-  HookCalls(hook);
-  const int result = call.run(device);
-  HookCalls(nullptr);
+int CallsTest::Run(const Call& call, Device* device, const decltype(Hook::ask)& hook) {
+  FixRandom();
+  const int result = [&] {
+    const Hook hooked{hook};
+    return call.run(device);
+  }();
   KeypairHandle{std::exchange(g_keypair, nullptr)};
   g_device.reset();
   g_set.reset();
   return result;
+}
+
+pid_t CallsTest::Fork(const std::function<void()>& body) {
+  const pid_t child = fork();
+  if (child != 0) return child;
+  alarm(60);
+  body();
+  _exit(HasFailure() ? 1 : 0);
+}
+
+int CallsTest::WaitFor(pid_t child) {
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  return WTERMSIG(status);
 }
 
 void CallsTest::Put(const Files& files) const {
@@ -199,8 +188,10 @@ void CallsTest::Put(const Files& files) const {
 
 Files CallsTest::Get() const {
   Files files;
-  for (const auto& entry : std::filesystem::directory_iterator(folder_))
-    files[entry.path().filename()] = Read(entry.path().filename());
+  for (const auto& [name, entry] : List()) {
+    EXPECT_TRUE(entry.starts_with("33184") || entry.starts_with("33152")) << "0640 or 0600";
+    files[name] = entry.substr(5);
+  }
   return files;
 }
 
@@ -211,26 +202,22 @@ DeviceHandle CallsTest::Prepare(const Call& call) {
   return device;
 }
 
-std::string CallsTest::Scan() const {
-  using std::filesystem::perms;
-  for (const auto& entry : std::filesystem::directory_iterator(folder_))
-    if ((entry.status().permissions() & ~perms{0640}) != perms{}) return "open to others";
-  const SetHandle set(DeviceGetAllDevices());
-  if (!set || set->count != 1 || set->devices[0]->filePath != Path("dev") ||
-      set->devices[0]->backupPath != Path("dev.bak"))
-    return "no device";
-  const Files files = Get();
-  return files.size() == 1 ? files.begin()->second : "left behind: other files";
+bool CallsTest::IsFolderFree() const {
+  const Descriptor fd(open(folder_.c_str(), O_RDONLY | O_DIRECTORY));
+  return flock(fd.fd, LOCK_EX | LOCK_NB) == 0;
 }
 
-std::string CallsTest::Scan(const Files& files) const {
+const std::string& CallsTest::Found(const Files& files) {
+  const auto [found, isNew] = found_.try_emplace(files);
+  if (!isNew) return found->second;
   Put(files);
-  const std::string found = Scan();
-  return Scan() == found ? found : "another device in the second scan";
-}
-
-bool CallsTest::Opens(const std::string& found, const char* pin) {
-  if (!opened_.insert(found + pin).second) return true;
-  const SetHandle set(DeviceGetAllDevices());
-  return set && set->count == 1 && DeviceVerifyPwd(set->devices[0], 1, pin, nullptr) == 1;
+  const DeviceHandle device = Rescan();
+  if (!device) return found->second;
+  EXPECT_TRUE(device->filePath == Path("dev") && device->backupPath == Path("dev.bak"));
+  EXPECT_TRUE(DeviceVerifyPwd(device.get(), 1, PIN, nullptr) == 1 ||
+              DeviceVerifyPwd(device.get(), 1, NEW_PIN, nullptr) == 1);
+  const Files left = Get();
+  EXPECT_EQ(left.size(), 1u);
+  EXPECT_TRUE(Rescan() && Get() == left) << "the second scan";
+  return found->second = left.begin()->second;
 }

@@ -4,50 +4,40 @@
 
 #include "tests/support/world.h"
 
-#include <sys/mman.h>
-#include <functional>
-#include <set>
-
 using Files = std::map<std::string, std::string>;  // name -> content
 
 struct Call {
   std::string what;
   std::function<int(Device*)> run;
   bool changes = false;     // a result of 1 means new content
-  const char* pin = PIN;    // that opens the device afterwards
   int failure = 0;          // a documented failure besides 0
   std::string record = {};  // the device file that the record was loaded from
   Files start = {};         // the folder
 };
 std::vector<Call> AllCalls();
-bool IsFolderFree(const std::string& folder);  // of its lock
 
-// Memory that stays shared with forked children; zero at first, never given back.
-template <class T>
-T* Shared() {
-  constexpr int READ_WRITE = PROT_READ | PROT_WRITE;
-  return new (mmap(nullptr, sizeof(T), READ_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T();
-}
-
-// "Random" bytes are the same in every run, so that every run of a call writes the same file.
 class CallsTest : public ModuleTest {
  protected:
-  void SetUp() override;
-  void TearDown() override;
-  static int Run(const Call& call, Device* device, int (*hook)(const ImportCall&) = nullptr);
+  // The result of the call, made under the hook. "Random" bytes are the same in every run, so that
+  // every run of a call writes the same file.
+  static int Run(const Call& call, Device* device, const decltype(Hook::ask)& hook = NoHook);
+
+  static pid_t Fork(const std::function<void()>& body);
+  static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
 
   void Put(const Files& files) const;  // the folder holds exactly these
   Files Get() const;
   DeviceHandle Prepare(const Call& call);  // its record, verified; its start is put
+  bool IsFolderFree() const;               // of its lock
 
-  // What a scan of the folder finds: the bytes of "dev", if that is the one device and if nothing
-  // lies beside it afterwards.
-  std::string Scan() const;
-  std::string Scan(const Files& files) const;  // puts them first; a second scan finds the same
-  bool Opens(const std::string& found, const char* pin);  // the device that Scan has just found
+  // The bytes of the device that a scan finds in a folder of these files. It is the only one, opens
+  // with a PIN of the calls, nothing lies beside it afterwards, and the next scan finds the same.
+  const std::string& Found(const Files& files);
+
+  std::map<Files, std::string> found_;
 
  private:
-  std::set<std::string> opened_;
+  static int NoHook(const ImportCall& /*call*/) { return 0; }
 };
 
 #endif

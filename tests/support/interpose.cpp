@@ -5,9 +5,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <link.h>
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
@@ -16,49 +14,38 @@
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <pthread.h>
-#include <stdarg.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
-#include <deque>
 #include <map>
+#include <random>
+#include <regex>
 #include <span>
-#include <sstream>
-#include <string_view>
 #include <type_traits>
 
 namespace {
 constexpr char OPENSSL_MALLOC[] = "OPENSSL_malloc";
 
-thread_local Fault t_fault = {""};
-thread_local long t_calls = 0;  // of the function to fail
-thread_local int (*t_hook)(const ImportCall&) = nullptr;
 std::atomic<long> g_live{0};
-std::deque<std::string> g_randRange;
 std::vector<std::string> g_unknown;
 
 // Says whether the call must fail, and has then set errno.
 bool MustFail(const ImportCall& call) {
   const int usual = errno;
-  int error = t_hook != nullptr ? t_hook(call) : 0;
-  const std::string names = std::string("|") + t_fault.name + "|";
-  if (names.find(std::string("|") + call.name + "|") != std::string::npos) {
-    t_calls++;
-    if (t_calls == t_fault.nth || (t_fault.andLater && t_calls > t_fault.nth)) error = EIO;
-  }
+  int error = 0;
+  for (const Hook* hook = Hook::t_innermost; hook != nullptr; hook = hook->outer)
+    if (const int asked = hook->ask(call); asked != 0) error = asked;
   errno = error != 0 ? error : usual;
   return error != 0;
 }
 
 // --- Wrappers ------------------------------------------------------------------------------------
 
-// How a function fails: with 0 or NULL, -1, or an errno; a file call with -1, or 0 where there is
-// no sign, and one that closes has closed by then.
-enum Kind { ZERO, MINUS_ONE, ERRNO, READS, MODIFIES, CLOSES };
+// A function fails with 0 or NULL, or with -1; a file call with -1, or 0 where there is no sign.
+enum Kind { ZERO, MINUS_ONE, READS, MODIFIES };
 
 // What the arguments of a file call tell; `how` is the mode of fopen or the new path of rename.
 ImportCall About(const char* path, const char* how) {
@@ -72,11 +59,11 @@ ImportCall About(const void* bytes, size_t size, size_t count, FILE* stream) {
 }
 ImportCall About(const char* path, auto...) { return {.path = path}; }
 ImportCall About(FILE* stream, auto...) { return {.stream = stream}; }
-ImportCall About(DIR* folder, auto...) { return {.fd = dirfd(folder)}; }
+ImportCall About(DIR* /*folder*/) { return {}; }
 ImportCall About(int fd, auto...) { return {.fd = fd}; }
 
 template <auto* real>
-const char* name = nullptr;  // under which the libraries import it
+const char* name = "";  // under which the libraries import it
 template <Kind kind, auto* real, class Result, class... Args>
 Result Wrapped(Args... args) {
   ImportCall call;
@@ -85,31 +72,21 @@ Result Wrapped(Args... args) {
   call.onFiles = kind >= READS;
   call.modifies |= kind == MODIFIES;
   if (!MustFail(call)) return real(args...);
-  if (call.stream != nullptr) call.stream->_flags |= _IO_ERR_SEEN;
-  if constexpr (kind == CLOSES) static_cast<void>(real(args...));
-  constexpr int FAILURES[] = {0, -1, ENOMEM, -1, -1, EOF};
+  if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
   if constexpr (std::is_pointer_v<Result>)
     return nullptr;
   else
-    return static_cast<Result>(std::is_signed_v<Result> ? FAILURES[kind] : 0);
+    return static_cast<Result>(kind == ZERO || std::is_unsigned_v<Result> ? 0 : -1);
 }
 
 // Stand-ins for what can't be wrapped as it is, or does more here.
 int Open(const char* path, int flags, mode_t mode) { return open(path, flags, mode); }
 
-int RandRange(BIGNUM* result, const BIGNUM* range) {
-  if (g_randRange.empty()) return BN_rand_range(result, range);
-  const std::string hex = g_randRange.front();
-  g_randRange.pop_front();
-  return BN_hex2bn(&result, hex.c_str()) != 0 ? 1 : 0;
-}
-
 // Slow on purpose: the key of a PIN and a salt is derived once.
 int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
            const EVP_MD* hash, int length, unsigned char* key) {
   thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
-  const auto* saltText = reinterpret_cast<const char*>(salt);
-  std::string& known = keys[{{pin, pin + pinLength}, {saltText, saltText + saltLength}}];
+  std::string& known = keys[{{pin, pin + pinLength}, {salt, salt + saltLength}}];
   if (known.empty()) {
     if (PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) != 1)
       return 0;
@@ -121,11 +98,8 @@ int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLe
 
 // --- The table -----------------------------------------------------------------------------------
 
-struct Wrapper {
-  void* function;
-  const char** name;
-};
-std::map<void*, Wrapper> g_wrappers;  // by the function that the libraries import
+// By the function that the libraries import: its wrapper, and where that looks for its name.
+std::map<void*, std::pair<void*, const char**>> g_wrappers;
 
 template <Kind kind, auto* real, class Result, class... Args>
 void Add(void* imported, Result (*)(Args...)) {
@@ -139,7 +113,6 @@ void Wrap() {
 }
 
 void WrapAll() {
-  Add<ZERO, RandRange>(reinterpret_cast<void*>(BN_rand_range), RandRange);
   Add<ZERO, Derive>(reinterpret_cast<void*>(PKCS5_PBKDF2_HMAC), Derive);
   Add<READS, Open>(reinterpret_cast<void*>(open), Open);
   Wrap<ZERO, vakro_lock_new, vakro_lock_lock, vakro_json_decode, vakro_json_encode,
@@ -155,40 +128,31 @@ void WrapAll() {
        VakroPKICryptoEncodeECCKeyPair, VakroPKICryptoEncodeECCPubKey,
        VakroPKICryptoDecodeECCKeyPair, VakroPKICryptoDecodeECCPubKey,
        VakroPKICryptoEncodeECCSignature, VakroPKICryptoDecodeECCSignature>();
-  Wrap<ZERO, BN_new, BN_bin2bn, BN_set_word, BN_CTX_new, EC_GFp_simple_method, EC_GROUP_new,
-       EC_GROUP_set_curve_GFp, EC_GROUP_set_generator, EC_GROUP_precompute_mult, EC_POINT_new,
-       EC_POINT_point2oct, EC_POINT_oct2point, EC_POINT_set_affine_coordinates_GFp, EC_KEY_new,
-       EC_KEY_new_by_curve_name, EC_KEY_set_group, EC_KEY_set_public_key, EC_KEY_set_private_key,
-       EC_KEY_generate_key, ECDSA_sign, EVP_PKEY_new, EVP_PKEY_set1_RSA, EVP_PKEY_set1_EC_KEY,
-       EVP_PKEY_get1_RSA, EVP_PKEY_get1_EC_KEY, EVP_PKEY_up_ref, RSA_new, RSA_set0_key,
-       RSA_generate_key_ex, i2d_RSAPrivateKey, i2d_RSAPublicKey, d2i_RSAPrivateKey, RAND_bytes,
-       d2i_RSAPublicKey, d2i_ECDSA_SIG, EVP_MD_fetch, EVP_MD_CTX_new, EVP_DigestInit_ex,
+  Wrap<ZERO, BN_new, BN_bin2bn, BN_set_word, BN_CTX_new, BN_rand_range, EC_GFp_simple_method,
+       EC_GROUP_new, EC_GROUP_set_curve_GFp, EC_GROUP_set_generator, EC_GROUP_precompute_mult,
+       EC_POINT_new, EC_POINT_point2oct, EC_POINT_oct2point, EC_POINT_set_affine_coordinates_GFp,
+       EC_KEY_new, EC_KEY_new_by_curve_name, EC_KEY_set_group, EC_KEY_set_public_key,
+       EC_KEY_set_private_key, EC_KEY_generate_key, ECDSA_sign, EVP_PKEY_new, EVP_PKEY_set1_RSA,
+       EVP_PKEY_set1_EC_KEY, EVP_PKEY_get1_RSA, EVP_PKEY_get1_EC_KEY, EVP_PKEY_up_ref, RSA_new,
+       RSA_set0_key, RSA_generate_key_ex, i2d_RSAPrivateKey, i2d_RSAPublicKey, d2i_RSAPrivateKey,
+       d2i_RSAPublicKey, d2i_ECDSA_SIG, RAND_bytes, EVP_MD_fetch, EVP_MD_CTX_new, EVP_DigestInit_ex,
        EVP_DigestUpdate, EVP_DigestFinal_ex, HMAC_CTX_new, HMAC_Init_ex, HMAC_Update, HMAC_Final,
        EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl, EVP_CipherInit_ex, EVP_CipherUpdate,
        EVP_EncryptUpdate, EVP_EncryptFinal_ex, EVP_DecryptUpdate, EVP_DecryptFinal_ex>();
   Wrap<MINUS_ONE, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt, RSA_public_decrypt,
-       BN_bn2binpad, ECDSA_verify>();
-  Wrap<ERRNO, pthread_mutexattr_init, pthread_mutexattr_settype, pthread_mutex_init,
-       pthread_mutex_lock>();
-  Wrap<READS, fopen, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat, lstat, fstat,
-       access, flock>();
-  Wrap<CLOSES, fclose>();
+       BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init, pthread_mutexattr_settype,
+       pthread_mutex_init, pthread_mutex_lock>();
+  Wrap<READS, fopen, fclose, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat, lstat,
+       fstat, access, flock>();
   Wrap<MODIFIES, fwrite, fflush, rename, remove, fchmod, fchown>();
 }
 
 // Never fail, or only for a wrong argument.
-const char NEVER_FAIL[] =
-    "_* mem* str* close* fileno malloc getpid vakro_malloc vakro_json_get* *[Ff]ree* *_get0_* "
-    "*_unlock *_destroy *_size BN_bn2bin BN_is_zero BN_num_bits BN_value_one CRYPTO_memcmp "
-    "OPENSSL_cleanse ASN1_put_object EC_GROUP_order_bits EVP_sha512 EVP_aes_256_gcm "
-    "EVP_PKEY_get_id BN_is_negative";
-
-bool NeverFails(const char* symbol) {
-  std::istringstream patterns(NEVER_FAIL);
-  for (std::string pattern; patterns >> pattern;)
-    if (fnmatch(pattern.c_str(), symbol, 0) == 0) return true;
-  return false;
-}
+const std::regex NEVER_FAIL(
+    "_.*|mem.*|str.*|close.*|fileno|malloc|getpid|vakro_malloc|vakro_json_get.*|.*[Ff]ree.*|"
+    ".*_get0_.*|.*_unlock|.*_destroy|.*_size|BN_bn2bin|BN_is_zero|BN_num_bits|BN_value_one|"
+    "BN_is_negative|CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
+    "EVP_aes_256_gcm|EVP_PKEY_get_id");
 
 // --- The patch -----------------------------------------------------------------------------------
 
@@ -197,37 +161,31 @@ bool NeverFails(const char* symbol) {
 void Patch(void** slot, const char* symbol, bool isImported) {
   const auto found = g_wrappers.find(*slot);
   if (found == g_wrappers.end()) {
-    if (isImported && !NeverFails(symbol)) g_unknown.emplace_back(symbol);
+    if (isImported && !std::regex_match(symbol, NEVER_FAIL)) g_unknown.emplace_back(symbol);
     return;
   }
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const auto start = reinterpret_cast<uintptr_t>(slot) / page * page;
   if (mprotect(reinterpret_cast<void*>(start), page, PROT_READ | PROT_WRITE) != 0) abort();
-  *slot = found->second.function;
-  *found->second.name = symbol;
+  *slot = found->second.first;
+  *found->second.second = symbol;
 }
 
-int PatchLibrary(dl_phdr_info* info, size_t /*size*/, void* /*data*/) {
-  if (strstr(info->dlpi_name, "libvakro_") == nullptr) return 0;
+void PatchLibrary(const link_map& library) {
   std::map<ElfW(Sxword), uintptr_t> tags;
-  for (const auto& segment : std::span(info->dlpi_phdr, info->dlpi_phnum)) {
-    if (segment.p_type != PT_DYNAMIC) continue;
-    auto* entry = reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + segment.p_vaddr);
-    for (; entry->d_tag != DT_NULL; entry++) tags[entry->d_tag] = entry->d_un.d_ptr;
-  }
+  for (const auto* entry = library.l_ld; entry->d_tag != DT_NULL; entry++)
+    tags[entry->d_tag] = entry->d_un.d_ptr;
   const auto* symbols = reinterpret_cast<const ElfW(Sym)*>(tags[DT_SYMTAB]);
   const auto* names = reinterpret_cast<const char*>(tags[DT_STRTAB]);
-  for (const auto& [start, size] :
-       {std::pair(DT_JMPREL, DT_PLTRELSZ), std::pair(DT_RELA, DT_RELASZ)}) {
-    const auto* entries = reinterpret_cast<const ElfW(Rela)*>(tags[start]);
+  for (const auto& [table, size] : {std::pair(DT_JMPREL, DT_PLTRELSZ), {DT_RELA, DT_RELASZ}}) {
+    const auto* entries = reinterpret_cast<const ElfW(Rela)*>(tags[table]);
     for (const ElfW(Rela) & entry : std::span(entries, tags[size] / sizeof(*entries))) {
       const ElfW(Sym)& symbol = symbols[ELF64_R_SYM(entry.r_info)];
       if (ELF64_ST_TYPE(symbol.st_info) != STT_FUNC) continue;
-      auto* slot = reinterpret_cast<void**>(info->dlpi_addr + entry.r_offset);
+      auto* slot = reinterpret_cast<void**>(library.l_addr + entry.r_offset);
       Patch(slot, names + symbol.st_name, symbol.st_shndx == SHN_UNDEF);
     }
   }
-  return 0;
 }
 
 void* OpensslMalloc(size_t size, const char* /*file*/, int /*line*/) {
@@ -241,20 +199,40 @@ void OpensslFree(void* memory, const char* /*file*/, int /*line*/) { free(memory
 const bool g_patched = [] {
   if (CRYPTO_set_mem_functions(OpensslMalloc, OpensslRealloc, OpensslFree) != 1) abort();
   WrapAll();
-  dl_iterate_phdr(PatchLibrary, nullptr);
+  for (const link_map* loaded = _r_debug.r_map; loaded != nullptr; loaded = loaded->l_next)
+    if (strstr(loaded->l_name, "libvakro_") != nullptr) PatchLibrary(*loaded);
   return true;
 }();
+
+// --- Random bytes --------------------------------------------------------------------------------
+
+std::string g_first;
+std::mt19937 g_rest;
+
+int FixedBytes(unsigned char* bytes, int count) {
+  for (unsigned char& byte : std::span(bytes, static_cast<size_t>(count)))
+    byte = static_cast<unsigned char>(g_rest());
+  const std::string first = g_first.substr(0, static_cast<size_t>(count));
+  memcpy(bytes, first.data(), first.size());
+  g_first.erase(0, first.size());
+  return 1;
+}
 }  // namespace
 
-void ArmFault(const Fault& fault) {
-  t_fault = fault;
-  t_calls = 0;
+void FixRandom(const std::string& first) {
+  static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
+  if (RAND_set_rand_method(&fixed) != 1) abort();
+  g_first = first;
+  g_rest.seed();
 }
-void HookCalls(int (*hook)(const ImportCall& call)) { t_hook = hook; }
+
+int Fault::operator()(const ImportCall& call) {
+  if (("|" + name + "|").find("|" + std::string(call.name) + "|") == std::string::npos) return 0;
+  calls++;
+  return calls == nth || (andLater && calls > nth) ? EIO : 0;
+}
+
 long LiveAllocations() { return g_live; }
-void FixRandRange(std::initializer_list<const char*> hex) {
-  g_randRange.assign(hex.begin(), hex.end());
-}
 std::vector<std::string> UnknownImports() { return g_unknown; }
 
 // These two are defined here for the test program too, which gives back what the module hands out.

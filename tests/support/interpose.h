@@ -6,44 +6,55 @@
 
 #include <errno.h>
 #include <stdio.h>
-#include <initializer_list>
+#include <functional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
-
-struct Fault {
-  const char* name;       // the function to fail; several joined by '|' count as one
-  long nth = 1;           // the first call to fail, counted from 1; 0 fails none
-  bool andLater = false;  // fail all later ones too
-};
-void ArmFault(const Fault& fault);  // until a fault without a name is armed
-
-long LiveAllocations();  // blocks of vakro_malloc not yet given to vakro_free
-void FixRandRange(std::initializer_list<const char*> hex);  // next results of BN_rand_range
-std::vector<std::string> UnknownImports();  // neither wrapped nor known to fail never
 
 // A call that is about to be made; what it does not have is empty.
 struct ImportCall {
-  const char* name = nullptr;
+  std::string_view name = {};
   bool onFiles = false;        // a file call of the C library
   bool modifies = false;       // opens for writing, writes, renames, removes, changes mode or owner
-  const char* path = nullptr;  // of rename: the old one
+  std::string_view path = {};  // of rename: the old one
   int fd = -1;
   FILE* stream = nullptr;
   const void* bytes = nullptr;  // of fwrite
   size_t length = 0;
 };
 
-// HookCalls shows `hook` every call that is made in this thread, before it is made: 0 lets it
-// happen, an errno makes it fail so. NULL ends it. A forked child inherits the hook.
-void HookCalls(int (*hook)(const ImportCall& call));
+// While a hook lives it is asked before each call that its thread makes: 0 lets it happen, an errno
+// makes it fail so. Of several each is asked. A forked child inherits them.
+struct Hook {
+  std::function<int(const ImportCall& call)> ask;
+  const Hook* const outer = std::exchange(t_innermost, this);
+  ~Hook() { t_innermost = outer; }
+  static inline thread_local const Hook* t_innermost = nullptr;
+};
+
+// What a hook asks to find the calls that fail.
+struct Fault {
+  std::string name;       // the function to fail; several joined by '|' count as one
+  long nth = 1;           // the first call to fail, counted from 1; 0 fails none
+  bool andLater = false;  // fail all later ones too
+  long calls = 0;
+
+  int operator()(const ImportCall& call);
+};
 
 // WithFault runs `operation` under the fault and returns its result.
 template <class Operation>
 auto WithFault(const Fault& fault, Operation operation) {
-  ArmFault(fault);
-  auto result = operation();
-  ArmFault({""});
-  return result;
+  const Hook hook{fault};
+  return operation();
 }
+
+long LiveAllocations();                     // blocks of vakro_malloc not yet given to vakro_free
+std::vector<std::string> UnknownImports();  // neither wrapped nor known to fail never
+
+// FixRandom makes OpenSSL's random bytes the same in every run: `first`, then a fixed sequence.
+// RAND_set_rand_method(NULL) ends it.
+void FixRandom(const std::string& first = "");
 
 #endif

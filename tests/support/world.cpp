@@ -1,6 +1,7 @@
 #include "tests/support/world.h"
 
 #include <dirent.h>
+#include <openssl/rand.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,7 +50,7 @@ void ModuleTest::SetUp() {
 }
 
 void ModuleTest::TearDown() {
-  FixRandRange({});
+  RAND_set_rand_method(nullptr);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
   EXPECT_EQ(DeviceEnd(), 1);
   EXPECT_EQ(LiveAllocations(), live_) << "not given back";
