@@ -21,7 +21,6 @@
 #include <unistd.h>
 #include <atomic>
 #include <map>
-#include <random>
 #include <regex>
 #include <span>
 #include <type_traits>
@@ -62,22 +61,26 @@ ImportCall About(FILE* stream, auto...) { return {.stream = stream}; }
 ImportCall About(DIR* /*folder*/) { return {}; }
 ImportCall About(int fd, auto...) { return {.fd = fd}; }
 
-template <auto* real>
-const char* name = "";  // under which the libraries import it
-template <Kind kind, auto* real, class Result, class... Args>
-Result Wrapped(Args... args) {
-  ImportCall call;
-  if constexpr (kind >= READS) call = About(args...);
-  call.name = name<real>;
-  call.onFiles = kind >= READS;
-  call.modifies |= kind == MODIFIES;
-  if (!MustFail(call)) return real(args...);
-  if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
-  if constexpr (std::is_pointer_v<Result>)
-    return nullptr;
-  else
-    return static_cast<Result>(kind == ZERO || std::is_unsigned_v<Result> ? 0 : -1);
-}
+template <Kind kind, auto* real>
+struct Wrapper;
+template <Kind kind, class Result, class... Args, Result (*real)(Args...)>
+struct Wrapper<kind, real> {
+  static inline const char* name = "";  // under which the libraries import it
+
+  static Result Call(Args... args) {
+    ImportCall call;
+    if constexpr (kind >= READS) call = About(args...);
+    call.name = name;
+    call.onFiles = kind >= READS;
+    call.modifies |= kind == MODIFIES;
+    if (!MustFail(call)) return real(args...);
+    if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
+    if constexpr (std::is_pointer_v<Result>)
+      return nullptr;
+    else
+      return static_cast<Result>(kind == ZERO || std::is_unsigned_v<Result> ? 0 : -1);
+  }
+};
 
 // Stand-ins for what can't be wrapped as it is, or does more here.
 int Open(const char* path, int flags, mode_t mode) { return open(path, flags, mode); }
@@ -101,20 +104,20 @@ int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLe
 // By the function that the libraries import: its wrapper, and where that looks for its name.
 std::map<void*, std::pair<void*, const char**>> g_wrappers;
 
-template <Kind kind, auto* real, class Result, class... Args>
-void Add(void* imported, Result (*)(Args...)) {
-  Result (*wrapper)(Args...) = Wrapped<kind, real, Result, Args...>;
-  g_wrappers[imported] = {reinterpret_cast<void*>(wrapper), &name<real>};
+template <Kind kind, auto* real>
+void Add(void* imported) {
+  using Made = Wrapper<kind, real>;
+  g_wrappers[imported] = {reinterpret_cast<void*>(Made::Call), &Made::name};
 }
 
 template <Kind kind, auto*... reals>
 void Wrap() {
-  (Add<kind, reals>(reinterpret_cast<void*>(reals), reals), ...);
+  (Add<kind, reals>(reinterpret_cast<void*>(reals)), ...);
 }
 
 void WrapAll() {
-  Add<ZERO, Derive>(reinterpret_cast<void*>(PKCS5_PBKDF2_HMAC), Derive);
-  Add<READS, Open>(reinterpret_cast<void*>(open), Open);
+  Add<ZERO, Derive>(reinterpret_cast<void*>(PKCS5_PBKDF2_HMAC));
+  Add<READS, Open>(reinterpret_cast<void*>(open));
   Wrap<ZERO, vakro_lock_new, vakro_lock_lock, vakro_json_decode, vakro_json_encode,
        vakro_json_getarrayitem, vakro_json_newarray, vakro_json_newstring, vakro_json_newnumber,
        vakro_json_addarrayitem, vakro_json_dup, vakro_hexencode, vakro_hexdecode,
@@ -203,28 +206,7 @@ const bool g_patched = [] {
     if (strstr(loaded->l_name, "libvakro_") != nullptr) PatchLibrary(*loaded);
   return true;
 }();
-
-// --- Random bytes --------------------------------------------------------------------------------
-
-std::string g_first;
-std::mt19937 g_rest;
-
-int FixedBytes(unsigned char* bytes, int count) {
-  for (unsigned char& byte : std::span(bytes, static_cast<size_t>(count)))
-    byte = static_cast<unsigned char>(g_rest());
-  const std::string first = g_first.substr(0, static_cast<size_t>(count));
-  memcpy(bytes, first.data(), first.size());
-  g_first.erase(0, first.size());
-  return 1;
-}
 }  // namespace
-
-void FixRandom(const std::string& first) {
-  static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
-  if (RAND_set_rand_method(&fixed) != 1) abort();
-  g_first = first;
-  g_rest.seed();
-}
 
 int Fault::operator()(const ImportCall& call) {
   if (("|" + name + "|").find("|" + std::string(call.name) + "|") == std::string::npos) return 0;

@@ -53,8 +53,4 @@ auto WithFault(const Fault& fault, Operation operation) {
 long LiveAllocations();                     // blocks of vakro_malloc not yet given to vakro_free
 std::vector<std::string> UnknownImports();  // neither wrapped nor known to fail never
 
-// FixRandom makes OpenSSL's random bytes the same in every run: `first`, then a fixed sequence.
-// RAND_set_rand_method(NULL) ends it.
-void FixRandom(const std::string& first = "");
-
 #endif
