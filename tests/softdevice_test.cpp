@@ -1,7 +1,6 @@
 // Drives the built softdevice program as a user does: the sessions of data/softdevice.txt.
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <pty.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -9,60 +8,57 @@
 #include <unistd.h>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
 namespace fs = std::filesystem;
 
 namespace {
+struct Answer {
+  std::string text;
+  bool echo;
+};
 
 struct Step {
   std::string line;
   int status = 0;
-  std::vector<std::string> says = {};     // parts of the output
-  std::vector<std::string> answers = {};  // typed on the terminal; with a '+', under echo
+  std::vector<std::string> says = {};  // parts of the output
+  std::vector<Answer> answers = {};    // typed on the terminal
 };
 
 struct Session {
-  std::string title, item;
-  std::vector<Step> steps;
-  friend void PrintTo(const Session& s, std::ostream* out) { *out << s.title << ' ' << s.item; }
+  std::string title;
+  std::vector<std::string> items = {};
+  std::vector<Step> steps = {};
+  friend void PrintTo(const Session& s, std::ostream* out) { *out << s.title; }
 };
 
-// A session for each item of its heading.
 std::vector<Session> ReadSessions() {
   std::ifstream file(TEST_DATA_DIR "/softdevice.txt");
   if (!file) abort();
   std::vector<Session> all;
-  size_t first = 0;  // of the heading
-  for (std::string line; std::getline(file, line);) {
-    const std::string rest = line.substr(std::min<size_t>(line.find(' '), line.size() - 1) + 1);
-    if (line.starts_with("== ")) {
-      first = all.size();
-      const std::string title = rest.substr(0, rest.find(':'));
-      std::string items = rest.substr(std::min(title.size() + 1, rest.size()));
-      for (size_t bar = 0; bar != std::string::npos; items.erase(0, bar + 1)) {
-        bar = items.find('|');
-        all.push_back({title, items.substr(0, bar), {}});
-      }
-    }
-    for (size_t i = first; i < all.size(); i++) {
-      std::vector<Step>& steps = all[i].steps;
-      if (line.starts_with("$ ")) steps.push_back({rest});
-      if (line.starts_with("? ")) steps.back().status = std::stoi(rest);
-      if (line.starts_with("  ")) steps.back().says.push_back(line.substr(2));
-      if (line.starts_with("< ")) steps.back().answers.push_back(rest);
-      if (line.starts_with("<+ ")) steps.back().answers.push_back('+' + rest);
-    }
+  for (std::string mark, text; file >> mark && std::getline(file >> std::ws, text);) {
+    if (mark == "==") all.push_back({text});
+    if (mark == "*") all.back().items.push_back(text);
+    if (mark == "$") all.back().steps.push_back({text});
+    if (mark == "?") all.back().steps.back().status = std::stoi(text);
+    if (mark == ">") all.back().steps.back().says.push_back(text);
+    if (mark[0] == '<') all.back().steps.back().answers.push_back({text, mark == "<+"});
   }
   return all;
 }
 
-}  // namespace
+// Waits until the program that asks has turned the echo off, or left it on: the prompt comes first.
+bool AwaitEcho(int terminal, bool on) {
+  termios mode = {};
+  for (int tries = 0; tries < 10000; tries++, usleep(1000))
+    if (tcgetattr(terminal, &mode) == 0 && ((mode.c_lflag & ECHO) != 0) == on) return true;
+  return false;
+}
 
-// Takes a step in a shell on a terminal of its own and gives each answer when the program has
-// turned the echo off, or has left it on where the answer needs that.
-static void Take(const Step& step) {
+// Takes a step in a shell on a terminal of its own.
+void Take(const Step& step) {
   SCOPED_TRACE(step.line);
   int terminal = -1;
   const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -72,40 +68,28 @@ static void Take(const Step& step) {
   }
   std::string said;
   auto next = step.answers.begin();
-  bool asked = false;  // a prompt has come since the last answer
-  for (;;) {
-    pollfd ready = {terminal, POLLIN, 0};
-    if (poll(&ready, 1, 20) > 0) {
-      char bytes[256];
-      const ssize_t count = read(terminal, bytes, sizeof bytes);
-      if (count <= 0) break;  // the program has ended
-      said.append(bytes, static_cast<size_t>(count));
-      asked = said.ends_with(": ");
-    }
-    termios mode = {};
-    if (!asked || next == step.answers.end() || tcgetattr(terminal, &mode) != 0) continue;
-    const bool echo = next->starts_with('+');
-    if (((mode.c_lflag & ECHO) != 0) != echo) continue;
-    const std::string text = next->substr(echo ? 1 : 0) + "\n";
-    EXPECT_EQ(write(terminal, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    asked = false;
+  char bytes[256];
+  for (ssize_t count = 0; (count = read(terminal, bytes, sizeof bytes)) > 0;) {
+    said.append(bytes, static_cast<size_t>(count));
+    if (!said.ends_with(": ") || next == step.answers.end()) continue;
+    EXPECT_TRUE(AwaitEcho(terminal, next->echo)) << said;
+    EXPECT_GT(dprintf(terminal, "%s\n", next->text.c_str()), 0);
     ++next;
   }
   int status = 0;
   waitpid(child, &status, 0);
   close(terminal);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == step.status) << status << '\n' << said;
+  EXPECT_EQ(status, W_EXITCODE(step.status, 0)) << said;
   EXPECT_TRUE(next == step.answers.end()) << said;
   for (const std::string& text : step.says)
     EXPECT_NE(said.find(text), std::string::npos) << text << " is not in\n" << said;
-  for (const std::string& secret : step.answers)
-    EXPECT_TRUE(secret[0] == '+' || said.find(secret) == std::string::npos) << said;
+  for (const auto& [secret, echo] : step.answers)
+    EXPECT_TRUE(echo || said.find(secret) == std::string::npos) << said;
 }
 
-class Softdevice : public testing::TestWithParam<Session> {};
-
-TEST_P(Softdevice, Session) {
-  std::string scratch = (fs::temp_directory_path() / "softdevice.XXXXXX").string();
+void Play(const std::vector<Step>& steps, const std::string& item) {
+  SCOPED_TRACE(item);
+  std::string scratch = fs::temp_directory_path() / "softdevice.XXXXXX";
   ASSERT_NE(mkdtemp(scratch.data()), nullptr);
   const fs::path before = fs::current_path();
   fs::current_path(scratch);
@@ -114,18 +98,25 @@ TEST_P(Softdevice, Session) {
   std::ofstream("pass") << "open sesame\n";
   std::ofstream("msg") << "the message\n";
   setenv("PATH", (std::string(SOFTDEVICE_DIR) + ":" + getenv("PATH")).c_str(), 1);
-  setenv("IT", GetParam().item.c_str(), 1);
+  setenv("IT", item.c_str(), 1);
   setenv("DEV", "--folder keys", 1);
   setenv("KEY", "--folder keys --pin-file pin", 1);
   setenv("ID", "-pkeyopt distid:1234567812345678", 1);
   Take({"softdevice create $DEV --label Demo --serial 0001"});
-  for (const Step& step : GetParam().steps) Take(step);
+  for (const Step& step : steps) Take(step);
   fs::current_path(before);
   fs::remove_all(scratch);
 }
+}  // namespace
+
+class Softdevice : public testing::TestWithParam<Session> {};
+
+TEST_P(Softdevice, Session) {
+  const auto& [title, items, steps] = GetParam();
+  if (items.empty()) Play(steps, "");
+  for (const std::string& item : items) Play(steps, item);
+}
 
 INSTANTIATE_TEST_SUITE_P(, Softdevice, testing::ValuesIn(ReadSessions()), [](const auto& tested) {
-  std::string name = tested.param.title + tested.param.item;
-  for (char& c : name) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
-  return name;
+  return std::regex_replace(tested.param.title, std::regex("[^A-Za-z0-9]"), "_");
 });
