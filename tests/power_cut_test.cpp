@@ -9,7 +9,7 @@
 // write the folder, and the power go then.
 #include "tests/support/calls.h"
 
-#include <filesystem>
+#include <sys/stat.h>
 #include <fstream>
 #include <set>
 
@@ -19,18 +19,10 @@ struct Disk {
     std::string now, safe;  // as processes read it, and on the disk
     auto operator<=>(const File&) const = default;
   };
-  using Names = std::map<std::string, size_t>;
   std::vector<File> files;  // by a number that stays whatever their names
-  std::vector<Names> folders = {
-      {}};  // the folder on the disk, and as it was after each later change
+  // From names to numbers: the folder on the disk, and as it was after each later change.
+  std::vector<std::map<std::string, size_t>> folders;
   auto operator<=>(const Disk&) const = default;
-
-  explicit Disk(const Files& safe) {
-    for (const auto& [name, content] : safe) {
-      folders[0][name] = files.size();
-      files.push_back({content, content});
-    }
-  }
 
   Files AfterKill() const {
     Files left;
@@ -40,88 +32,74 @@ struct Disk {
 
   std::set<Files> AfterPowerCut() const {
     std::set<Files> all;
-    for (const Names& names : folders) {
+    for (const auto& names : folders) {
       std::set<Files> cuts = {{}};
       for (const auto& [name, number] : names) {
         const auto& [now, safe] = files[number];
         std::set<std::string> pieces = {now, safe};
         if (now != safe)
-          pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), 0)});
-        std::set<Files> with;
+          pieces.insert({"", now.substr(0, now.size() / 2), std::string(now.size(), '\0')});
+        std::set<Files> longer;
         for (Files cut : cuts)
           for (const std::string& piece : pieces) {
             cut[name] = piece;
-            with.insert(cut);
+            longer.insert(cut);
           }
-        cuts.swap(with);
+        cuts.swap(longer);
       }
       all.merge(cuts);
     }
     return all;
   }
 };
+
+ino_t Inode(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 }  // namespace
 
 class PowerCutTest : public CallsTest {
  protected:
-  using Outcomes = std::set<std::string>;
-  class Watch;
-
-  void Follow(const Disk& start, const Call& call, Device* device, Outcomes outcomes,
+  struct Watch;
+  void Follow(const Disk& start, const Call& call, Device* device, std::set<std::string> outcomes,
               const std::vector<Call>& nexts = {});
 
   size_t cuts_ = 0;
 };
 
-// The hook that watches the file calls of one operation. What a call has done is looked at when the
+// The hook that follows the file calls of one operation. What a call has done is looked at when the
 // next is made.
-class PowerCutTest::Watch {
- public:
+struct PowerCutTest::Watch {
+  const PowerCutTest& test;
   Disk disk;
-  std::set<Disk> moments;
+  std::set<Disk> moments = {};
   int locks = 0;  // taken and given back
-
-  Watch(const PowerCutTest& test, const Disk& start) : disk(start), test_(test) {
-    for (const auto& [name, number] : disk.folders.back()) Number(name, number);
-  }
+  // The numbers of the files by their inodes; a file is kept open, so that its inode comes once.
+  std::map<ino_t, std::pair<size_t, std::ifstream>> numbers = {};
 
   // What is read and written belongs together under one lock of the folder; but the making of a
   // key, which may take minutes, leaves the folder to others.
   int operator()(const ImportCall& call) {
     const bool makesKey = call.name == "RSA_generate_key_ex" || call.name == "EC_KEY_generate_key";
     if (call.modifies || call.name == "fopen" || makesKey) {
-      EXPECT_EQ(test_.IsFolderFree(), makesKey) << call.name;
+      EXPECT_EQ(test.IsFolderFree(), makesKey) << call.name;
     }
     if (call.name == "flock") locks++;
-    if (call.onFiles) Step(call);
+    if (!call.onFiles) return 0;
+    Look();
+    moments.insert(disk);
+    if (!call.name.ends_with("sync")) return 0;
+    const ino_t synced = Inode("/proc/self/fd/" + std::to_string(call.fd));
+    if (synced == Inode(test.folder_)) disk.folders = {disk.folders.back()};
+    for (const auto& [name, number] : disk.folders.back())
+      if (Inode(test.Path(name)) == synced) disk.files[number].safe = disk.files[number].now;
     return 0;
   }
 
-  void Step(const ImportCall& next) {
-    Look();
-    if (synced_ == Inode("")) disk.folders = {disk.folders.back()};
-    if (const auto file = opened_.find(synced_); file != opened_.end())
-      disk.files[file->second.number].safe = disk.files[file->second.number].now;
-    moments.insert(disk);
-    struct stat status = {};
-    synced_ = next.name.ends_with("sync") && fstat(next.fd, &status) == 0 ? status.st_ino : 0;
-  }
-
- private:
-  ino_t Inode(const std::string& name) const {
-    struct stat status = {};
-    return stat(test_.Path(name).c_str(), &status) == 0 ? status.st_ino : 0;
-  }
-
-  // The file's number: `next` for a new one, which stays open, so that its inode comes once.
-  size_t Number(const std::string& name, size_t next) {
-    const auto [at, isNew] = opened_.try_emplace(Inode(name), next, test_.Path(name));
-    return at->second.number;
-  }
-
   void Look() {
-    Disk::Names names;
-    for (const auto& [name, content] : test_.Get()) {
+    std::map<std::string, size_t> names;
+    for (const auto& [name, content] : test.Get()) {
       names[name] = Number(name, disk.files.size());
       if (names[name] == disk.files.size()) disk.files.emplace_back();
       disk.files[names[name]].now = content;
@@ -129,35 +107,32 @@ class PowerCutTest::Watch {
     if (names != disk.folders.back()) disk.folders.push_back(names);
   }
 
-  struct Opened {
-    size_t number;
-    std::ifstream file;
-    Opened(size_t n, const std::string& path) : number(n), file(path) {}
-  };
-  const PowerCutTest& test_;
-  std::map<ino_t, Opened> opened_;
-  ino_t synced_ = 0;  // by the last call
+  size_t Number(const std::string& name, size_t next) {
+    const std::string path = test.Path(name);
+    return numbers.try_emplace(Inode(path), next, std::ifstream(path)).first->second.first;
+  }
 };
 
 // Makes the call. A power cut at any step leaves one of `outcomes` or what the call leaves; once
-// a change is reported, nothing but that. So it is when the process is killed at any step and
+// a change is reported, nothing but that. So it is also when the process is killed at any step and
 // one of `nexts` follows.
-void PowerCutTest::Follow(const Disk& start, const Call& call, Device* device, Outcomes outcomes,
-                          const std::vector<Call>& nexts) {
+void PowerCutTest::Follow(const Disk& start, const Call& call, Device* device,
+                          std::set<std::string> outcomes, const std::vector<Call>& nexts) {
   SCOPED_TRACE(call.what);
   Put(start.AfterKill());
-  Watch watch(*this, start);
+  Watch watch{*this, start};
+  for (const auto& [name, number] : start.folders.back()) watch.Number(name, number);
   EXPECT_EQ(Run(call, device, std::ref(watch)), 1);
-  watch.Step({.name = "end"});
+  watch({.name = "end", .onFiles = true});
+  EXPECT_TRUE(watch.moments.size() == 1 || watch.locks == 2);
   const std::string left = Found(Get());
   EXPECT_EQ(outcomes.insert(left).second, call.changes);
   std::set<Files> cuts;
   for (const Disk& moment : watch.moments) cuts.merge(moment.AfterPowerCut());
-  cuts_ += cuts.size();
   for (const Files& files : cuts) EXPECT_TRUE(outcomes.contains(Found(files)));
   for (const Files& files : watch.disk.AfterPowerCut())
     EXPECT_TRUE(!call.changes || Found(files) == left) << "reported, then lost";
-  EXPECT_TRUE(watch.moments.size() == 1 || watch.locks == 2);
+  cuts_ += cuts.size();
   for (const Disk& moment : watch.moments)
     for (const Call& next : nexts)
       if (!HasFailure()) Follow(moment, next, device, outcomes);
@@ -171,7 +146,12 @@ TEST_F(PowerCutTest, LeavesTheOldOrTheNewDevice) {
   for (const Call& call : AllCalls()) {
     const std::string old = Found(call.start);
     const DeviceHandle device = Prepare(call);
-    Follow(Disk(call.start), call, device.get(), {old}, nexts);
+    Disk start = {{}, {{}}};
+    for (const auto& [name, content] : call.start) {
+      start.folders[0][name] = start.files.size();
+      start.files.push_back({content, content});
+    }
+    Follow(start, call, device.get(), {old}, nexts);
   }
   printf("%zu power cuts, %zu folders\n", cuts_, found_.size());
   EXPECT_GT(cuts_, 1000u);
