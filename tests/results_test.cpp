@@ -1,4 +1,4 @@
-// Plays the tables of results in tests/data: results.txt and stored_changes.txt.
+// Plays the tables of results in tests/data: stored_changes.txt, results.txt and without_sm2.txt.
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 #include "store/store.h"
@@ -113,7 +113,7 @@ const auto FUNCTIONS = NAMED(
     DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
     FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
     CalculateHash, CalculateCipher, UpdateData2DeviceJson, AddhKeypairToFile,
-    UpdateDeviceDataToFile);
+    UpdateDeviceDataToFile, AddCertToFile, DeleteCertFromFile, GetDeviceDataFromFile);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -128,11 +128,13 @@ class ResultsTest : public OperationsTest {
     n_ = UNTOUCHED;
     if (want == 1) {
       EXPECT_EQ(call(), 1);
+      const LibBytes made(std::exchange(*bytes_, nullptr));
+      if (made) memcpy(g_out, made.get(), std::min(static_cast<size_t>(n_), sizeof(g_out)));
       EXPECT_EQ(Read("dev") != file, writes) << "the file";
       EXPECT_FALSE(Exists("dev.bak"));
     } else {
       Refuses(want, device_.get(), call);
-      EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_);
+      EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_ && !*bytes_);
     }
     EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
     KeypairHandle{std::exchange(*made_, nullptr)};
@@ -169,15 +171,22 @@ class ResultsTest : public OperationsTest {
     }
     const auto call = [&] { return FUNCTIONS.at(function)(words); };
     const int result = std::stoi(want["="]);
+    const std::string before = TextOf(Read("dev"));
     if (want.contains("locked"))
       Gives(std::stoi(want["locked"]), false,
             [&] { return WithFault({.name = "vakro_lock_lock", .andLater = true}, call); });
-    Gives(result, want.contains("writes"), call);
+    const std::string failing = want["fails"];
+    const Fault fault = {failing.c_str(), failing.empty() ? 0 : std::stol(want["nth"])};
+    Gives(result, want.contains("writes") || want.contains("becomes"),
+          [&] { return WithFault(fault, call); });
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
     EXPECT_EQ(Hex(Bytes(g_out, Len(want["hex"]) / 2)), want["hex"]);
     if (want.contains("more")) {
       EXPECT_EQ(TextOf(Read("dev")), WithMore(want["more"]));
+    }
+    if (want.contains("becomes")) {
+      EXPECT_EQ(TextOf(Read("dev")), Replaced(before, want["becomes"], want["by"]));
     }
   }
 
@@ -191,6 +200,7 @@ class ResultsTest : public OperationsTest {
   int n_ = 0;
   Keypair* made_[1] = {};  // arrays, so that the table names their addresses
   PublicKey* key_[1] = {};
+  unsigned char* bytes_[1] = {};
   std::map<std::string, void*> things_;
 };
 
@@ -198,12 +208,16 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string digest(64, 'e'), block = '\0' + std::string(256, 'b'), ones(256, '\xff');
   std::string pair = TestP256().pair, encoding = TestP256().publicKey;
   std::string pairOf2 = Flipped(pair, 11, 4 ^ 2);
-  std::string rsaCipher = Encrypt(rsaPublic_.get(), 16, digest.substr(32));
+  std::string sm2Pair = TestSm2().pair, sm2Encoding = TestSm2().publicKey;
+  std::string rsaCipher = ReadVectors("keys.txt")["rsa2048_cipher"];
+  std::string rawCipher = Encrypt(rsaPublic_.get(), 48, block.substr(0, 256));
+  std::string rsaSignature = Sign(rsa_, 256, digest.substr(32));
+  std::string rawSignature = Sign(rsa_, 768, block.substr(0, 256));
   std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature;
   std::string pin = PIN, empty;
   while (signature.size() != 71) signature = Sign(sm2_, 4096, digest.substr(32));  // the table's
-  ECCKeypairParams onP256 = {3, 0}, onP384 = {4, 0}, on6 = {6, 0};
-  ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1};
+  ECCKeypairParams onP256 = {3, 0}, onP384 = {4, 0}, on6 = {6, 0}, onSm2 = {7, 0};
+  ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1}, temporaryOnSm2 = {7, 1};
   RSAKeypairParams noExponent = {Raw(""), 0, 0}, temporaryRsa = {nullptr, 0, 1};
   auto& out = g_out;
   AEADParams aead = {16, Raw("a nonce"), 7, Raw("data"), 4};
@@ -219,15 +233,19 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   Device* deviceHandle = DeviceGetDevice(set, 0);
   Keypair* keypairHandle = DeviceGetKeypair(device_.get(), 0);
   PublicKey* publicHandle = DeviceGetPublicKeyFromKeypair(p256_);
+  const OwnedCert ownedCert(NewCert(Raw("other"), 5));
+  Cert* otherCert = ownedCert.get();
   things_ = NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
-                  p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, digest, block,
-                  ones, pair, pairOf2, encoding, rsaCipher, sm2Cipher, signature, pin, onP256,
-                  onP384, on6, temporaryOnP256, temporaryOn6, noExponent, temporaryRsa, empty, aead,
-                  out, made_, key_, n_);
+                  p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, otherCert,
+                  digest, block, ones, pair, pairOf2, encoding, sm2Pair, sm2Encoding, rsaCipher,
+                  rawCipher, sm2Cipher, rsaSignature, rawSignature, signature, pin, onP256, onP384,
+                  on6, onSm2, temporaryOnP256, temporaryOn6, temporaryOnSm2, noExponent,
+                  temporaryRsa, empty, aead, out, made_, key_, bytes_, n_);
   things_["-"] = nullptr;
-  for (const char* table : {"stored_changes.txt", "results.txt"}) {
+  for (const std::string table : {"stored_changes.txt", "results.txt", "without_sm2.txt"}) {
+    if (table == "without_sm2.txt") FreeSM2Info(std::exchange(g_sm2, nullptr));
     base_ = TextOf(Read("dev"));
-    for (const std::string& row : ReadRows(table)) Play(row);
+    for (const std::string& row : ReadRows(table.c_str())) Play(row);
   }
   closed_.reset();
 }

@@ -55,8 +55,9 @@ TEST_F(ScanTest, SeventyDevicesOfLongNamesGiveSixtyFour) {
 }
 
 TEST_F(ScanTest, AFolderThatCannotBeListedGivesNull) {
-  for (const char* name : {"opendir", "readdir", "vakro_malloc"})
-    EXPECT_EQ(Scan({.name = name}), "NULL") << name;
+  for (const char* name : {"opendir", "readdir"}) EXPECT_EQ(Scan({.name = name}), "NULL") << name;
+  for (const long nth : {1, 2, 3, 4})  // the folder's path, both lists of names, the set
+    EXPECT_EQ(Scan({.name = "vakro_malloc", .nth = nth}), "NULL") << nth;
   EXPECT_EQ(Scan(), "");
   ASSERT_EQ(rmdir(folder_.c_str()), 0);
   EXPECT_EQ(Scan(), "NULL");

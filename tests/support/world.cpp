@@ -111,3 +111,16 @@ DeviceHandle ModuleTest::Rescan(const char* pin) {
   }
   return device;
 }
+
+KeypairHandle ModuleTest::Import(Device* device, const std::string& pair, int want) {
+  Keypair* made = nullptr;
+  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, "new", &made), want);
+  return KeypairHandle(made);
+}
+
+KeypairHandle ModuleTest::Generate(Device* device, unsigned int algorithm, int bits,
+                                   const void* params, int want) {
+  Keypair* made = nullptr;
+  EXPECT_EQ(DeviceGenerateKeypair(device, algorithm, bits, params, 9, "new", &made), want);
+  return KeypairHandle(made);
+}

@@ -1,0 +1,70 @@
+// JSON, which the module stores devices in, at its borders.
+#include "device/owners.h"
+#include "tests/support/device_file.h"
+
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdlib.h>
+
+using namespace std::string_literals;
+
+static Json Decode(std::string_view text) {
+  const std::vector<char> copy(text.begin(), text.end());  // without a NUL behind it
+  return Json(vakro_json_decode(copy.data(), static_cast<unsigned int>(copy.size())));
+}
+
+static std::string Encode(const VakroJson* value) {
+  char* text = nullptr;
+  unsigned length = 0;
+  EXPECT_EQ(vakro_json_encode(value, VAKRO_JSON_COMPACT, &text, &length), 1);
+  const UtilText owned(text);
+  EXPECT_EQ(text[length], '\0');
+  return {text, length};
+}
+
+// `inner` inside so many arrays.
+static std::string Nest(size_t arrays, const std::string& inner = "") {
+  return std::string(arrays, '[').append(inner).append(arrays, ']');
+}
+
+TEST(JsonTest, ReadsAndWrites) {
+  Json value;
+  for (const std::string& row : ReadRows("json.txt")) {
+    const std::string kind = row.substr(0, row.find(' ')), text = row.substr(kind.size() + 1);
+    if (kind != "as") value = Decode(text);
+    EXPECT_EQ(value == nullptr, kind == "refused") << row;
+    EXPECT_TRUE(kind == "refused" || kind == "read" || Encode(value.get()) == text) << row;
+    const double number = vakro_json_getnumber(value.get());
+    EXPECT_TRUE(kind != "number" || number == strtod(text.c_str(), nullptr)) << row;
+  }
+  EXPECT_EQ(Encode(Decode(" \t\r\n[ 1 ,\n2 ] \n").get()), "[1,2]");
+  EXPECT_EQ(Encode(Decode(Nest(63, "{}")).get()), Nest(63, "{}"));
+  for (const auto& bad : {""s, " "s, "[1]\0"s, "\0"s, "[\0001]"s, "\xef\xbb\xbf[]"s, "[\f1]"s,
+                          Nest(65), Nest(64, "{}"), std::string(100000, '[')})
+    EXPECT_EQ(Decode(bad), nullptr) << bad;
+  const std::pair<double, const char*> made[] = {
+      {-7, "-7"}, {4294967295., "4294967295"}, {1e15, "1000000000000000"}, {-2.5e-10, "-2.5e-10"}};
+  for (const auto& [number, want] : made)
+    EXPECT_EQ(Encode(Json(vakro_json_newnumber(number)).get()), want);
+  for (const double number : {HUGE_VAL, -HUGE_VAL, static_cast<double>(NAN)})
+    EXPECT_EQ(vakro_json_newnumber(number), nullptr);
+}
+
+// Long strings run through vector code, whose blocks must not hide a byte at any place.
+TEST(JsonTest, SeesEveryByteOfAString) {
+  for (int c = 0; c < 256; c++) {
+    const bool special = c < 0x20 || c == '"' || c == '\\';
+    for (size_t at = 0; at < 150; at += special ? 1 : 37) {
+      std::string bytes(150, 'x');
+      bytes[at] = static_cast<char>(c);
+      const Json made(vakro_json_newstring(bytes.data(), 150));
+      const Json read = Decode(Encode(made.get()));
+      ASSERT_EQ(
+          std::string(vakro_json_getstring(read.get()), vakro_json_getstringlength(read.get())),
+          bytes)
+          << c << " at " << at;
+      EXPECT_EQ(Decode('"' + bytes + '"') == nullptr, special) << "raw " << c << " at " << at;
+    }
+  }
+}
