@@ -91,6 +91,7 @@ int FaultsTest::StrikeEach(const Call& call, int first) {
   const long base = LiveAllocations();
   const std::string old = Found(call.start);
   DeviceHandle device = Prepare(call);
+  Put(call.start);
   EXPECT_EQ(Run(call, device.get()), 1);
   EXPECT_EQ(List()["dev"].substr(0, 5), "33184") << "the mode";
   const std::string fresh = Found(Get());

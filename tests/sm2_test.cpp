@@ -51,7 +51,7 @@ std::string ForgedE(const std::string& point, const std::string& r, const std::s
 // The ciphertext of m under C1, whether or not that is a point of the curve.
 std::string ForgedCiphertext(const std::string& c1, const std::string& m) {
   unsigned char shared[64], c2[64], c3[32];
-  SM2MultiplyPoint(shared, Raw(TestSm2().scalar), Raw(c1));
+  SM2MultiplyPoint(shared, Raw(TestSm2().Scalar()), Raw(c1));
   SM2KDF(shared, 64, c2, Len(m));
   Xor(c2, Raw(m), Len(m));
   SM3C3(shared, shared + 32, Raw(m), Len(m), c3);
@@ -161,7 +161,7 @@ TEST_F(Sm2Test, CiphertextsDecryptOrAreRefused) {
   const std::string good = Encrypt(key, 64, std::string(40, 't'));
   for (const char form : {'\0', '\2', '\3', '\6', '\7'})
     EXPECT_EQ(Decrypt(sm2_, 64, form + good.substr(1)), "result 0");
-  std::string c1 = TestSm2().point.substr(1);
+  std::string c1 = TestSm2().Point();
   EXPECT_EQ(Decrypt(sm2_, 64, ForgedCiphertext(c1, "text")), "text");
   EXPECT_EQ(Decrypt(sm2_, 64, ForgedCiphertext(Flipped(c1, 63), "text")), "result 0");
   for (unsigned int k = 1; ForgedCiphertext(c1, "t")[65] != 't'; k++)  // until the stream is 0

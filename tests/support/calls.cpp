@@ -80,22 +80,18 @@ std::vector<Call> AllCalls() {
   stored.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
                      StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
                      StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
-  const std::string bare = stored.File();
+  const Files bare = {{"dev", stored.File()}};
   stored.more = {Array({StoredData(1, "first"), StoredData(2, "second")})};
   const std::string full = stored.File(), older = StoredDevice().File();
   const std::string damaged = full.substr(0, full.size() / 2);
-  const std::string wrongDigest = Flipped(full, full.size() - 1);
+  const Files wrongDigest = {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}};
   std::vector<Call> all = {
       {"certificate added", AddCert, true},
       {"certificate deleted", [](Device* d) { return DeviceDeleteCertificate(d->keypairs[0], 0); },
        true},
       // Refused, which is 1 here: the backup may be the only good copy.
-      {"certificate not added",
-       [](Device* d) { return AddCert(d) == 0 ? 1 : 0; },
-       false,
-       0,
-       full,
-       {{"dev", wrongDigest}, {"dev.bak", full}}},
+      {"certificate not added", [](Device* d) { return AddCert(d) == 0 ? 1 : 0; }, false, 0,
+       wrongDigest},
       {"P-256 imported", [](Device* d) { return Import(d, TestP256()); }, true},
       {"SM2 imported", [](Device* d) { return Import(d, TestSm2()); }, true},
       {"RSA imported", [](Device* d) { return Import(d, TestRsa()); }, true},
@@ -140,15 +136,10 @@ std::vector<Call> AllCalls() {
       {", damaged device file", {{"dev", damaged}, {"dev.bak", full}}},
   };
   for (const auto& [what, files] : starts)
-    for (Call call : fromAny) {
-      call.what += what;
-      call.start = files;
-      all.push_back(call);
-    }
-  for (Call& call : all) {
-    if (call.record.empty()) call.record = full;
-    if (call.start.empty()) call.start = {{"dev", call.record}};
-  }
+    for (const Call& call : fromAny)
+      all.push_back({call.what + what, call.run, call.changes, call.failure, files});
+  for (Call& call : all)
+    if (call.start.empty()) call.start = {{"dev", full}};
   return all;
 }
 
@@ -193,13 +184,6 @@ Files CallsTest::Get() const {
     files[name] = entry.substr(5);
   }
   return files;
-}
-
-DeviceHandle CallsTest::Prepare(const Call& call) {
-  Put({});
-  DeviceHandle device = Load(call.record);
-  Put(call.start);
-  return device;
 }
 
 bool CallsTest::IsFolderFree() const {

@@ -9,10 +9,9 @@ using Files = std::map<std::string, std::string>;  // name -> content
 struct Call {
   std::string what;
   std::function<int(Device*)> run;
-  bool changes = false;     // a result of 1 means new content
-  int failure = 0;          // a documented failure besides 0
-  std::string record = {};  // the device file that the record was loaded from
-  Files start = {};         // the folder
+  bool changes = false;  // a result of 1 means new content
+  int failure = 0;       // a documented failure besides 0
+  Files start = {};      // the folder; the record is what a scan of it finds
 };
 std::vector<Call> AllCalls();
 
@@ -27,8 +26,11 @@ class CallsTest : public ModuleTest {
 
   void Put(const Files& files) const;  // the folder holds exactly these
   Files Get() const;
-  DeviceHandle Prepare(const Call& call);  // its record, verified; its start is put
-  bool IsFolderFree() const;               // of its lock
+  DeviceHandle Prepare(const Call& call) const {  // its record, verified
+    Put(call.start);
+    return Rescan(PIN);
+  }
+  bool IsFolderFree() const;  // of its lock
 
   // The bytes of the device that a scan finds in a folder of these files. It is the only one, opens
   // with a PIN of the calls, nothing lies beside it afterwards, and the next scan finds the same.

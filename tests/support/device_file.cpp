@@ -56,28 +56,22 @@ static std::string Part(std::string_view bytes) {
   return Word(static_cast<unsigned int>(bytes.size())) + std::string(bytes);
 }
 
-std::string EccPublic(int curve, std::string_view x, std::string_view y) {
-  return "_PUBKEY_" + Word(4) + Word(static_cast<unsigned int>(curve)) + Part(x) + Part(y);
-}
-
 std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d) {
-  return "_KEYPAIR" + EccPublic(curve, x, y).substr(8) + Part(d);
+  return "_KEYPAIR" + Word(4) + Word(static_cast<unsigned int>(curve)) + Part(x) + Part(y) +
+         Part(d);
 }
 
-static TestKey LoadKey(const std::string& name, int curve) {
+static TestKey LoadKey(const std::string& name, int algorithm, int curve) {
   auto vectors = ReadVectors("keys.txt");
   FILE* file = fopen(DataFile((name + ".pem").c_str()).c_str(), "rb");
   EVP_PKEY* pem = file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
   Must(pem != nullptr && fclose(file) == 0, "PEM");
-  const std::string& pair = vectors[name + "_pair"];
-  const int bits = EVP_PKEY_get_bits(pem);
-  if (curve == 0) return {1, bits, curve, pem, pair, vectors[name + "_public"], "", ""};
-  const std::string point = '\x04' + pair.substr(20, 32) + pair.substr(56, 32);
-  return {4, bits, curve, pem, pair, vectors[name + "_public"], point, pair.substr(92)};
+  return {algorithm, curve, pem, vectors[name + "_pair"], vectors[name + "_public"]};
 }
 
 static const TestKey* Keys() {
-  static const TestKey keys[] = {LoadKey("rsa2048", 0), LoadKey("p256", 3), LoadKey("sm2", 7)};
+  static const TestKey keys[] = {LoadKey("rsa2048", 1, 0), LoadKey("p256", 4, 3),
+                                 LoadKey("sm2", 4, 7)};
   return keys;
 }
 const TestKey& TestRsa() { return Keys()[0]; }
@@ -120,7 +114,7 @@ std::string StoredKeypair::Json() const {
   std::vector<std::string> list;
   for (const std::string& cert : certs) list.push_back(Quoted(Base64(cert)));
   return Array({Quoted(label), std::to_string(type), std::to_string(key->algorithm),
-                std::to_string(key->bits), Quoted(Hex(salt)), Quoted(Hex(iv)),
+                std::to_string(EVP_PKEY_get_bits(key->key)), Quoted(Hex(salt)), Quoted(Hex(iv)),
                 Quoted(Hex(key->publicKey)), Quoted(Hex(Seal(key->pair, pin, salt, iv, tag))),
                 Array(list)});
 }

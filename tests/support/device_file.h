@@ -26,18 +26,19 @@ std::string Digest(const char* name, std::string_view bytes);  // OpenSSL's name
 // --- Keys: fixed ones, and their encodings ---
 
 struct TestKey {
-  int algorithm, bits, curve;
+  int algorithm, curve;
   EVP_PKEY* key;          // OpenSSL's own kind, SM2 included
   std::string pair;       // the keypair encoding
   std::string publicKey;  // the public-key encoding
-  std::string point;      // 0x04, x, y; empty for RSA
-  std::string scalar;     // d; empty for RSA
+
+  // Of elliptic-curve keys: x and y, and d.
+  std::string Point() const { return pair.substr(20, 32) + pair.substr(56, 32); }
+  std::string Scalar() const { return pair.substr(92); }
 };
 const TestKey& TestRsa();  // 2048 bits
 const TestKey& TestP256();
 const TestKey& TestSm2();
 std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d);
-std::string EccPublic(int curve, std::string_view x, std::string_view y);
 
 // Seal is the protection of private keys: PBKDF2 and AES-256-GCM. It has no chance in it, so a blob
 // is right when sealing what it must hold gives the same.
