@@ -1,16 +1,14 @@
 #include "tests/support/device_file.h"
 
+#include <arpa/inet.h>
 #include <openssl/pem.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <fstream>
-#include <sstream>
+#include <stdexcept>
 
 // The builders run on good input only: a failure is a broken test program.
-static void Must(bool good, const char* what) {
-  if (good) return;
-  fprintf(stderr, "test support: %s failed\n", what);
-  abort();
+static void Must(bool good, const std::string& what) {
+  if (!good) throw std::logic_error("test support: " + what + " failed");
 }
 
 static unsigned char* Mutable(std::string& bytes) {
@@ -18,9 +16,8 @@ static unsigned char* Mutable(std::string& bytes) {
 }
 
 std::string Word(unsigned int value) {
-  std::string bytes;
-  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
-  return bytes;
+  const unsigned int word = htonl(value);
+  return {reinterpret_cast<const char*>(&word), sizeof(word)};
 }
 
 std::string Hex(std::string_view bytes) {
@@ -165,10 +162,8 @@ std::vector<std::string> ReadRows(const char* name) {
 std::map<std::string, std::string> ReadVectors(const char* name) {
   std::map<std::string, std::string> vectors;
   for (const std::string& row : ReadRows(name)) {
-    std::istringstream words(row);
-    std::string key, equals, hex;
-    words >> key >> equals >> hex;
-    vectors[key] = Unhex(hex);
+    const size_t equals = row.find(" = ");
+    vectors[row.substr(0, equals)] = Unhex(row.substr(equals + 3));
   }
   return vectors;
 }
