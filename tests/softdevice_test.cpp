@@ -49,6 +49,8 @@ std::vector<Session> ReadSessions() {
   return all;
 }
 
+const std::vector<Session> SESSIONS = ReadSessions();
+
 // Waits until the program that asks has turned the echo off, or left it on: the prompt comes first.
 bool AwaitEcho(int terminal, bool on) {
   termios mode = {};
@@ -93,16 +95,12 @@ void Play(const std::vector<Step>& steps, const std::string& item) {
   ASSERT_NE(mkdtemp(scratch.data()), nullptr);
   const fs::path before = fs::current_path();
   fs::current_path(scratch);
-  std::ofstream("pin") << "right pin\n";
-  std::ofstream("wrong") << "wrong pin\n";
-  std::ofstream("pass") << "open sesame\n";
-  std::ofstream("msg") << "the message\n";
   setenv("PATH", (std::string(SOFTDEVICE_DIR) + ":" + getenv("PATH")).c_str(), 1);
   setenv("IT", item.c_str(), 1);
   setenv("DEV", "--folder keys", 1);
   setenv("KEY", "--folder keys --pin-file pin", 1);
   setenv("ID", "-pkeyopt distid:1234567812345678", 1);
-  Take({"softdevice create $DEV --label Demo --serial 0001"});
+  for (const Step& step : SESSIONS[0].steps) Take(step);
   for (const Step& step : steps) Take(step);
   fs::current_path(before);
   fs::remove_all(scratch);
@@ -117,6 +115,8 @@ TEST_P(Softdevice, Session) {
   for (const std::string& item : items) Play(steps, item);
 }
 
-INSTANTIATE_TEST_SUITE_P(, Softdevice, testing::ValuesIn(ReadSessions()), [](const auto& tested) {
-  return std::regex_replace(tested.param.title, std::regex("[^A-Za-z0-9]"), "_");
-});
+INSTANTIATE_TEST_SUITE_P(, Softdevice, testing::ValuesIn(SESSIONS.begin() + 1, SESSIONS.end()),
+                         [](const auto& tested) {
+                           return std::regex_replace(tested.param.title, std::regex("[^A-Za-z0-9]"),
+                                                     "_");
+                         });

@@ -19,7 +19,9 @@ class CallsTest : public ModuleTest {
  protected:
   // The result of the call, made under the hook. "Random" bytes are the same in every run, so that
   // every run of a call writes the same file.
-  static int Run(const Call& call, Device* device, const decltype(Hook::ask)& hook = NoHook);
+  static int Run(
+      const Call& call, Device* device,
+      const decltype(Hook::ask)& hook = [](const ImportCall&) { return 0; });
 
   static pid_t Fork(const std::function<void()>& body);
   static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
@@ -37,9 +39,6 @@ class CallsTest : public ModuleTest {
   const std::string& Found(const Files& files);
 
   std::map<Files, std::string> found_;
-
- private:
-  static int NoHook(const ImportCall& /*call*/) { return 0; }
 };
 
 #endif

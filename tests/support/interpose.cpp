@@ -26,8 +26,6 @@
 #include <type_traits>
 
 namespace {
-constexpr char OPENSSL_MALLOC[] = "OPENSSL_malloc";
-
 std::atomic<long> g_live{0};
 std::vector<std::string> g_unknown;
 
@@ -104,20 +102,16 @@ int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLe
 // By the function that the libraries import: its wrapper, and where that looks for its name.
 std::map<void*, std::pair<void*, const char**>> g_wrappers;
 
-template <Kind kind, auto* real>
-void Add(void* imported) {
-  using Made = Wrapper<kind, real>;
-  g_wrappers[imported] = {reinterpret_cast<void*>(Made::Call), &Made::name};
-}
+void* Address(auto* function) { return reinterpret_cast<void*>(function); }
 
 template <Kind kind, auto*... reals>
 void Wrap() {
-  (Add<kind, reals>(reinterpret_cast<void*>(reals)), ...);
+  ((g_wrappers[Address(reals)] = {Address(Wrapper<kind, reals>::Call),
+                                  &Wrapper<kind, reals>::name}),
+   ...);
 }
 
 void WrapAll() {
-  Add<ZERO, Derive>(reinterpret_cast<void*>(PKCS5_PBKDF2_HMAC));
-  Add<READS, Open>(reinterpret_cast<void*>(open));
   Wrap<ZERO, vakro_lock_new, vakro_lock_lock, vakro_json_decode, vakro_json_encode,
        vakro_json_getarrayitem, vakro_json_newarray, vakro_json_newstring, vakro_json_newnumber,
        vakro_json_addarrayitem, vakro_json_dup, vakro_hexencode, vakro_hexdecode,
@@ -138,16 +132,19 @@ void WrapAll() {
        EC_KEY_set_private_key, EC_KEY_generate_key, ECDSA_sign, EVP_PKEY_new, EVP_PKEY_set1_RSA,
        EVP_PKEY_set1_EC_KEY, EVP_PKEY_get1_RSA, EVP_PKEY_get1_EC_KEY, EVP_PKEY_up_ref, RSA_new,
        RSA_set0_key, RSA_generate_key_ex, i2d_RSAPrivateKey, i2d_RSAPublicKey, d2i_RSAPrivateKey,
-       d2i_RSAPublicKey, d2i_ECDSA_SIG, RAND_bytes, EVP_MD_fetch, EVP_MD_CTX_new, EVP_DigestInit_ex,
-       EVP_DigestUpdate, EVP_DigestFinal_ex, HMAC_CTX_new, HMAC_Init_ex, HMAC_Update, HMAC_Final,
-       EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl, EVP_CipherInit_ex, EVP_CipherUpdate,
-       EVP_EncryptUpdate, EVP_EncryptFinal_ex, EVP_DecryptUpdate, EVP_DecryptFinal_ex>();
+       d2i_RSAPublicKey, d2i_ECDSA_SIG, RAND_bytes, Derive, EVP_MD_fetch, EVP_MD_CTX_new,
+       EVP_DigestInit_ex, EVP_DigestUpdate, EVP_DigestFinal_ex, HMAC_CTX_new, HMAC_Init_ex,
+       HMAC_Update, HMAC_Final, EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl, EVP_CipherInit_ex,
+       EVP_CipherUpdate, EVP_EncryptUpdate, EVP_EncryptFinal_ex, EVP_DecryptUpdate,
+       EVP_DecryptFinal_ex>();
   Wrap<MINUS_ONE, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt, RSA_public_decrypt,
        BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init, pthread_mutexattr_settype,
        pthread_mutex_init, pthread_mutex_lock>();
-  Wrap<READS, fopen, fclose, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat, lstat,
-       fstat, access, flock>();
+  Wrap<READS, Open, fopen, fclose, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat,
+       lstat, fstat, access, flock>();
   Wrap<MODIFIES, fwrite, fflush, rename, remove, fchmod, fchown>();
+  g_wrappers[Address(open)] = g_wrappers[Address(Open)];
+  g_wrappers[Address(PKCS5_PBKDF2_HMAC)] = g_wrappers[Address(Derive)];
 }
 
 // Never fail, or only for a wrong argument.
@@ -170,8 +167,9 @@ void Patch(void** slot, const char* symbol, bool isImported) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const auto start = reinterpret_cast<uintptr_t>(slot) / page * page;
   if (mprotect(reinterpret_cast<void*>(start), page, PROT_READ | PROT_WRITE) != 0) abort();
-  *slot = found->second.first;
-  *found->second.second = symbol;
+  const auto& [wrapper, name] = found->second;
+  *slot = wrapper;
+  *name = symbol;
 }
 
 void PatchLibrary(const link_map& library) {
@@ -191,11 +189,11 @@ void PatchLibrary(const link_map& library) {
   }
 }
 
-void* OpensslMalloc(size_t size, const char* /*file*/, int /*line*/) {
-  return MustFail({.name = OPENSSL_MALLOC}) ? nullptr : malloc(size);
-}
 void* OpensslRealloc(void* memory, size_t size, const char* /*file*/, int /*line*/) {
-  return MustFail({.name = OPENSSL_MALLOC}) ? nullptr : realloc(memory, size);
+  return MustFail({.name = "OPENSSL_malloc"}) ? nullptr : realloc(memory, size);
+}
+void* OpensslMalloc(size_t size, const char* file, int line) {
+  return OpensslRealloc(nullptr, size, file, line);
 }
 void OpensslFree(void* memory, const char* /*file*/, int /*line*/) { free(memory); }
 
