@@ -8,7 +8,6 @@
 #include <unistd.h>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -117,6 +116,8 @@ TEST_P(Softdevice, Session) {
 
 INSTANTIATE_TEST_SUITE_P(, Softdevice, testing::ValuesIn(SESSIONS.begin() + 1, SESSIONS.end()),
                          [](const auto& tested) {
-                           return std::regex_replace(tested.param.title, std::regex("[^A-Za-z0-9]"),
-                                                     "_");
+                           std::string name = tested.param.title;
+                           for (char& c : name)
+                             c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                           return name;
                          });

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <link.h>
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
@@ -21,7 +22,6 @@
 #include <unistd.h>
 #include <atomic>
 #include <map>
-#include <regex>
 #include <span>
 #include <type_traits>
 
@@ -148,11 +148,11 @@ void WrapAll() {
 }
 
 // Never fail, or only for a wrong argument.
-const std::regex NEVER_FAIL(
-    "_.*|mem.*|str.*|close.*|fileno|malloc|getpid|vakro_malloc|vakro_json_get.*|.*[Ff]ree.*|"
-    ".*_get0_.*|.*_unlock|.*_destroy|.*_size|BN_bn2bin|BN_is_zero|BN_num_bits|BN_value_one|"
-    "BN_is_negative|CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
-    "EVP_aes_256_gcm|EVP_PKEY_get_id");
+constexpr char NEVER_FAIL[] =
+    "@(_*|mem*|str*|close*|fileno|malloc|getpid|vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|"
+    "*_unlock|*_destroy|*_size|BN_bn2bin|BN_is_zero|BN_num_bits|BN_value_one|BN_is_negative|"
+    "CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
+    "EVP_aes_256_gcm|EVP_PKEY_get_id)";
 
 // --- The patch -----------------------------------------------------------------------------------
 
@@ -161,7 +161,8 @@ const std::regex NEVER_FAIL(
 void Patch(void** slot, const char* symbol, bool isImported) {
   const auto found = g_wrappers.find(*slot);
   if (found == g_wrappers.end()) {
-    if (isImported && !std::regex_match(symbol, NEVER_FAIL)) g_unknown.emplace_back(symbol);
+    if (isImported && fnmatch(NEVER_FAIL, symbol, FNM_EXTMATCH) != 0)
+      g_unknown.emplace_back(symbol);
     return;
   }
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
