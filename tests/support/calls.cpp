@@ -3,7 +3,6 @@
 #include "store/store.h"
 
 #include <fcntl.h>
-#include <openssl/rand.h>
 #include <sys/file.h>
 #include <filesystem>
 #include <tuple>
@@ -160,29 +159,8 @@ std::vector<Call> AllCalls() {
 
 // --- Their runs ----------------------------------------------------------------------------------
 
-static unsigned long long g_state;
-
-static int FixedBytes(unsigned char* bytes, int count) {
-  for (int i = 0; i < count; i++) {
-    g_state = g_state * 6364136223846793005ULL + 1442695040888963407ULL;
-    bytes[i] = static_cast<unsigned char>(g_state >> 56);
-  }
-  return 1;
-}
-
-void CallsTest::SetUp() {
-  ModuleTest::SetUp();
-  static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
-  ASSERT_EQ(RAND_set_rand_method(&fixed), 1);
-}
-
-void CallsTest::TearDown() {
-  RAND_set_rand_method(nullptr);
-  ModuleTest::TearDown();
-}
-
 int CallsTest::Run(const Call& call, Device* device, int (*hook)(const ImportCall&)) {
-  g_state = 1;
+  FixRandom();
   HookCalls(hook);
   const int result = call.run(device);
   HookCalls(nullptr);

@@ -32,8 +32,6 @@ T* Shared() {
 // "Random" bytes are the same in every run, so that every run of a call writes the same file.
 class CallsTest : public ModuleTest {
  protected:
-  void SetUp() override;
-  void TearDown() override;
   static int Run(const Call& call, Device* device, int (*hook)(const ImportCall&) = nullptr);
 
   void Put(const Files& files) const;  // the folder holds exactly these

@@ -1,6 +1,7 @@
 #include "tests/support/world.h"
 
 #include <dirent.h>
+#include <openssl/rand.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,6 +32,22 @@ std::string Describe(const Device& device, bool addresses) {
   return out.str();
 }
 
+static unsigned long long g_random;
+
+static int FixedBytes(unsigned char* bytes, int count) {
+  for (int i = 0; i < count; i++) {
+    g_random = g_random * 6364136223846793005ULL + 1442695040888963407ULL;
+    bytes[i] = static_cast<unsigned char>(g_random >> 56);
+  }
+  return 1;
+}
+
+void FixRandom() {
+  static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
+  EXPECT_EQ(RAND_set_rand_method(&fixed), 1);
+  g_random = 1;
+}
+
 bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin) {
   return Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen) ==
          Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
@@ -50,6 +67,7 @@ void ModuleTest::SetUp() {
 
 void ModuleTest::TearDown() {
   FixRandRange({});
+  RAND_set_rand_method(nullptr);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
   EXPECT_EQ(DeviceEnd(), 1);
   EXPECT_EQ(LiveAllocations(), live_) << "not given back";

@@ -23,6 +23,9 @@ std::string ReadText(const std::string& path);  // "" when there is none
 // Every field of the record, as text; without `addresses` it says the same of equal devices.
 std::string Describe(const Device& device, bool addresses = true);
 
+// Random bytes are the same from each call of FixRandom on, until the end of the test.
+void FixRandom();
+
 // Whether `plain` is what the keypair holds under the PIN.
 bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN);
 
