@@ -26,14 +26,17 @@ class OperationsTest : public ModuleTest {
     ModuleTest::TearDown();
   }
 
-  // The output, or "result N".
+  // The output, in a buffer just as long as the size query says, or "result N".
   template <auto Operation, class Key>
   static std::string Perform(Key* key, unsigned int algorithm, const std::string& data) {
-    unsigned char out[600];
     int length = 0;
-    const int result =
-        Operation(key, algorithm, nullptr, Raw(data), Len(data), out, sizeof(out), &length);
-    return result == 1 ? Bytes(out, length) : "result " + std::to_string(result);
+    const auto call = [&](unsigned char* out, int size) {
+      return Operation(key, algorithm, nullptr, Raw(data), Len(data), out, size, &length);
+    };
+    int result = call(nullptr, 0);
+    std::vector<unsigned char> out(static_cast<size_t>(length));
+    if (result == 1) result = call(out.data(), length);
+    return result == 1 ? Bytes(out.data(), length) : "result " + std::to_string(result);
   }
   static constexpr auto Sign = Perform<DeviceSign, Keypair>;
   static constexpr auto Decrypt = Perform<DevicePrivateKeyDecrypt, Keypair>;
