@@ -43,6 +43,7 @@ std::vector<std::string> g_unknown;
 
 // Says whether the call must fail, and has then set errno.
 bool MustFail(const ImportCall& call) {
+  if (t_fault.name[0] == '\0' && t_hook == nullptr) return false;  // fuzzing makes many calls
   const int usual = errno;
   int error = t_hook != nullptr ? t_hook(call) : 0;
   const std::string names = std::string("|") + t_fault.name + "|";
@@ -108,6 +109,7 @@ int RandRange(BIGNUM* result, const BIGNUM* range) {
 int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
            const EVP_MD* hash, int length, unsigned char* key) {
   thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
+  if (keys.size() > 100000) keys.clear();
   const auto* saltText = reinterpret_cast<const char*>(salt);
   std::string& known = keys[{{pin, pin + pinLength}, {saltText, saltText + saltLength}}];
   if (known.empty()) {
