@@ -28,7 +28,7 @@ class OperationsTest : public ModuleTest {
 
   // The output, in a buffer just as long as the size query says, or "result N".
   template <auto Operation, class Key>
-  static std::string Perform(Key* key, unsigned int algorithm, const std::string& data) {
+  static std::string Perform(Key* key, unsigned int algorithm, std::string_view data) {
     int length = 0;
     const auto call = [&](unsigned char* out, int size) {
       return Operation(key, algorithm, nullptr, Raw(data), Len(data), out, size, &length);
@@ -42,8 +42,8 @@ class OperationsTest : public ModuleTest {
   static constexpr auto Decrypt = Perform<DevicePrivateKeyDecrypt, Keypair>;
   static constexpr auto Encrypt = Perform<DevicePublicKeyEncrypt, PublicKey>;
 
-  static int Verify(PublicKey* key, unsigned int algorithm, const std::string& data,
-                    const std::string& signature) {
+  static int Verify(PublicKey* key, unsigned int algorithm, std::string_view data,
+                    std::string_view signature) {
     return DeviceVerify(key, algorithm, nullptr, Raw(data), Len(data), Raw(signature),
                         Len(signature));
   }
@@ -58,7 +58,7 @@ class OperationsTest : public ModuleTest {
   static std::string EvpDecrypt(EVP_PKEY* key, const std::string& data, int padding = 0) {
     return RunEvp(key, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, data, padding);
   }
-  static bool EvpVerify(EVP_PKEY* key, const std::string& data, const std::string& signature) {
+  static bool EvpVerify(EVP_PKEY* key, std::string_view data, std::string_view signature) {
     const EvpContext context(EVP_PKEY_CTX_new(key, nullptr));
     return EVP_PKEY_verify_init(context.get()) == 1 &&
            EVP_PKEY_verify(context.get(), Raw(signature), signature.size(), Raw(data),
