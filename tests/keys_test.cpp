@@ -1,6 +1,6 @@
 // Keypairs and public keys: what generation and import make, its encodings, and the private key at
 // rest, against OpenSSL's own PBKDF2 and AES-GCM. What they refuse is in the table of results and
-// in hostile_bytes_test.cpp.
+// with the fuzz targets.
 #include "keypair/keypair.h"
 #include "tests/support/world.h"
 

@@ -1,5 +1,5 @@
 // RSA and ECDSA through the device, against OpenSSL's EVP both ways. What is refused is in the
-// table of results and in hostile_bytes_test.cpp; SM2 is in sm2_test.cpp.
+// table of results and with the fuzz targets; SM2 is in sm2_test.cpp.
 #include "tests/support/operations.h"
 #include "sm2/sm2.h"
 

@@ -1,6 +1,6 @@
 // The libraries below the module: published vectors, and JSON. Encodings of keys, texts and
-// signatures are looked at by the fuzz targets and hostile_bytes_test.cpp, the lock by
-// lifecycle_test.cpp, and failing allocations by faults_test.cpp.
+// signatures are looked at by the fuzz targets, the lock by lifecycle_test.cpp, and failing
+// allocations by faults_test.cpp.
 #include "device/owners.h"
 #include "tests/support/device_file.h"
 
