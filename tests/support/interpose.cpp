@@ -208,7 +208,7 @@ const bool g_patched = [] {
 }  // namespace
 
 int Fault::operator()(const ImportCall& call) {
-  if (("|" + name + "|").find("|" + std::string(call.name) + "|") == std::string::npos) return 0;
+  if (fnmatch(name.c_str(), call.name.data(), FNM_EXTMATCH) != 0) return 0;
   calls++;
   return calls == nth || (andLater && calls > nth) ? EIO : 0;
 }

@@ -14,7 +14,7 @@
 
 // A call that is about to be made; what it does not have is empty.
 struct ImportCall {
-  std::string_view name = {};
+  std::string_view name = "";  // a NUL ends it
   bool onFiles = false;        // a file call of the C library
   bool modifies = false;       // opens for writing, writes, renames, removes, changes mode or owner
   std::string_view path = {};  // of rename: the old one
@@ -35,7 +35,7 @@ struct Hook {
 
 // What a hook asks to find the calls that fail.
 struct Fault {
-  std::string name;       // the function to fail; several joined by '|' count as one
+  std::string name;       // the function to fail, or a pattern of fnmatch for several
   long nth = 1;           // the first call to fail, counted from 1; 0 fails none
   bool andLater = false;  // fail all later ones too
   long calls = 0;
