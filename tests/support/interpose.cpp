@@ -52,7 +52,7 @@ ImportCall About(const char* path, int flags, mode_t /*mode*/) {
   return {.modifies = (flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0, .path = path};
 }
 ImportCall About(const void* bytes, size_t size, size_t count, FILE* stream) {
-  return {.stream = stream, .bytes = bytes, .length = size * count};
+  return {.stream = stream, .bytes = {static_cast<const char*>(bytes), size * count}};
 }
 ImportCall About(const char* path, auto...) { return {.path = path}; }
 ImportCall About(FILE* stream, auto...) { return {.stream = stream}; }

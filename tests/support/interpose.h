@@ -20,8 +20,7 @@ struct ImportCall {
   std::string_view path = {};  // of rename: the old one
   int fd = -1;
   FILE* stream = nullptr;
-  const void* bytes = nullptr;  // of fwrite
-  size_t length = 0;
+  std::string_view bytes = "";  // of fwrite
 };
 
 // While a hook lives it is asked before each call that its thread makes: 0 lets it happen, an errno
