@@ -92,7 +92,8 @@ TEST_F(StoredTest, ABackupIsNoMoreReadable) {
   for (const auto& [mode, want] : {std::pair(0640, "33152"), std::pair(0644, "33188")}) {
     Write("dev", Read("dev"), static_cast<unsigned int>(mode));
     if (chown(Path("dev").c_str(), static_cast<uid_t>(-1), 12345) != 0) GTEST_SKIP() << "not root";
-    WithFault({"fchown|fwrite", 1, true}, [&] { return DeviceCreateData(device.get(), 5, 0, 1); });
+    WithFault({"@(fchown|fwrite)", 1, true},
+              [&] { return DeviceCreateData(device.get(), 5, 0, 1); });
     EXPECT_EQ(List()["dev.bak"], want);
   }
 }

@@ -53,7 +53,7 @@ ImportCall About(const char* path, int flags, mode_t /*mode*/) {
   return {.modifies = (flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0, .path = path};
 }
 ImportCall About(const void* bytes, size_t size, size_t count, FILE* stream) {
-  return {.stream = stream, .bytes = bytes, .length = size * count};
+  return {.stream = stream, .bytes = {static_cast<const char*>(bytes), size * count}};
 }
 ImportCall About(const char* path, auto...) { return {.path = path}; }
 ImportCall About(FILE* stream, auto...) { return {.stream = stream}; }
@@ -210,7 +210,7 @@ const bool g_patched = [] {
 }  // namespace
 
 int Fault::operator()(const ImportCall& call) {
-  if (("|" + name + "|").find("|" + std::string(call.name) + "|") == std::string::npos) return 0;
+  if (fnmatch(name.c_str(), call.name.data(), FNM_EXTMATCH) != 0) return 0;
   calls++;
   return calls == nth || (andLater && calls > nth) ? EIO : 0;
 }

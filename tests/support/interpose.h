@@ -14,14 +14,13 @@
 
 // A call that is about to be made; what it does not have is empty.
 struct ImportCall {
-  std::string_view name = {};
+  std::string_view name = "";  // a NUL ends it
   bool onFiles = false;        // a file call of the C library
   bool modifies = false;       // opens for writing, writes, renames, removes, changes mode or owner
   std::string_view path = {};  // of rename: the old one
   int fd = -1;
   FILE* stream = nullptr;
-  const void* bytes = nullptr;  // of fwrite
-  size_t length = 0;
+  std::string_view bytes = "";  // of fwrite
 };
 
 // While a hook lives it is asked before each call that its thread makes: 0 lets it happen, an errno
@@ -35,7 +34,7 @@ struct Hook {
 
 // What a hook asks to find the calls that fail.
 struct Fault {
-  std::string name;       // the function to fail; several joined by '|' count as one
+  std::string name;       // the function to fail, or a pattern of fnmatch for several
   long nth = 1;           // the first call to fail, counted from 1; 0 fails none
   bool andLater = false;  // fail all later ones too
   long calls = 0;
