@@ -36,6 +36,8 @@ FUZZ(keypair_encoding) {
   EXPECT_EQ(Describe(*again, false), Describe(*device, false));
   const Keypair& stored = *again->keypairs[0];
   EXPECT_EQ(PairEncoding(stored.privateKey, stored.curve), Normal(input));
+  EXPECT_EQ(PublicEncoding(stored.privateKey, stored.curve),
+            Bytes(stored.publicKey, stored.publicKeyLen));
   const std::string more = std::string(input.substr(KEY_HEADER_SIZE)) + '\0';
   EXPECT_EQ(EvpKey(DecodeRSAPair(Raw(more), Len(more))), nullptr);
   return true;
