@@ -3,6 +3,8 @@
 #include "tests/support/operations.h"
 #include "sm2/sm2.h"
 
+#include <set>
+
 TEST_F(OperationsTest, RsaSignaturesAreThoseOfEvp) {
   const std::string info = Unhex("3031300d060960864801650304020105000420") + Digest("SHA256", "m");
   const struct {
@@ -76,4 +78,25 @@ TEST_F(OperationsTest, AnSm2KeyOfUnknownCurveCanDoNothingOfSm2) {
   const PublicHandle unknown(DeviceGetPublicKeyFromKeypair(again->keypairs[2]));
   EXPECT_EQ(Encrypt(unknown.get(), 64, e), "result 0");
   EXPECT_EQ(Verify(unknown.get(), 4096, e, Sign(sm2_, 4096, e)), 0);
+}
+
+// So threads that use private keys don't wait for each other.
+TEST_F(OperationsTest, PrivateKeysWorkWithoutTheLock) {
+  static std::set<std::string> begun;
+  const std::string text(32, 'm'), rsaCipher = Encrypt(rsaPublic_.get(), 16, text),
+                                   sm2Cipher = Encrypt(sm2Public_.get(), 64, text);
+  HookCalls([](const ImportCall& call) {
+    static const std::set<std::string> arithmetic = {"RSA_private_encrypt", "RSA_private_decrypt",
+                                                     "ECDSA_sign", "BN_rand_range",
+                                                     "VakroPKICryptoNewHash"};
+    if (!arithmetic.contains(call.name)) return 0;
+    begun.insert(call.name);
+    EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << call.name;
+    return 0;
+  });
+  for (const auto& [keypair, algorithm] : {std::pair(rsa_, 256u), {p256_, 2048u}, {sm2_, 4096u}})
+    EXPECT_FALSE(Sign(keypair, algorithm, text).starts_with("result"));
+  EXPECT_EQ(Decrypt(rsa_, 16, rsaCipher) + Decrypt(sm2_, 64, sm2Cipher), text + text);
+  HookCalls(nullptr);
+  EXPECT_EQ(begun.size(), 5U);
 }
