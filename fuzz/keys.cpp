@@ -76,6 +76,14 @@ FUZZ(ecc_signature) {
   return true;
 }
 
+static bool EvpVerify(EVP_PKEY* key, std::string_view digest, std::string_view signature) {
+  const std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>> context(
+      EVP_PKEY_CTX_new(key, nullptr));
+  return EVP_PKEY_verify_init(context.get()) == 1 &&
+         EVP_PKEY_verify(context.get(), Raw(signature), signature.size(), Raw(digest),
+                         digest.size()) == 1;
+}
+
 // A signature that verifies does so for OpenSSL, too, and for no other digest.
 FUZZ(signature) {
   const std::string digest(32, 'e'), other = Flipped(digest, 31);

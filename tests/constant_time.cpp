@@ -13,127 +13,109 @@
 
 #include <valgrind/memcheck.h>
 
-#include <stdio.h>
-
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace {
 
-struct Secret {
-  unsigned char bytes[32];
-  Secret() {
-    for (int i = 0; i < 32; i++) bytes[i] = static_cast<unsigned char>(i * 151 + 7);
-    VALGRIND_MAKE_MEM_UNDEFINED(bytes, sizeof bytes);
-  }
+unsigned char g_secret[] = "a scalar below n, or a coordinate";
+
+// A result other than 1 is a failure. The last byte of what a secret gives is at out[31].
+struct Computation {
+  const char* what;
+  int (*compute)(unsigned char* out);
 };
 
 template <class Field>
-bool MultiplyGenerator(unsigned char* out) {
-  int result = sm2::MultiplyGenerator<Field>(out, Secret().bytes);
-  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
-  return result == 1;
+int MultiplyGenerator(unsigned char* out) {
+  return sm2::MultiplyGenerator<Field>(out, g_secret);
 }
 
 template <class Field>
-bool MultiplyPoint(unsigned char* out) {
+int MultiplyPoint(unsigned char* out) {
   unsigned char g[64];
   memcpy(g, SM2_CURVE.gx, 32);
   memcpy(g + 32, SM2_CURVE.gy, 32);
-  int result = sm2::MultiplyPoint<Field>(out, Secret().bytes, g);
-  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
-  return result == 1;
+  return sm2::MultiplyPoint<Field>(out, g_secret, g);
 }
 
 // The signing factor, (1 + d)^-1, and what makes a signature of it: s = (1 + d)^-1 (k + r) - r
-bool ComputeS(unsigned char* out) {
-  const Secret secret;
+int ComputeS(unsigned char* out) {
   const unsigned char one = 1;
-  SM2Scalar d, k, r, factor, s;
-  int result = SM2ReadScalar(&d, secret.bytes, 32);
-  result &= SM2ReadScalar(&k, secret.bytes, 32);
+  SM2Scalar d, r, factor, s;
+  int result = SM2ReadScalar(&d, g_secret, 32);
   SM2ReadScalar(&r, SM2_CURVE.gx, 32);
   SM2ReadScalar(&factor, &one, 1);
   SM2AddScalars(&factor, &factor, &d);
   result &= SM2InvertScalar(&factor, &factor);
-  SM2AddScalars(&s, &r, &k);
+  SM2AddScalars(&s, &r, &d);  // k = d
   result &= SM2IsZeroScalar(&s) ^ 1;
   SM2MultiplyScalars(&s, &s, &factor);
   SM2SubtractScalars(&s, &s, &r);
   SM2WriteScalar(out, &s);
-  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
-  return result == 1;
+  return result;
 }
 
 // What decryption does with the shared point, up to the compare with C3.
-bool CheckC3(unsigned char* out) {
-  const Secret x2, y2;
-  unsigned char z[64], text[32], u[32];
-  memcpy(z, x2.bytes, 32);
-  memcpy(z + 32, y2.bytes, 32);
-  int result = SM2KDF(z, 64, text, 32);
+int CheckC3(unsigned char* out) {
+  unsigned char text[32];
+  int result = SM2KDF(g_secret, 32, text, 32);
   result &= IsAllZero(text, 32) ^ 1;
   Xor(text, SM2_CURVE.gx, 32);
-  result &= SM3C3(x2.bytes, y2.bytes, text, 32, u);
-  result &= CRYPTO_memcmp(u, SM2_CURVE.gx, 32) != 0;
-  memcpy(out, u, 32);
-  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
-  return result == 1;
+  result &= SM3C3(g_secret, g_secret, text, 32, out);
+  return result & (CRYPTO_memcmp(out, SM2_CURVE.gx, 32) != 0);
 }
 
 // Of each byte of the PINs some bits are known, so that none of them may be NUL.
-bool ComparePins(unsigned char* out) {
+int ComparePins(unsigned char* out) {
   unsigned char unknown[32];
   memset(unknown, 0x0f, 31);
   unknown[31] = 0;
   char pin[] = "abcdefghijklmnopqrstuvwxyzabcde", wrong[] = "abcdefghijklmnopqrstuvwxyzabcdf";
   VALGRIND_SET_VBITS(pin, unknown, 32);
   VALGRIND_SET_VBITS(wrong, unknown, 32);
-  int same = IsSamePin(pin, pin), other = IsSamePin(pin, wrong);
   memcpy(out + 31, pin, 1);
-  VALGRIND_MAKE_MEM_DEFINED(&same, sizeof same);
-  VALGRIND_MAKE_MEM_DEFINED(&other, sizeof other);
-  return same == 1 && other == 0;
+  return IsSamePin(pin, pin) & (IsSamePin(pin, wrong) ^ 1);
 }
 
 // Not by CPUID: valgrind answers that, without ADX, but runs it all the same.
 [[maybe_unused]] bool ProcessorHasAdx() {
   std::ifstream file("/proc/cpuinfo");
   const std::string text{std::istreambuf_iterator<char>(file), {}};
-  for (const char* flag : {" adx", " bmi2", " avx2"}) {
-    if (text.find(flag) == std::string::npos) return false;
-  }
-  return true;
+  const auto has = [&](const char* flag) { return text.find(flag) != std::string::npos; };
+  return has(" adx") && has(" bmi2") && has(" avx2");
 }
 
 // Whether the computation succeeds and, for `leak`, a branch on its last byte is an error.
-bool Run(const char* what, bool (*compute)(unsigned char* out), bool leak) {
-  printf("%s\n", what);
+bool Run(const Computation& computation, bool leak) {
+  puts(computation.what);
   unsigned char out[64];
-  if (!compute(out)) return false;
-  if (!leak) return true;
+  int result = computation.compute(out);
+  VALGRIND_MAKE_MEM_DEFINED(&result, sizeof result);
   const unsigned long before = VALGRIND_COUNT_ERRORS;
-  if (out[31] % 2 == 1) printf("odd\n");
-  return VALGRIND_COUNT_ERRORS > before;
+  if (leak && out[31] % 2 == 1) puts("odd");
+  return result == 1 && (!leak || VALGRIND_COUNT_ERRORS > before);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const bool leak = argc > 1 && std::string(argv[1]) == "--leak";
-  if (!RUNNING_ON_VALGRIND) {
-    printf("Runs under valgrind only.\n");
-    return 1;
-  }
-  bool good = Run("[k]G, portable", MultiplyGenerator<sm2::PortableField>, leak) &&
-              Run("[k]P, portable", MultiplyPoint<sm2::PortableField>, leak) &&
-              Run("s", ComputeS, leak) && Run("C3", CheckC3, leak) && Run("PIN", ComparePins, leak);
+  std::vector<Computation> all = {{"[k]G, portable", MultiplyGenerator<sm2::PortableField>},
+                                  {"[k]P, portable", MultiplyPoint<sm2::PortableField>},
+                                  {"s", ComputeS},
+                                  {"C3", CheckC3},
+                                  {"PIN", ComparePins}};
 #ifdef __x86_64__
   if (ProcessorHasAdx()) {
-    good = good && Run("[k]G, ADX", MultiplyGenerator<sm2::AdxField>, leak) &&
-           Run("[k]P, ADX", MultiplyPoint<sm2::AdxField>, leak);
+    all.push_back({"[k]G, ADX", MultiplyGenerator<sm2::AdxField>});
+    all.push_back({"[k]P, ADX", MultiplyPoint<sm2::AdxField>});
   }
 #endif
+  VALGRIND_MAKE_MEM_UNDEFINED(g_secret, sizeof g_secret);
+  bool good = RUNNING_ON_VALGRIND != 0;
+  for (const Computation& computation : all) good = Run(computation, leak) && good;
   return good ? 0 : 1;
 }

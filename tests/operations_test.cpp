@@ -2,6 +2,8 @@
 #include "tests/support/operations.h"
 #include "sm2/sm2.h"
 
+#include <set>
+
 TEST_F(OperationsTest, RsaDecryptsWhatItEncrypts) {
   for (const size_t n : {0u, 1u, 245u}) {
     const std::string text(n, 'x');
@@ -48,4 +50,22 @@ TEST_F(OperationsTest, AnSm2KeyOfUnknownCurveCanDoNothingOfSm2) {
   const PublicHandle unknown(DeviceGetPublicKeyFromKeypair(again->keypairs[2]));
   EXPECT_EQ(Encrypt(unknown.get(), 64, e), "result 0");
   EXPECT_EQ(Verify(unknown.get(), 4096, e, Sign(sm2_, 4096, e)), 0);
+}
+
+// So threads that use private keys don't wait for each other.
+TEST_F(OperationsTest, PrivateKeysWorkWithoutTheLock) {
+  const std::string text(32, 'm'), rsaCipher = Encrypt(rsaPublic_.get(), 16, text),
+                                   sm2Cipher = Encrypt(sm2Public_.get(), 64, text);
+  std::set<std::string_view> left = {"RSA_private_encrypt", "RSA_private_decrypt", "ECDSA_sign",
+                                     "BN_rand_range", "VakroPKICryptoNewHash"};
+  const Hook hook{[&](const ImportCall& call) {
+    if (left.erase(call.name) == 1) {
+      EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << call.name;
+    }
+    return 0;
+  }};
+  for (const auto& [keypair, algorithm] : {std::pair(rsa_, 256u), {p256_, 2048u}, {sm2_, 4096u}})
+    EXPECT_FALSE(Sign(keypair, algorithm, text).starts_with("result"));
+  EXPECT_EQ(Decrypt(rsa_, 16, rsaCipher) + Decrypt(sm2_, 64, sm2Cipher), text + text);
+  EXPECT_TRUE(left.empty());
 }

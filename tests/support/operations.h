@@ -1,11 +1,9 @@
 // Key operations as functions from bytes to bytes, on a device of one RSA, one P-256 and one SM2
-// keypair, and the same done by OpenSSL's EVP.
+// keypair.
 #ifndef VAKRO_TESTS_OPERATIONS_H
 #define VAKRO_TESTS_OPERATIONS_H
 
 #include "tests/support/world.h"
-
-#include <openssl/rsa.h>
 
 class OperationsTest : public ModuleTest {
  protected:
@@ -48,42 +46,9 @@ class OperationsTest : public ModuleTest {
                         Len(signature));
   }
 
-  // OpenSSL's, "" on failure; `padding` is set for RSA keys.
-  static std::string EvpSign(EVP_PKEY* key, const std::string& data, int padding = 0) {
-    return RunEvp(key, EVP_PKEY_sign_init, EVP_PKEY_sign, data, padding);
-  }
-  static std::string EvpEncrypt(EVP_PKEY* key, const std::string& data, int padding = 0) {
-    return RunEvp(key, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, data, padding);
-  }
-  static std::string EvpDecrypt(EVP_PKEY* key, const std::string& data, int padding = 0) {
-    return RunEvp(key, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, data, padding);
-  }
-  static bool EvpVerify(EVP_PKEY* key, std::string_view data, std::string_view signature) {
-    const EvpContext context(EVP_PKEY_CTX_new(key, nullptr));
-    return EVP_PKEY_verify_init(context.get()) == 1 &&
-           EVP_PKEY_verify(context.get(), Raw(signature), signature.size(), Raw(data),
-                           data.size()) == 1;
-  }
-
   DeviceHandle device_;
   Keypair *rsa_, *p256_, *sm2_;  // the device's
   PublicHandle rsaPublic_, p256Public_, sm2Public_;
-
- private:
-  using EvpContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
-
-  template <class Init, class Operation>
-  static std::string RunEvp(EVP_PKEY* key, Init init, Operation operation, const std::string& data,
-                            int padding) {
-    const EvpContext context(EVP_PKEY_CTX_new(key, nullptr));
-    unsigned char out[600];
-    size_t length = sizeof(out);
-    if (init(context.get()) != 1 ||
-        (padding != 0 && EVP_PKEY_CTX_set_rsa_padding(context.get(), padding) != 1) ||
-        operation(context.get(), out, &length, Raw(data), data.size()) != 1)
-      return "";
-    return Bytes(out, static_cast<long>(length));
-  }
 };
 
 #endif

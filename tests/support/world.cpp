@@ -113,15 +113,16 @@ DeviceHandle ModuleTest::Rescan(const char* pin) {
   return device;
 }
 
-KeypairHandle ModuleTest::Import(Device* device, const std::string& pair, int want) {
+KeypairHandle ModuleTest::Import(Device* device, std::string_view pair, int want,
+                                 const std::string& label) {
   Keypair* made = nullptr;
-  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, "new", &made), want);
+  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label.c_str(), &made), want);
   return KeypairHandle(made);
 }
 
 KeypairHandle ModuleTest::Generate(Device* device, unsigned int algorithm, int bits,
-                                   const void* params, int want) {
+                                   const void* params, const std::string& label) {
   Keypair* made = nullptr;
-  EXPECT_EQ(DeviceGenerateKeypair(device, algorithm, bits, params, 9, "new", &made), want);
+  EXPECT_EQ(DeviceGenerateKeypair(device, algorithm, bits, params, 9, label.c_str(), &made), 1);
   return KeypairHandle(made);
 }

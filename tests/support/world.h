@@ -52,10 +52,11 @@ class ModuleTest : public testing::Test {
   }
   static DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
 
-  // The handle of a keypair "new", or NULL; the result must be `want`.
-  static KeypairHandle Import(Device* device, const std::string& pair, int want = 1);
+  // The handle of a new keypair, or NULL; the result must be `want`.
+  static KeypairHandle Import(Device* device, std::string_view pair, int want = 1,
+                              const std::string& label = "new");
   static KeypairHandle Generate(Device* device, unsigned int algorithm, int bits,
-                                const void* params, int want = 1);
+                                const void* params, const std::string& label = "new");
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
   // live allocations as they were.

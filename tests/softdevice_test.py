@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Plays a session of data/softdevice.txt with the built program: softdevice_test.py TITLE"""
+import os
+import pathlib
+import pty
+import sys
+import tempfile
+import termios
+import time
+
+
+def read_sessions():
+    """The steps and the items of each session, by its title."""
+    sessions = {}
+    for line in open(pathlib.Path(__file__).parent / "data/softdevice.txt"):
+        mark, _, text = line.rstrip("\n").partition(" ")
+        if mark == "==":
+            steps, items = sessions[text] = [], []
+        elif mark == "*":
+            items.append(text)
+        elif mark == "$":
+            steps.append({"line": text, "status": 0, "says": [], "answers": []})
+        elif mark == "?":
+            steps[-1]["status"] = int(text)
+        elif mark == ">":
+            steps[-1]["says"].append(text)
+        elif mark in ("<", "<+"):
+            steps[-1]["answers"].append((text, mark == "<+"))
+    return sessions
+
+
+def await_echo(terminal, on):
+    """Waits until the program that asks has turned the echo off, or left it on."""
+    for _ in range(10000):
+        if bool(termios.tcgetattr(terminal)[3] & termios.ECHO) == on:
+            return
+        time.sleep(0.001)
+    sys.exit(f"echo is not {on}")
+
+
+def take(line, status, says, answers):
+    """Takes a step in a shell on a terminal of its own."""
+    child, terminal = pty.fork()
+    if child == 0:
+        os.execlp("sh", "sh", "-c", line)
+    said, left = "", list(answers)
+    try:
+        while True:
+            said += os.read(terminal, 1024).decode()
+            if said.endswith(": ") and left:
+                text, echo = left.pop(0)
+                await_echo(terminal, echo)  # the prompt comes first
+                os.write(terminal, text.encode() + b"\n")
+    except OSError:  # the program has ended
+        os.close(terminal)
+    ended = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    missing = [text for text in says if text not in said]
+    shown = [text for text, echo in answers if not echo and text in said]
+    if ended != status or left or missing or shown:
+        sys.exit(f"$ {line}\n{said}\nstatus {ended}, {left=}, {missing=}, {shown=}")
+
+
+sessions = read_sessions()
+first = next(iter(sessions.values()))
+steps, items = sessions[sys.argv[1]]
+for item in items or [""]:
+    with tempfile.TemporaryDirectory() as scratch:
+        os.chdir(scratch)
+        os.environ["IT"] = item
+        for step in first[0] + steps:
+            take(**step)
