@@ -69,9 +69,9 @@ class ThreadsTest : public OperationsTest {
 
   static void MakeKeypairs(const DeviceHandle& device, const std::string& label) {
     for (const int temporary : {0, 1}) {
-      KeypairHandle made = Generate(device, {CURVE_SM2, temporary}, label);
+      const KeypairHandle made = Generate(device, {CURVE_SM2, temporary}, label);
       EXPECT_FALSE(Sign(made.get(), ALGORITHM_SM2_SIGN, MESSAGE).starts_with("result"));
-      EXPECT_TRUE(temporary || DeviceDeleteKeypair(made.release()) == 1);
+      EXPECT_TRUE(temporary || DeviceDeleteKeypair(made.get()) == 1);
     }
   }
 
