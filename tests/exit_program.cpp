@@ -47,14 +47,10 @@ int main(int /*argc*/, char** argv) {
     g_library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     Must("DeviceInit");
     if (way == "late_handler") atexit(End);
-    if (way == "thread") {
-      std::thread(Use).join();
-    } else {
-      Use();
-    }
+    way == "thread" ? std::thread(Use).join() : Use();
     if (way == "reload") End();
-    if (way == "reload" && dlclose(g_library) != 0) return 1;
+    // "unload": still started, its handles still held.
+    if (way.ends_with("load") && dlclose(g_library) != 0) return 1;
   }
-  if (way == "unload") dlclose(g_library);  // still started, its handle still held
   return 0;
 }

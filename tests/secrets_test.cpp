@@ -92,69 +92,71 @@ void Call(const std::function<void()>& work) {
   for (const Secret& secret : ALL) EXPECT_EQ(CountIn(g_stack, secret.bytes), 0) << secret.what;
 }
 
+KeypairHandle Import(Device* device, const char* label, std::string_view pair) {
+  Keypair* made = nullptr;
+  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label, &made), 1);
+  return KeypairHandle(made);
+}
+
+KeypairHandle ImportSm2(Device* device) {
+  unsigned char point[64];
+  SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
+  const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
+  std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
+  memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
+  KeypairHandle made = Import(device, "SM2", pair);
+  OPENSSL_cleanse(pair.data(), pair.size());
+  return made;
+}
+
+int Verify(Device* device, const Secret& pin) {
+  return DeviceVerifyPwd(device, 1, pin.bytes.data(), nullptr);
+}
+
+void Sign(Keypair* keypair) {
+  unsigned char signature[100] = {};
+  int length = 0;
+  EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, signature, 32, signature,
+                       sizeof(signature), &length),
+            1);
+}
+
+void Decrypt(Keypair* keypair, unsigned int algorithm) {
+  const PublicHandle key(DeviceGetPublicKeyFromKeypair(keypair));
+  unsigned char cipher[300];
+  int length = 0;
+  EXPECT_EQ(DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, Raw(PLAINTEXT.bytes), 48, cipher,
+                                   sizeof(cipher), &length),
+            1);
+  for (const bool valid : {true, false}) {
+    Wiped<300> text;
+    int textLength = 0;
+    EXPECT_EQ(DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text.bytes,
+                                      sizeof(text.bytes), &textLength) == 1,
+              valid);
+    EXPECT_EQ(memcmp(text.bytes, PLAINTEXT.bytes.data(), 48) == 0, valid);
+    cipher[length - 1] ^= 1;
+  }
+}
+
+using SecretsTest = ModuleTest;
+
 }  // namespace
 
 extern "C" int BN_rand_range(BIGNUM* number, const BIGNUM* /*range*/) {
   return BN_bin2bn(Raw(NONCE.bytes), 32, number) != nullptr ? 1 : 0;
 }
 
-class SecretsTest : public ModuleTest {
- protected:
-  static KeypairHandle ImportSm2(Device* device) {
-    unsigned char point[64];
-    SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
-    const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
-    std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
-    memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
-    KeypairHandle made = Import(device, pair, 1, "SM2");
-    OPENSSL_cleanse(pair.data(), pair.size());
-    return made;
-  }
-
-  static int Verify(Device* device, const Secret& pin) {
-    return DeviceVerifyPwd(device, 1, pin.bytes.data(), nullptr);
-  }
-
-  static void Sign(Keypair* keypair) {
-    unsigned char signature[100] = {};
-    int length = 0;
-    EXPECT_EQ(DeviceSign(keypair, ALGORITHM_SM2_SIGN, nullptr, signature, 32, signature,
-                         sizeof(signature), &length),
-              1);
-  }
-
-  static void Decrypt(Keypair* keypair, unsigned int algorithm) {
-    const PublicHandle key(DeviceGetPublicKeyFromKeypair(keypair));
-    unsigned char cipher[300];
-    int length = 0;
-    EXPECT_EQ(DevicePublicKeyEncrypt(key.get(), algorithm, nullptr, Raw(PLAINTEXT.bytes), 48,
-                                     cipher, sizeof(cipher), &length),
-              1);
-    for (const bool valid : {true, false}) {
-      Wiped<300> text;
-      int textLength = 0;
-      EXPECT_EQ(DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, cipher, length, text.bytes,
-                                        sizeof(text.bytes), &textLength) == 1,
-                valid);
-      EXPECT_EQ(memcmp(text.bytes, PLAINTEXT.bytes.data(), 48) == 0, valid);
-      cipher[length - 1] ^= 1;
-    }
-  }
-};
-
 TEST_F(SecretsTest, WhatIsLeftIsFound) {
-  constexpr std::string_view STRAIGHT = "gfkhcbpkdplhlmdajhmnpepmmdbkoolf";
-  constexpr std::string_view REVERSED = "nhjfoaakpfkndlgbcaiejpgkmbdolhci";
-  free(strndup(STRAIGHT.data() + 16, 16));
-  OnOwnStack([&] { static_cast<void>(std::string(REVERSED.rbegin(), REVERSED.rend())); });
-  EXPECT_EQ(Count(STRAIGHT), 1);
-  EXPECT_EQ(Count(REVERSED), 1);
+  constexpr std::string_view PLANTED = "gfkhcbpkdplhlmdajhmnpepmmdbkoolf";
   OnOwnStack([&] {
-    unsigned char frame[32];
-    memcpy(frame, STRAIGHT.data(), 32);
+    char frame[16];
+    std::copy(PLANTED.begin() + 16, PLANTED.end(), frame);
     __asm__ volatile("" : : "r"(frame) : "memory");
+    static_cast<void>(std::string(PLANTED.rbegin(), PLANTED.rend()));
   });
-  EXPECT_EQ(CountIn(g_stack, STRAIGHT), 1);
+  EXPECT_GT(CountIn(g_stack, PLANTED), 0) << "its second half";
+  EXPECT_GT(Count(PLANTED), CountIn(g_stack, PLANTED)) << "backwards, in a block";
 }
 
 TEST_F(SecretsTest, NothingIsLeftInMemory) {
@@ -164,7 +166,7 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
     KeypairHandle sm2, rsa;
     Call([&] { EXPECT_EQ(Verify(device.get(), FIRST_PIN), 1); });
     Call([&] { sm2 = ImportSm2(device.get()); });
-    Call([&] { rsa = Import(device.get(), TestRsa().pair, 1, "RSA"); });
+    Call([&] { rsa = Import(device.get(), "RSA", TestRsa().pair); });
     Call([&] { Sign(sm2.get()); });
     EXPECT_EQ(memcmp(sm2->signingFactor, FACTOR.bytes.data(), 32), 0);
     Call([&] { Decrypt(sm2.get(), ALGORITHM_SM2_ENCRYPT); });
@@ -190,6 +192,7 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
   EXPECT_EQ(Count({key, sizeof(key)}), 1) << "derived key: the one here";
 }
 
+#ifdef __OPTIMIZE__  // other code keeps copies of its own
 // What arithmetic leaves on the stack may not depend on its operand: then nothing of it is there.
 TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
   unsigned char k[32], point[64], out[64];
@@ -216,3 +219,4 @@ TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
     EXPECT_TRUE(left[1] == left[2]) << what;  // the first call may settle things for good
   }
 }
+#endif

@@ -139,7 +139,7 @@ TEST(Sm2Numbers, AgreeWithOpenssl) {
 TEST(Sm2Numbers, ScalarsAreReadModN) {
   std::vector<std::string> all;
   for (const U256& a : StructuredNumbers(N.m)) all.push_back(ToBytes(a));
-  for (const size_t zeros : {0, 1, 64}) {
+  for (const size_t zeros : {0u, 1u, 64u}) {
     std::string bytes(zeros, '\0');
     for (; bytes.size() < 130; bytes += static_cast<char>(g_random())) all.push_back(bytes);
   }
