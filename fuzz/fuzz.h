@@ -1,70 +1,72 @@
-// Fuzz targets: functions over one kind of foreign bytes each. They demand the contract of what
-// they call, not only that nothing crashes.
-//
-// The program replaces two functions that the module imports, for speed and so that an input takes
-// the same path every time: RAND_bytes counts up from 0 with every stored file, and
-// PKCS5_PBKDF2_HMAC remembers its results. Both stay true to their contract, so the files are real
-// device files.
+// Fuzz targets: tests of one kind of foreign bytes each. They expect the contract of what they
+// call, not only that nothing crashes. How an input came about they don't know, so of everything
+// that is accepted they expect what only valid bytes fulfil: the module makes the same bytes again,
+// or OpenSSL accepts them too.
 #ifndef VAKRO_FUZZ_FUZZ_H
 #define VAKRO_FUZZ_FUZZ_H
 
-#include "device/owners.h"
-#include "tests/support/device_file.h"
+#include "keypair/keypair.h"
+#include "sm2/sm2.h"
+#include "tests/support/operations.h"
 
-// Targets is every target, by name. FUZZ begins the definition of one; its argument is `input`.
-using Target = void (*)(std::string_view input);
-std::map<std::string_view, Target>& Targets();
-#define FUZZ(name)                                                                        \
-  static void name(std::string_view input);                                               \
-  [[maybe_unused]] static const bool g_is_##name = Targets().emplace(#name, name).second; \
-  static void name(std::string_view input)
+#include <functional>
+#include <optional>
 
-// DEMAND ends the program when the condition does not hold.
-#define DEMAND(condition) Demand(condition, #condition, __FILE__, __LINE__)
-void Demand(bool holds, const char* condition, const char* file, int line);
+class FuzzTest : public OperationsTest {
+ public:
+  using OperationsTest::SetUp, OperationsTest::TearDown;
 
-using SetHandle = std::unique_ptr<DeviceSet, Release<DeviceFreeDevices>>;
-using DeviceHandle = std::unique_ptr<Device, Release<DeviceFreeDevice>>;
-using KeypairHandle = std::unique_ptr<Keypair, Release<DeviceFreeKeypair>>;
-using PublicHandle = std::unique_ptr<PublicKey, Release<DeviceFreePublicKey>>;
+  // Runs the target on a copy behind whose last byte a sanitizer sees, with the same random bytes
+  // each time. Says whether the input was accepted.
+  bool Try(std::string_view input);
 
-template <class Size>
-std::string View(const void* bytes, Size size) {
-  return size == 0 ? "" : std::string(static_cast<const char*>(bytes), static_cast<size_t>(size));
+ protected:
+  virtual bool Run(std::string_view input) = 0;
+
+  // Calls with every algorithm, on zeros. Nothing is expected of a key made by hostile bytes but
+  // that the size query was right. The bits come from a file and may say anything.
+  template <auto Operation, class Key>
+  static void Use(Key* key, unsigned int bits) {
+    const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
+    for (const unsigned int algorithm : {16u, 48u, 64u, 256u, 768u, 2048u, 4096u})
+      for (const std::string& data : {digest, block}) {
+        const std::string out = Perform<Operation, Key>(key, algorithm, data);
+        EXPECT_TRUE(!out.empty() && out != "result -4") << algorithm;
+      }
+  }
+
+ private:
+  void TestBody() override;  // tries what is kept of the target's inputs, and small changes of that
+};
+
+// FUZZ begins the definition of a target: the body of its Run.
+#define FUZZ(name)                                                                             \
+  class name : public FuzzTest {                                                               \
+    bool Run(std::string_view input) override;                                                 \
+  };                                                                                           \
+  FuzzTest* Make_##name() { return new (name)(); }                                             \
+  [[maybe_unused]] static const auto* const g_##name =                                         \
+      testing::RegisterTest("fuzz", #name, nullptr, nullptr, __FILE__, __LINE__, Make_##name); \
+  bool name::Run(std::string_view input)
+
+// What a function hands out through its last two arguments; no value when it refuses.
+template <class Out = unsigned char*, class Size = int, class Maker>
+std::optional<std::string> Made(const Maker& make) {
+  Out out = nullptr;
+  Size length = 0;
+  if (make(&out, &length) != 1) return std::nullopt;
+  const std::unique_ptr<std::remove_pointer_t<Out>[], Release<vakro_free>> owned(out);
+  return std::string(out, out + length);
 }
 
-// --- The started module, on a temporary folder that holds at most one device file ----------------
-
-void StoreFile(std::string_view file);  // with no backup beside it; "" removes it
-std::string StoredFile();
-DeviceHandle LoadDevice(const char* pin = nullptr);  // NULL when nothing loads; opened with `pin`
-
-// Summary is what a rewrite must not change unasked: everything that is stored of a device but
-// salt, iv and encrypted private key.
-std::string Summary(const Device& device);
-
-// Use calls with every algorithm, on zeros, and a buffer that is as large as the function asks for.
-// Nothing is expected of a key made by hostile bytes but a documented result. The bits come from a
-// file and may say anything.
-template <auto Operation, class Key>
-void Use(Key* key, unsigned int bits) {
-  const std::string digest(32, '\0'), block(std::min(bits / 8 + (bits % 8 != 0), 4096u), '\0');
-  for (const std::string& data : {digest, block})
-    for (const unsigned int algorithm :
-         {ALGORITHM_RSA_RAW_SIGN, ALGORITHM_RSA_RAW_ENCRYPT, ALGORITHM_RSA_PKCS1_SIGN,
-          ALGORITHM_ECDSA_SIGN, ALGORITHM_SM2_SIGN, ALGORITHM_SM2_ENCRYPT,
-          ALGORITHM_RSA_PKCS1_ENCRYPT}) {
-      int length = 0;
-      const auto call = [&](unsigned char* buffer, int size) {
-        return Operation(key, algorithm, nullptr, Raw(data), Len(data), buffer, size, &length);
-      };
-      if (call(nullptr, 0) != VAKRO_OK) continue;
-      const int needed = length;
-      DEMAND(needed > 0);
-      std::vector<unsigned char> buffer(static_cast<size_t>(needed));
-      const int result = call(buffer.data(), needed);
-      DEMAND((result == VAKRO_OK || result == VAKRO_FAILED) && length >= 0 && length <= needed);
-    }
+// The encodings that the module makes of a key; the curve is 0 for RSA.
+template <auto OfRsa, auto OfEcc>
+std::string Encoding(EVP_PKEY* key, int curve) {
+  if (curve != 0) return Made(std::bind_front(OfEcc, curve, EVP_PKEY_get0_EC_KEY(key))).value();
+  const RsaKey rsa(EVP_PKEY_get1_RSA(key));
+  return Made(std::bind_front(OfRsa, rsa.get())).value();
 }
+inline constexpr auto PairEncoding = Encoding<EncodeRSAKeypair, EncodeECCKeypair>;
+inline constexpr auto PublicEncoding = Encoding<ToRSAPublicKeyEncode, ToECCPublicKeyEncode>;
 
 #endif

@@ -1,44 +1,54 @@
-// The program around the targets: libFuzzer drives the one named FUZZ_TARGET, or kept inputs are
-// replayed and changed a little, with any compiler: fuzz_replay TARGET FOLDER...
+// What drives the targets: libFuzzer the one that FUZZ_TARGET makes; elsewhere each is a test over
+// the files in corpus/TARGET/accepted and corpus/TARGET/refused.
 #include "fuzz/fuzz.h"
 
-#ifdef FUZZ_TARGET
-extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-  Targets().at(FUZZ_TARGET)({reinterpret_cast<const char*>(data), size});
-  return 0;
-}
-#else
-#include <stdio.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
-// Runs the input, and the input with one byte changed: in all ways and places where it is short.
-static void Replay(Target target, const std::string& input) {
-  target(input);
-  const size_t step = 1 + input.size() / 500;
-  const int next = input.size() > 64 ? 127 : 1;
-  for (size_t at = 0; at < input.size(); at += step) {
-    // Exactly as long as the input, so that a sanitizer sees the first byte behind it.
-    std::vector<char> bytes(input.begin(), input.end());
-    for (int bits = 0; bits < 256; bits += next) {
-      bytes[at] = static_cast<char>(input[at] ^ bits);
-      target({bytes.data(), bytes.size()});
-    }
-  }
+bool FuzzTest::Try(std::string_view input) {
+  const auto exact = std::make_unique<char[]>(input.size());
+  input.copy(exact.get(), input.size());
+  FixRandom();
+  return Run({exact.get(), input.size()});
 }
 
-int main(int argc, char** argv) {
-  int count = 0;
-  for (int i = 2; i < argc; i++) {
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-      fprintf(stderr, "%s\n", entry.path().c_str());
-      std::ifstream file(entry.path(), std::ios::binary);
-      Replay(Targets().at(argv[1]), {std::istreambuf_iterator<char>(file), {}});
-      count++;
-    }
+// Each byte changed, in all ways where the input is short; the input cut short; one byte more.
+static std::vector<std::string> Changes(const std::string& input) {
+  std::vector<std::string> all = {input + '\0'};
+  const unsigned int step = input.size() > 90 ? 127 : 1;  // 127: 0x01, 0x80, 0xff
+  for (size_t at = 0; at < input.size(); at++) {
+    for (unsigned int bits = 1; bits < 256; bits += step)
+      all.push_back(Flipped(input, at, static_cast<unsigned char>(bits)));
+    all.push_back(input.substr(0, at));
   }
-  fprintf(stderr, "%d inputs\n", count);
-  return count > 0 ? 0 : 1;
+  return all;
+}
+
+void FuzzTest::TestBody() {
+  const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+  for (const std::string kind : {"accepted", "refused"})
+    for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS + name + '/' + kind)) {
+      SCOPED_TRACE(entry.path());
+      const std::string input = ReadText(entry.path());
+      EXPECT_EQ(Try(input), kind == "accepted");
+      for (const std::string& changed : Changes(input)) {
+        Try(changed);
+        ASSERT_FALSE(HasFailure()) << "changed to " << Hex(changed);
+      }
+    }
+}
+
+#ifdef FUZZ_TARGET
+FuzzTest* FUZZ_TARGET();
+static FuzzTest* const g_target = FUZZ_TARGET();
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  g_target->SetUp();
+  return atexit([] { g_target->TearDown(); });
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+  g_target->Try({reinterpret_cast<const char*>(data), size});
+  if (testing::Test::HasFailure()) abort();
+  return 0;
 }
 #endif

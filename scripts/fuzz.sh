@@ -2,8 +2,8 @@
 # Fuzzes every target, or the ones named, for SECONDS seconds each, as many at a time as there are
 # processors:
 #   scripts/fuzz.sh SECONDS [TARGET...]
-# Inputs come from fuzz/corpus/TARGET and fuzz/crashes/TARGET. What they grow to stays under build/;
-# a finding is put in fuzz/crashes/TARGET. Exits with 1 when there was one.
+# Inputs come from fuzz/corpus/TARGET; what they grow to stays under build/. A finding goes to
+# fuzz/corpus/TARGET/refused. Exits with 1 when there was one.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -12,11 +12,11 @@ fuzz_target() {
   target=$1
   grown=build/fuzz/corpus/$target
   log=build/fuzz/$target.log
-  mkdir -p "$grown" "fuzz/crashes/$target"
+  mkdir -p "$grown"
   code=0
   build/fuzz/bin/fuzz_"$target" -max_total_time="$seconds" -max_len=4096 -timeout=25 \
-    -print_final_stats=1 -artifact_prefix="fuzz/crashes/$target/" \
-    "$grown" "fuzz/corpus/$target" "fuzz/crashes/$target" >"$log" 2>&1 || code=$?
+    -print_final_stats=1 -artifact_prefix="fuzz/corpus/$target/refused/" \
+    "$grown" "fuzz/corpus/$target" >"$log" 2>&1 || code=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
   case $code in
@@ -25,7 +25,6 @@ fuzz_target() {
     *) result="FINDING, see $log" ;;
   esac
   printf '%-20s %10s runs %7s/s  %s\n' "$target" "${runs:-?}" "${rate:-?}" "$result"
-  rmdir "fuzz/crashes/$target" 2>/dev/null || true
   return "$((code != 0))"
 }
 
@@ -52,5 +51,4 @@ export TMPDIR="$scratch"
 status=0
 printf '%s\n' "$@" | sed 's,.*/,,' |
   xargs -P "$jobs" -n 1 scripts/fuzz.sh --target "$seconds" || status=1
-rmdir fuzz/crashes 2>/dev/null || true
 exit $status

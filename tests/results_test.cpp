@@ -152,50 +152,29 @@ class ResultsTest : public OperationsTest {
       row >> text >> to;
       if (function == "bytes") return Write("dev", Unhex(text));
       if (function == "more")
-        to = WithMore(text);
+        to = base_.substr(0, base_.size() - 1) + "," + text + "]";
       else if (text != "ALL")
         to = Replaced(base_, text, to);
       return Write("dev", Container(TAG, to));
     }
-    while (row >> text && text != "=" && text != "sizes") words.push_back({text, things_});
+    while (row >> text && text != "=") words.push_back({text, things_});
     std::map<std::string, std::string> want;
     for (std::string value; row >> value; row >> text) want[text] = value;
-    if (want.contains("sizes")) {
-      const std::string size = want["sizes"], less = std::to_string(std::stoi(size) - 1);
-      const std::string call = line.substr(0, line.find("sizes"));
-      Play(call + "- 0 n = 1 n " + (want.contains("of") ? want["of"] : size));
-      Play(call + "out " + size + " n = 1 n " + size);
-      Play(call + "out " + less + " n = -4 n " + size);
-      Play(call + "out -1 n = -4 n " + size);
-      return Play(call + "- 0 - = 0");
-    }
     const auto call = [&] { return FUNCTIONS.at(function)(words); };
     const int result = std::stoi(want["="]);
     const std::string before = TextOf(Read("dev"));
-    if (want.contains("locked"))
-      Gives(std::stoi(want["locked"]), false,
-            [&] { return WithFault({.name = "vakro_lock_lock", .andLater = true}, call); });
-    const std::string failing = want["fails"];
-    const Fault fault = {failing.c_str(), failing.empty() ? 0 : std::stol(want["nth"])};
+    const Fault fault = {want["fails"], want.contains("nth") ? std::stol(want["nth"]) : 0};
     Gives(result, want.contains("writes") || want.contains("becomes"),
           [&] { return WithFault(fault, call); });
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
     EXPECT_EQ(Hex(Bytes(g_out, Len(want["hex"]) / 2)), want["hex"]);
-    if (want.contains("more")) {
-      EXPECT_EQ(TextOf(Read("dev")), WithMore(want["more"]));
-    }
     if (want.contains("becomes")) {
       EXPECT_EQ(TextOf(Read("dev")), Replaced(before, want["becomes"], want["by"]));
     }
   }
 
-  // The text that the table began with, and a fourth item.
-  std::string WithMore(const std::string& item) const {
-    return base_.substr(0, base_.size() - 1) + "," + item + "]";
-  }
-
-  std::string base_;
+  std::string base_;  // the text that the table began with
   DeviceHandle closed_;
   int n_ = 0;
   Keypair* made_[1] = {};  // arrays, so that the table names their addresses

@@ -97,20 +97,3 @@ TEST_F(StoredTest, ABackupIsNoMoreReadable) {
     EXPECT_EQ(List()["dev.bak"], want);
   }
 }
-
-TEST_F(StoredTest, AListOfDataObjectsHasRoomForEightMore) {
-  std::vector<std::string> items = {StoredData(1, "a")};
-  stored_.more = {Array(items), "\"dropped\""};
-  const DeviceHandle device = Load(stored_.File(), nullptr);
-  Data** list = nullptr;
-  unsigned int count = 0;
-  ASSERT_EQ(GetAllDatasFromFile(device.get(), &list, &count), 1);
-  for (int id = 2; id <= 9; id++) {  // the sanitizer watches
-    list[count++] = newData(id, 1);
-    items.push_back(StoredData(id, std::string(1, '\0')));
-  }
-  EXPECT_EQ(WriteAllDatasToFile(device.get(), list, count), 1);
-  stored_.more = {Array(items)};
-  EXPECT_EQ(Text(), stored_.Json());
-  FreeDatas(list, static_cast<int>(count));
-}

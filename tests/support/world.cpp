@@ -60,14 +60,15 @@ bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin
 
 void ModuleTest::SetUp() {
   // In memory where there is such a folder: the module waits for stable storage at every write.
-  char name[] = "/dev/shm/module_tests.XXXXXX";
-  if (access("/dev/shm", W_OK) != 0) memcpy(name, "/var/tmp", 8);
-  ASSERT_NE(mkdtemp(name), nullptr);
-  folder_ = std::string(name) + "/";
+  const char* const wish = getenv("TMPDIR");
+  const char* const usual = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/var/tmp";
+  folder_ = std::string(wish != nullptr ? wish : usual) + "/module_tests.XXXXXX";
+  ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+  folder_ += '/';
   live_ = LiveAllocations();
   ASSERT_EQ(DeviceInit(), 1);
   vakro_free(g_keyFolder);
-  ASSERT_NE(g_keyFolder = GetFilePath(name, ""), nullptr);
+  ASSERT_NE(g_keyFolder = GetFilePath(folder_.c_str(), ""), nullptr);
 }
 
 void ModuleTest::TearDown() {
