@@ -58,24 +58,27 @@ TEST_F(ProcessesTest, NeverMixPins) {
   Refuses(0, stale.get(), [&] { return AddhKeypairToFile(stale.get(), stale->keypairs[0]); });
 }
 
-// It uses what it inherits, and takes no lock away.
+// It uses what it inherits, and neither takes a lock away, nor keeps it, nor believes that it holds
+// it.
 TEST_F(ProcessesTest, AForkedChildWorks) {
   const DeviceHandle device = Load();
   EXPECT_EQ(DeviceCreateData(device.get(), 1, 0, 1), 1);
-  const pid_t user = Fork([&] {
-    EXPECT_EQ(DeviceCreateData(device.get(), 2, 0, 1), 1);
-    EXPECT_EQ(DeviceEnd(), 1);
-  });
-  EXPECT_EQ(WaitFor(user), 0);
-  EXPECT_EQ(DeviceDeleteData(device.get(), 2), 1);
-
   LockFolder(device->filePath);
-  const pid_t other = Fork([&] {
-    EXPECT_FALSE(IsFolderFree());
-    UnlockFolder();  // as the end of a scope would that was open at the fork
-  });
+  const pid_t other = Fork([] { UnlockFolder(); });  // a scope ends that was open at the fork
   EXPECT_EQ(WaitFor(other), 0);
   EXPECT_FALSE(IsFolderFree());
+  const pid_t idle = Fork([] { pause(); });
+  const pid_t user = Fork([&] {
+    EXPECT_EQ(DeviceDeleteData(device.get(), 1), 1);
+    EXPECT_EQ(DeviceEnd(), 1);
+  });
+  usleep(50000);  // it must not read the list before we have written it
+  EXPECT_EQ(DeviceCreateData(device.get(), 2, 0, 1), 1);
   UnlockFolder();
+  EXPECT_EQ(WaitFor(user), 0);
+  EXPECT_EQ(DeviceReadDataEx(device.get(), 1, 0, nullptr, 0, nullptr), -7);
+  EXPECT_EQ(DeviceReadDataEx(device.get(), 2, 0, nullptr, 0, nullptr), 1);
   EXPECT_TRUE(IsFolderFree());
+  kill(idle, SIGKILL);
+  EXPECT_EQ(WaitFor(idle), SIGKILL);
 }

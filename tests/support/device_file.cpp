@@ -34,7 +34,7 @@ std::string Unhex(std::string_view digits) {
   return bytes;
 }
 
-std::string Base64(std::string_view bytes) {
+static std::string Base64(std::string_view bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
   text.resize(static_cast<size_t>(EVP_EncodeBlock(Mutable(text), Raw(bytes), Len(bytes))));
   return text;
@@ -60,7 +60,7 @@ std::string EccPair(int curve, std::string_view x, std::string_view y, std::stri
 
 static TestKey LoadKey(const std::string& name, int algorithm, int curve) {
   auto vectors = ReadVectors("keys.txt");
-  FILE* file = fopen(DataFile((name + ".pem").c_str()).c_str(), "rb");
+  FILE* file = fopen((TEST_DATA_DIR "/" + name + ".pem").c_str(), "rb");
   EVP_PKEY* pem = file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
   Must(pem != nullptr && fclose(file) == 0, "PEM");
   return {algorithm, curve, pem, vectors[name + "_pair"], vectors[name + "_public"]};
@@ -99,7 +99,7 @@ std::string Seal(std::string_view plain, std::string_view pin, std::string_view 
   return sealed;
 }
 
-std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+static std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
 
 std::string Array(const std::vector<std::string>& items) {
   std::string text = "[";
@@ -148,10 +148,8 @@ std::string Flipped(std::string_view file, size_t at, unsigned char bits) {
   return changed;
 }
 
-std::string DataFile(const char* name) { return std::string(TEST_DATA_DIR "/") + name; }
-
 std::vector<std::string> ReadRows(const char* name) {
-  std::ifstream file(DataFile(name));
+  std::ifstream file(std::string(TEST_DATA_DIR "/") + name);
   Must(file.is_open(), name);
   std::vector<std::string> rows;
   for (std::string line; std::getline(file, line);)

@@ -20,7 +20,6 @@ inline int Len(std::string_view bytes) { return static_cast<int>(bytes.size()); 
 std::string Word(unsigned int value);  // big-endian
 std::string Hex(std::string_view bytes);
 std::string Unhex(std::string_view digits);
-std::string Base64(std::string_view bytes);
 std::string Digest(const char* name, std::string_view bytes);  // OpenSSL's name of the hash
 
 // --- Keys: fixed ones, and their encodings ---
@@ -47,7 +46,6 @@ std::string Seal(std::string_view plain, std::string_view pin, std::string_view 
 
 // --- The text: JSON as plain strings ---
 
-std::string Quoted(std::string_view text);
 std::string Array(const std::vector<std::string>& items);
 
 struct StoredKeypair {
@@ -85,6 +83,5 @@ std::string Flipped(std::string_view file, size_t at, unsigned char bits = 1);
 // Of a file in tests/data/: its lines but for comments, and "name = hex" lines.
 std::vector<std::string> ReadRows(const char* name);
 std::map<std::string, std::string> ReadVectors(const char* name);
-std::string DataFile(const char* name);  // its path
 
 #endif

@@ -32,7 +32,7 @@ struct Hook {
   static inline thread_local const Hook* t_innermost = nullptr;
 };
 
-// What a hook asks to find the calls that fail.
+// A hook that makes calls of one function fail.
 struct Fault {
   std::string name;       // the function to fail, or a pattern of fnmatch for several
   long nth = 1;           // the first call to fail, counted from 1; 0 fails none
