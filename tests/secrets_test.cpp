@@ -92,19 +92,13 @@ void Call(const std::function<void()>& work) {
   for (const Secret& secret : ALL) EXPECT_EQ(CountIn(g_stack, secret.bytes), 0) << secret.what;
 }
 
-KeypairHandle Import(Device* device, const char* label, std::string_view pair) {
-  Keypair* made = nullptr;
-  EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label, &made), 1);
-  return KeypairHandle(made);
-}
-
 KeypairHandle ImportSm2(Device* device) {
   unsigned char point[64];
   SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
   const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
   std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
   memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
-  KeypairHandle made = Import(device, "SM2", pair);
+  KeypairHandle made = Import(device, pair, 1, "SM2");
   OPENSSL_cleanse(pair.data(), pair.size());
   return made;
 }
@@ -166,7 +160,7 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
     KeypairHandle sm2, rsa;
     Call([&] { EXPECT_EQ(Verify(device.get(), FIRST_PIN), 1); });
     Call([&] { sm2 = ImportSm2(device.get()); });
-    Call([&] { rsa = Import(device.get(), "RSA", TestRsa().pair); });
+    Call([&] { rsa = Import(device.get(), TestRsa().pair, 1, "RSA"); });
     Call([&] { Sign(sm2.get()); });
     EXPECT_EQ(memcmp(sm2->signingFactor, FACTOR.bytes.data(), 32), 0);
     Call([&] { Decrypt(sm2.get(), ALGORITHM_SM2_ENCRYPT); });

@@ -15,11 +15,11 @@ static Keypair* g_keypair;  // handed out by the last call
 static SetHandle g_set;
 static DeviceHandle g_device;
 
-static int Import(Device* device, const TestKey& key) {
+static int ImportKeypair(Device* device, const TestKey& key) {
   return DeviceImportKeypair(device, Raw(key.pair), Len(key.pair), 3, "new", &g_keypair);
 }
 
-static int Generate(Device* device, unsigned int algorithm, int bits, const void* params) {
+static int GenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* params) {
   return DeviceGenerateKeypair(device, algorithm, bits, params, 3, "new", &g_keypair);
 }
 
@@ -92,13 +92,13 @@ std::vector<Call> AllCalls() {
       // Refused, which is 1 here: the backup may be the only good copy.
       {"certificate not added", [](Device* d) { return AddCert(d) == 0 ? 1 : 0; }, false, 0,
        wrongDigest},
-      {"P-256 imported", [](Device* d) { return Import(d, TestP256()); }, true},
-      {"SM2 imported", [](Device* d) { return Import(d, TestSm2()); }, true},
-      {"RSA imported", [](Device* d) { return Import(d, TestRsa()); }, true},
-      {"P-256 generated", [](Device* d) { return Generate(d, 4, 256, &p256); }, true},
-      {"RSA generated", [](Device* d) { return Generate(d, 1, 512, nullptr); }, true},
-      {"SM2 generated", [](Device* d) { return Generate(d, 4, 256, &sm2Once); }},
-      {"temporary RSA generated", [](Device* d) { return Generate(d, 1, 512, &rsaOnce); }},
+      {"P-256 imported", [](Device* d) { return ImportKeypair(d, TestP256()); }, true},
+      {"SM2 imported", [](Device* d) { return ImportKeypair(d, TestSm2()); }, true},
+      {"RSA imported", [](Device* d) { return ImportKeypair(d, TestRsa()); }, true},
+      {"P-256 generated", [](Device* d) { return GenerateKeypair(d, 4, 256, &p256); }, true},
+      {"RSA generated", [](Device* d) { return GenerateKeypair(d, 1, 512, nullptr); }, true},
+      {"SM2 generated", [](Device* d) { return GenerateKeypair(d, 4, 256, &sm2Once); }},
+      {"temporary RSA generated", [](Device* d) { return GenerateKeypair(d, 1, 512, &rsaOnce); }},
       {"keypair deleted",
        [](Device* d) { return TakeHandle(d) == 1 ? DeviceDeleteKeypair(g_keypair) : 0; }, true, 0,
        bare},

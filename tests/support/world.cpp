@@ -113,15 +113,14 @@ DeviceHandle ModuleTest::Rescan(const char* pin) {
   return device;
 }
 
-KeypairHandle ModuleTest::Import(Device* device, std::string_view pair, int want,
-                                 const std::string& label) {
+KeypairHandle Import(Device* device, std::string_view pair, int want, const std::string& label) {
   Keypair* made = nullptr;
   EXPECT_EQ(DeviceImportKeypair(device, Raw(pair), Len(pair), 9, label.c_str(), &made), want);
   return KeypairHandle(made);
 }
 
-KeypairHandle ModuleTest::Generate(Device* device, unsigned int algorithm, int bits,
-                                   const void* params, const std::string& label) {
+KeypairHandle Generate(Device* device, unsigned int algorithm, int bits, const void* params,
+                       const std::string& label) {
   Keypair* made = nullptr;
   EXPECT_EQ(DeviceGenerateKeypair(device, algorithm, bits, params, 9, label.c_str(), &made), 1);
   return KeypairHandle(made);

@@ -30,6 +30,12 @@ void FixRandom(const std::string& first = "");
 // Whether `plain` is what the keypair holds under the PIN.
 bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN);
 
+// The handle of a new keypair, or NULL; the result must be `want`.
+KeypairHandle Import(Device* device, std::string_view pair, int want = 1,
+                     const std::string& label = "new");
+KeypairHandle Generate(Device* device, unsigned int algorithm, int bits, const void* params,
+                       const std::string& label = "new");
+
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
 // block of vakro_malloc back.
 class ModuleTest : public testing::Test {
@@ -51,12 +57,6 @@ class ModuleTest : public testing::Test {
     return Rescan(pin);
   }
   static DeviceHandle Rescan(const char* pin = nullptr);  // the one device of the folder
-
-  // The handle of a new keypair, or NULL; the result must be `want`.
-  static KeypairHandle Import(Device* device, std::string_view pair, int want = 1,
-                              const std::string& label = "new");
-  static KeypairHandle Generate(Device* device, unsigned int algorithm, int bits,
-                                const void* params, const std::string& label = "new");
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL) and the
   // live allocations as they were.
