@@ -8,7 +8,7 @@ command -v gcovr > /dev/null || {
   exit 1
 }
 
-tests=(module_tests crash_tests fuzz_replay sm2_tests threads_test)
+tests=(module_tests crash_tests sm2_tests threads_test)
 cmake --preset coverage
 find build/coverage -name '*.gcda' -delete
 cmake --build --preset coverage -j "$(nproc)" --target "${tests[@]}"
