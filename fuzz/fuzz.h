@@ -14,8 +14,6 @@
 
 class FuzzTest : public OperationsTest {
  public:
-  using OperationsTest::SetUp, OperationsTest::TearDown;
-
   // Runs the target on a copy behind whose last byte a sanitizer sees, with the same random bytes
   // each time. Says whether the input was accepted.
   bool Try(std::string_view input);

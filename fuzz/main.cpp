@@ -39,15 +39,10 @@ void FuzzTest::TestBody() {
 
 #ifdef FUZZ_TARGET
 FuzzTest* FUZZ_TARGET();
-static FuzzTest* const g_target = FUZZ_TARGET();
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  g_target->SetUp();
-  return atexit([] { g_target->TearDown(); });
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-  g_target->Try({reinterpret_cast<const char*>(data), size});
+  static const std::unique_ptr<FuzzTest> target(FUZZ_TARGET());
+  target->Try({reinterpret_cast<const char*>(data), size});
   if (testing::Test::HasFailure()) abort();
   return 0;
 }

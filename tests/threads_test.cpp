@@ -10,7 +10,7 @@
 // all. The end of a test may unlock a lock that nobody holds, to see that nobody does.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
-  return "called_from_lib:libcrypto.so\nmutex:ModuleTest::TearDown";
+  return "called_from_lib:libcrypto.so\nmutex:ModuleTest::~ModuleTest";
 }
 
 namespace {

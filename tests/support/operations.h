@@ -7,23 +7,6 @@
 
 class OperationsTest : public ModuleTest {
  protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    device_ = Load(StoredDevice{.keypairs = {StoredKeypair{.key = &TestRsa()}.Json(),
-                                             StoredKeypair{.type = 2, .key = &TestP256()}.Json(),
-                                             StoredKeypair{.type = 3, .key = &TestSm2()}.Json()}}
-                       .File());
-    ASSERT_EQ(device_->keypairCount, 3);
-    rsaPublic_.reset(DeviceGetPublicKeyFromKeypair(rsa_ = device_->keypairs[0]));
-    p256Public_.reset(DeviceGetPublicKeyFromKeypair(p256_ = device_->keypairs[1]));
-    sm2Public_.reset(DeviceGetPublicKeyFromKeypair(sm2_ = device_->keypairs[2]));
-  }
-  void TearDown() override {
-    for (PublicHandle* key : {&rsaPublic_, &p256Public_, &sm2Public_}) key->reset();
-    device_.reset();
-    ModuleTest::TearDown();
-  }
-
   // The output, in a buffer just as long as the size query says, or "result N".
   template <auto Operation, class Key>
   static std::string Perform(Key* key, unsigned int algorithm, std::string_view data) {
@@ -46,9 +29,17 @@ class OperationsTest : public ModuleTest {
                         Len(signature));
   }
 
-  DeviceHandle device_;
-  Keypair *rsa_, *p256_, *sm2_;  // the device's
-  PublicHandle rsaPublic_, p256Public_, sm2Public_;
+  DeviceHandle device_ =
+      Load(StoredDevice{.keypairs = {StoredKeypair{.key = &TestRsa()}.Json(),
+                                     StoredKeypair{.type = 2, .key = &TestP256()}.Json(),
+                                     StoredKeypair{.type = 3, .key = &TestSm2()}.Json()}}
+               .File());
+  Keypair* const rsa_ = device_->keypairs[0];
+  Keypair* const p256_ = device_->keypairs[1];
+  Keypair* const sm2_ = device_->keypairs[2];
+  const PublicHandle rsaPublic_{DeviceGetPublicKeyFromKeypair(rsa_)};
+  const PublicHandle p256Public_{DeviceGetPublicKeyFromKeypair(p256_)};
+  const PublicHandle sm2Public_{DeviceGetPublicKeyFromKeypair(sm2_)};
 };
 
 #endif

@@ -58,20 +58,19 @@ bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin
          Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
 }
 
-void ModuleTest::SetUp() {
+ModuleTest::ModuleTest() {
   // In memory where there is such a folder: the module waits for stable storage at every write.
   const char* const wish = getenv("TMPDIR");
   const char* const usual = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/var/tmp";
   folder_ = std::string(wish != nullptr ? wish : usual) + "/module_tests.XXXXXX";
-  ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+  EXPECT_NE(mkdtemp(folder_.data()), nullptr);
   folder_ += '/';
-  live_ = LiveAllocations();
-  ASSERT_EQ(DeviceInit(), 1);
+  EXPECT_EQ(DeviceInit(), 1);
   vakro_free(g_keyFolder);
-  ASSERT_NE(g_keyFolder = GetFilePath(folder_.c_str(), ""), nullptr);
+  EXPECT_NE(g_keyFolder = GetFilePath(folder_.c_str(), ""), nullptr);
 }
 
-void ModuleTest::TearDown() {
+ModuleTest::~ModuleTest() {
   RAND_set_rand_method(nullptr);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
   EXPECT_EQ(DeviceEnd(), 1);

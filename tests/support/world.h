@@ -37,13 +37,14 @@ KeypairHandle Generate(Device* device, unsigned int algorithm, int bits, const v
                        const std::string& label = "new");
 
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
-// block of vakro_malloc back.
+// block of vakro_malloc back. It does so as it is made and destroyed: what a derived test holds is
+// made on the running module, and has been given back before.
 class ModuleTest : public testing::Test {
  protected:
   using Folder = std::map<std::string, std::string>;  // name -> mode and content
 
-  void SetUp() override;
-  void TearDown() override;
+  ModuleTest();
+  ~ModuleTest() override;
 
   std::string Path(const std::string& name) const { return folder_ + name; }
   void Write(const std::string& name, const std::string& content, unsigned int mode = 0600) const;
@@ -74,7 +75,7 @@ class ModuleTest : public testing::Test {
   std::string folder_;  // with a trailing slash
 
  private:
-  long live_ = 0;
+  const long live_ = LiveAllocations();
 };
 
 #endif
