@@ -81,8 +81,10 @@ std::vector<Call> AllCalls() {
                      StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
                      StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
   const Files bare = {{"dev", stored.File()}};
-  stored.more = {Array({StoredData(1, "first"), StoredData(2, "second")})};
-  const std::string full = stored.File(), older = StoredDevice().File();
+  std::string text = stored.Json();
+  text.back() = ',';
+  text += R"([[1,5,0,0,"6669727374"],[2,6,0,0,"7365636f6e64"]]])";  // "first" and "second"
+  const std::string full = Container(TAG, text), older = StoredDevice().File();
   const std::string damaged = full.substr(0, full.size() / 2);
   const Files wrongDigest = {{"dev", Flipped(full, full.size() - 1)}, {"dev.bak", full}};
   std::vector<Call> all = {

@@ -41,11 +41,9 @@ static std::string Base64(std::string_view bytes) {
 }
 
 std::string Digest(const char* name, std::string_view bytes) {
-  std::string digest(EVP_MAX_MD_SIZE, '\0');
-  size_t length = 0;
-  Must(EVP_Q_digest(nullptr, name, nullptr, bytes.data(), bytes.size(), Mutable(digest), &length),
-       name);
-  digest.resize(length);
+  const EVP_MD* const hash = EVP_get_digestbyname(name);
+  std::string digest(static_cast<size_t>(EVP_MD_get_size(hash)), '\0');
+  Must(EVP_Digest(bytes.data(), bytes.size(), Mutable(digest), nullptr, hash, nullptr) == 1, name);
   return digest;
 }
 
@@ -76,13 +74,13 @@ const TestKey& TestP256() { return Keys()[1]; }
 const TestKey& TestSm2() { return Keys()[2]; }
 
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
-                 std::string_view iv, unsigned int tag) {
+                 std::string_view iv) {
   std::string material(40, '\0');
   Must(PKCS5_PBKDF2_HMAC(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
                          Mutable(material)) == 1,
        "PBKDF2");
   const std::string nonce = material.substr(32) + std::string(iv);
-  const std::string aad = Word(tag) + "password";
+  const std::string aad = Word(TAG) + "password";
   std::string sealed(plain.size() + 16, '\0');
   unsigned char* mac = Mutable(sealed) + plain.size();
   EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
@@ -112,18 +110,12 @@ std::string StoredKeypair::Json() const {
   for (const std::string& cert : certs) list.push_back(Quoted(Base64(cert)));
   return Array({Quoted(label), std::to_string(type), std::to_string(key->algorithm),
                 std::to_string(EVP_PKEY_get_bits(key->key)), Quoted(Hex(salt)), Quoted(Hex(iv)),
-                Quoted(Hex(key->publicKey)), Quoted(Hex(Seal(key->pair, pin, salt, iv, tag))),
+                Quoted(Hex(key->publicKey)), Quoted(Hex(Seal(key->pair, pin, salt, iv))),
                 Array(list)});
 }
 
-std::string StoredData(int id, std::string_view value) {
-  return Array({std::to_string(id), std::to_string(value.size()), "0", "0", Quoted(Hex(value))});
-}
-
 std::string StoredDevice::Json() const {
-  std::vector<std::string> root = {Quoted(serialNumber), Quoted(label), Array(keypairs)};
-  root.insert(root.end(), more.begin(), more.end());
-  return Array(root);
+  return Array({Quoted(serialNumber), Quoted(label), Array(keypairs)});
 }
 
 std::string StoredDevice::File(unsigned int tag) const { return Container(tag, Json()); }

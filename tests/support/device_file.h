@@ -39,10 +39,10 @@ const TestKey& TestP256();
 const TestKey& TestSm2();
 std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d);
 
-// Seal is the protection of private keys: PBKDF2 and AES-256-GCM. It has no chance in it, so a blob
-// is right when sealing what it must hold gives the same.
+// Seal is the protection of private keys under TAG: PBKDF2 and AES-256-GCM. It has no chance in it,
+// so a blob is right when sealing what it must hold gives the same.
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
-                 std::string_view iv, unsigned int tag = TAG);
+                 std::string_view iv);
 
 // --- The text: JSON as plain strings ---
 
@@ -54,18 +54,15 @@ struct StoredKeypair {
   const TestKey* key = &TestP256();
   std::vector<std::string> certs = {};  // their bytes
   std::string pin = PIN;
-  unsigned int tag = TAG;
   std::string salt = std::string(32, 's');
   std::string iv = std::string(16, 'i');
   std::string Json() const;
 };
-std::string StoredData(int id, std::string_view value);
 
 struct StoredDevice {
   std::string serialNumber = "0123456789";
   std::string label = "abc";
   std::vector<std::string> keypairs = {StoredKeypair().Json()};
-  std::vector<std::string> more = {};  // root items behind the keypairs
   std::string Json() const;
   std::string File(unsigned int tag = TAG) const;
 };
