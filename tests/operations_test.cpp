@@ -41,14 +41,6 @@ TEST_F(OperationsTest, AnEcdsaBufferIsMeasuredAgainstTheTrueLength) {
   EXPECT_GT(fitting, 0);  // three in four are shorter than the 72 that the query answers
 }
 
-TEST_F(OperationsTest, AnSm2KeyOfUnknownCurveCanDoNothingOfSm2) {
-  const std::string e(32, 'e');
-  const DeviceHandle again = Rescan();
-  const PublicHandle unknown(DeviceGetPublicKeyFromKeypair(again->keypairs[2]));
-  EXPECT_EQ(Encrypt(unknown.get(), 64, e), "result 0");
-  EXPECT_EQ(Verify(unknown.get(), 4096, e, Sign(sm2_, 4096, e)), 0);
-}
-
 // So threads that use private keys don't wait for each other.
 TEST_F(OperationsTest, PrivateKeysWorkWithoutTheLock) {
   const std::string text(32, 'm'), rsaCipher = Encrypt(rsaPublic_.get(), 16, text),

@@ -13,21 +13,6 @@ class PinTest : public OperationsTest {
   }
 };
 
-TEST_F(PinTest, BlobsOfTwoPinsOpenWithNeither) {
-  StoredDevice stored = {.keypairs = {}};
-  for (const char* pin : {PIN, PIN, "other", PIN})
-    stored.keypairs.push_back(StoredKeypair{.label = "", .pin = pin}.Json());
-  const DeviceHandle device = Load(stored.File(), nullptr);
-  for (const char* pin : {PIN, "other"}) {
-    EXPECT_EQ(Verify(device, pin), -5);
-    EXPECT_EQ(device->pin, nullptr);
-    for (int i = 0; i < 4; i++) {
-      const Keypair& k = *device->keypairs[i];
-      EXPECT_TRUE(k.privateKey == nullptr && k.curve == (i < 2 ? -1 : 0)) << i;
-    }
-  }
-}
-
 TEST_F(PinTest, ADeviceWithoutKeypairsKeepsTheFirstPin) {
   const std::string file = StoredDevice{.keypairs = {}}.File();
   const DeviceHandle device = Load(file, "x");
