@@ -28,7 +28,7 @@ TEST_F(ProcessesTest, LoseNothing) {
   std::set<int> made;
   for (int id = 0; read(reports[0], &id, sizeof(id)) > 0;) {
     made.insert(id);
-    if (made.size() % 20 != 0 || children.empty()) continue;
+    if (made.size() % 150 != 0 || children.empty()) continue;
     kill(children.back(), SIGKILL);
     EXPECT_EQ(WaitFor(children.back()), SIGKILL);
     children.pop_back();
