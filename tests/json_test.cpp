@@ -53,18 +53,14 @@ TEST(JsonTest, ReadsAndWrites) {
 
 // Long strings run through vector code, whose blocks must not hide a byte at any place.
 TEST(JsonTest, SeesEveryByteOfAString) {
-  for (int c = 0; c < 256; c++) {
-    const bool special = c < 0x20 || c == '"' || c == '\\';
-    for (size_t at = 0; at < 150; at += special ? 1 : 37) {
+  for (int c = 0; c < 256; c++)
+    for (size_t at = 0; at < 150; at++) {
       std::string bytes(150, 'x');
       bytes[at] = static_cast<char>(c);
-      const Json made(vakro_json_newstring(bytes.data(), 150));
-      const Json read = Decode(Encode(made.get()));
-      ASSERT_EQ(
-          std::string(vakro_json_getstring(read.get()), vakro_json_getstringlength(read.get())),
-          bytes)
-          << c << " at " << at;
+      const Json made(vakro_json_newstring(bytes.data(), 150)), read = Decode(Encode(made.get()));
+      const unsigned int length = vakro_json_getstringlength(read.get());
+      ASSERT_EQ(std::string(vakro_json_getstring(read.get()), length), bytes) << c << " at " << at;
+      const bool special = c < 0x20 || c == '"' || c == '\\';
       EXPECT_EQ(Decode('"' + bytes + '"') == nullptr, special) << "raw " << c << " at " << at;
     }
-  }
 }

@@ -44,17 +44,6 @@ TEST_F(KeysTest, APrivateKeyIsSealedUnderPinSaltAndTag) {
   }
 }
 
-// Sealed with the first 56 bytes, so that an iv cut to what there is room for would open it.
-TEST_F(KeysTest, TheNonceHasRoomFor56BytesOfIv) {
-  for (const size_t n : {1u, 56u, 57u, 200u, 60000u}) {
-    const StoredKeypair stored{.iv = std::string(std::min<size_t>(n, 56), 'v')};
-    const std::string json = StoredDevice{.keypairs = {stored.Json()}}.Json();
-    const std::string text = Replaced(json, Hex(stored.iv), Hex(std::string(n, 'v')));
-    const DeviceHandle device = Load(Container(TAG, text), nullptr);
-    EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, PIN, nullptr), n <= 56 ? 1 : -5) << n;
-  }
-}
-
 TEST_F(KeysTest, The65thKeypairIsIgnoredAndRefused) {
   StoredDevice stored = {.keypairs = {}};
   for (int i = 11; i <= 80; i++) stored.keypairs.push_back(StoredKeypair{.type = i}.Json());

@@ -11,7 +11,7 @@ using ProcessesTest = CallsTest;
 
 // Each makes data objects of its own, one after the other.
 TEST_F(ProcessesTest, LoseNothing) {
-  constexpr int PROCESSES = 8, OBJECTS = 20;
+  constexpr int PROCESSES = 8, OBJECTS = 150;  // a second or two
   const DeviceHandle device = Load();
   std::vector<pid_t> children;
   for (int first = 0; first < PROCESSES; first++)

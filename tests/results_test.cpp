@@ -215,6 +215,8 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   DeviceSet* set = owned.get();
   closed_.reset(DeviceGetDevice(set, 0));
   Keypair* locked = closed_->keypairs[1];
+  // The curve of this one isn't known, since no PIN has opened its keypair.
+  const PublicHandle unknown(DeviceGetPublicKeyFromKeypair(closed_->keypairs[2]));
   // These are given back by the table.
   Device* deviceHandle = DeviceGetDevice(set, 0);
   Keypair* keypairHandle = DeviceGetKeypair(device_.get(), 0);
@@ -223,11 +225,11 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   Cert* otherCert = ownedCert.get();
   things_ =
       NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
-            p256Public_, sm2Public_, deviceHandle, keypairHandle, publicHandle, otherCert, digest,
-            block, ones, pair, pairOf2, encoding, sm2Pair, sm2Encoding, rsaCipher, rawCipher,
-            sm2Cipher, rsaSignature, rawSignature, signature, pin, onP256, onP384, on6, onSm2,
-            temporaryOnP256, temporaryOn6, temporaryOnSm2, noExponent, temporaryRsa, empty, aead,
-            shortTag, sealed, forged, out, made_, key_, bytes_, n_);
+            p256Public_, sm2Public_, unknown, deviceHandle, keypairHandle, publicHandle, otherCert,
+            digest, block, ones, pair, pairOf2, encoding, sm2Pair, sm2Encoding, rsaCipher,
+            rawCipher, sm2Cipher, rsaSignature, rawSignature, signature, pin, onP256, onP384, on6,
+            onSm2, temporaryOnP256, temporaryOn6, temporaryOnSm2, noExponent, temporaryRsa, empty,
+            aead, shortTag, sealed, forged, out, made_, key_, bytes_, n_);
   things_["-"] = nullptr;
   for (const std::string table : {"stored_changes.txt", "results.txt", "without_sm2.txt"}) {
     if (table == "without_sm2.txt") FreeSM2Info(std::exchange(g_sm2, nullptr));

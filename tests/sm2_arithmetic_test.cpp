@@ -136,27 +136,6 @@ TEST(Sm2Numbers, AgreeWithOpenssl) {
     check(RandomNumber(), RandomNumber());
 }
 
-TEST(Sm2Numbers, ScalarsAreReadModN) {
-  std::vector<std::string> all;
-  for (const U256& a : StructuredNumbers(N.m)) all.push_back(ToBytes(a));
-  for (const size_t zeros : {0u, 1u, 64u}) {
-    std::string bytes(zeros, '\0');
-    for (; bytes.size() < 130; bytes += static_cast<char>(g_random())) all.push_back(bytes);
-  }
-  const BnCtx ctx(BN_CTX_new());
-  const BigNum n = ToBigNum(N.m);
-  for (const std::string& bytes : all) {
-    const BigNum value(BN_bin2bn(Raw(bytes), Len(bytes), nullptr));
-    SM2Scalar a;
-    EXPECT_EQ(SM2ReadScalar(&a, Raw(bytes), Len(bytes)), BN_cmp(value.get(), n.get()) < 0);
-    unsigned char written[32], want[32];
-    SM2WriteScalar(written, &a);
-    BN_nnmod(value.get(), value.get(), n.get(), ctx.get());
-    BN_bn2binpad(value.get(), want, 32);
-    EXPECT_EQ(memcmp(written, want, 32), 0) << Hex(bytes);
-  }
-}
-
 // --- Points --------------------------------------------------------------------------------------
 
 namespace {

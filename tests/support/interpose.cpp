@@ -42,7 +42,8 @@ bool MustFail(const ImportCall& call) {
 
 // --- Wrappers ------------------------------------------------------------------------------------
 
-// A function fails with 0 or NULL, or with -1; a file call with -1, or 0 where there is no sign.
+// A function fails with 0 or NULL, or with -1, as a file call does, or with half of what it was to
+// read or write.
 enum Kind { ZERO, MINUS_ONE, READS, MODIFIES };
 
 // What the arguments of a file call tell; `how` is the mode of fopen or the new path of rename.
@@ -76,8 +77,10 @@ struct Wrapper<kind, real> {
     if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
     if constexpr (std::is_pointer_v<Result>)
       return nullptr;
+    else if constexpr (std::is_unsigned_v<Result>)
+      return call.bytes.size() / 2;
     else
-      return static_cast<Result>(kind == ZERO || std::is_unsigned_v<Result> ? 0 : -1);
+      return kind == ZERO ? 0 : -1;
   }
 };
 
