@@ -38,9 +38,11 @@ TEST_F(KeysTest, APrivateKeyIsSealedUnderPinSaltAndTag) {
     const KeypairHandle made = Import(device.get(), key->pair);
     ASSERT_NE(made, nullptr);
     EXPECT_EQ(Bytes(made->publicKey, made->publicKeyLen), key->publicKey);
-    EXPECT_TRUE(IsSealed(*made, key->pair, pin));
-    EXPECT_TRUE(fresh.insert(Bytes(made->salt, 32)).second && made->saltLen == 32);
-    EXPECT_TRUE(fresh.insert(Bytes(made->iv, 16)).second && made->ivLen == 16);
+    const std::string salt = Bytes(made->salt, made->saltLen), iv = Bytes(made->iv, made->ivLen);
+    EXPECT_TRUE(fresh.insert(salt).second && salt.size() == 32);
+    EXPECT_TRUE(fresh.insert(iv).second && iv.size() == 16);
+    EXPECT_EQ(Bytes(made->encryptedPrivateKey, made->encryptedPrivateKeyLen),
+              Seal(key->pair, pin, salt, iv));
   }
 }
 

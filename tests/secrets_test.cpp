@@ -95,9 +95,10 @@ void Call(const std::function<void()>& work) {
 KeypairHandle ImportSm2(Device* device) {
   unsigned char point[64];
   SM2MultiplyGenerator(point, Raw(SCALAR.bytes));
-  const std::string x = Bytes(point, 32), y = Bytes(point + 32, 32);
-  std::string pair = EccPair(7, x, y, std::string(32, 0));  // zeros first: there they are wiped
-  memcpy(&pair[pair.size() - 32], SCALAR.bytes.data(), 32);
+  std::string pair = TestSm2().pair;  // x, y and d are put in the place of its own
+  memcpy(&pair[20], point, 32);
+  memcpy(&pair[56], point + 32, 32);
+  memcpy(&pair[92], SCALAR.bytes.data(), 32);
   KeypairHandle made = Import(device, pair, 1, "SM2");
   OPENSSL_cleanse(pair.data(), pair.size());
   return made;

@@ -47,26 +47,16 @@ std::string Digest(const char* name, std::string_view bytes) {
   return digest;
 }
 
-static std::string Part(std::string_view bytes) {
-  return Word(static_cast<unsigned int>(bytes.size())) + std::string(bytes);
-}
-
-std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d) {
-  return "_KEYPAIR" + Word(4) + Word(static_cast<unsigned int>(curve)) + Part(x) + Part(y) +
-         Part(d);
-}
-
-static TestKey LoadKey(const std::string& name, int algorithm, int curve) {
+static TestKey LoadKey(const std::string& name) {
   auto vectors = ReadVectors("keys.txt");
   FILE* file = fopen((TEST_DATA_DIR "/" + name + ".pem").c_str(), "rb");
   EVP_PKEY* pem = file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
   Must(pem != nullptr && fclose(file) == 0, "PEM");
-  return {algorithm, curve, pem, vectors[name + "_pair"], vectors[name + "_public"]};
+  return {pem, vectors[name + "_pair"], vectors[name + "_public"]};
 }
 
 static const TestKey* Keys() {
-  static const TestKey keys[] = {LoadKey("rsa2048", 1, 0), LoadKey("p256", 4, 3),
-                                 LoadKey("sm2", 4, 7)};
+  static const TestKey keys[] = {LoadKey("rsa2048"), LoadKey("p256"), LoadKey("sm2")};
   return keys;
 }
 const TestKey& TestRsa() { return Keys()[0]; }
@@ -108,7 +98,8 @@ std::string Array(const std::vector<std::string>& items) {
 std::string StoredKeypair::Json() const {
   std::vector<std::string> list;
   for (const std::string& cert : certs) list.push_back(Quoted(Base64(cert)));
-  return Array({Quoted(label), std::to_string(type), std::to_string(key->algorithm),
+  const std::string algorithm = EVP_PKEY_is_a(key->key, "RSA") == 1 ? "1" : "4";
+  return Array({Quoted(label), std::to_string(type), algorithm,
                 std::to_string(EVP_PKEY_get_bits(key->key)), Quoted(Hex(salt)), Quoted(Hex(iv)),
                 Quoted(Hex(key->publicKey)), Quoted(Hex(Seal(key->pair, pin, salt, iv))),
                 Array(list)});
@@ -121,7 +112,8 @@ std::string StoredDevice::Json() const {
 std::string StoredDevice::File(unsigned int tag) const { return Container(tag, Json()); }
 
 std::string Container(unsigned int tag, std::string_view json) {
-  return Word(tag) + Part(json) + Digest("SHA512", json);
+  const auto length = static_cast<unsigned int>(json.size());
+  return Word(tag) + Word(length) + std::string(json) + Digest("SHA512", json);
 }
 
 std::string TextOf(std::string_view file) {

@@ -25,19 +25,13 @@ std::string Digest(const char* name, std::string_view bytes);  // OpenSSL's name
 // --- Keys: fixed ones, and their encodings ---
 
 struct TestKey {
-  int algorithm, curve;
   EVP_PKEY* key;          // OpenSSL's own kind, SM2 included
   std::string pair;       // the keypair encoding
   std::string publicKey;  // the public-key encoding
-
-  // Of elliptic-curve keys: x and y, and d.
-  std::string Point() const { return pair.substr(20, 32) + pair.substr(56, 32); }
-  std::string Scalar() const { return pair.substr(92); }
 };
 const TestKey& TestRsa();  // 2048 bits
 const TestKey& TestP256();
 const TestKey& TestSm2();
-std::string EccPair(int curve, std::string_view x, std::string_view y, std::string_view d);
 
 // Seal is the protection of private keys under TAG: PBKDF2 and AES-256-GCM. It has no chance in it,
 // so a blob is right when sealing what it must hold gives the same.

@@ -93,13 +93,11 @@ int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLe
   thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
   if (keys.size() > 100000) keys.clear();
   std::string& known = keys[{{pin, pin + pinLength}, {salt, salt + saltLength}}];
-  if (known.empty()) {
-    if (PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) != 1)
-      return 0;
+  if (known.empty() &&
+      PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) == 1)
     known.assign(key, key + length);
-  }
   memcpy(key, known.data(), known.size());
-  return 1;
+  return known.empty() ? 0 : 1;
 }
 
 // --- The table -----------------------------------------------------------------------------------

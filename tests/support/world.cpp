@@ -5,8 +5,10 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 
 std::string Bytes(const unsigned char* bytes, long length) {
@@ -33,16 +35,11 @@ std::string Describe(const Device& device, bool addresses) {
 }
 
 static std::string g_first;
-static unsigned long long g_random;
+static std::mt19937 g_random;
 
 static int FixedBytes(unsigned char* bytes, int count) {
-  for (int i = 0; i < count; i++) {
-    g_random = g_random * 6364136223846793005ULL + 1442695040888963407ULL;
-    bytes[i] = static_cast<unsigned char>(g_random >> 56);
-  }
-  const std::string first = g_first.substr(0, static_cast<size_t>(count));
-  memcpy(bytes, first.data(), first.size());
-  g_first.erase(0, first.size());
+  std::generate_n(bytes, count, [] { return static_cast<unsigned char>(g_random()); });
+  g_first.erase(0, g_first.copy(reinterpret_cast<char*>(bytes), static_cast<size_t>(count)));
   return 1;
 }
 
@@ -50,12 +47,7 @@ void FixRandom(const std::string& first) {
   static const RAND_METHOD fixed = {nullptr, FixedBytes, nullptr, nullptr, FixedBytes, nullptr};
   EXPECT_EQ(RAND_set_rand_method(&fixed), 1);
   g_first = first;
-  g_random = 1;
-}
-
-bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin) {
-  return Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen) ==
-         Seal(plain, pin, Bytes(k.salt, k.saltLen), Bytes(k.iv, k.ivLen));
+  g_random.seed(1);
 }
 
 ModuleTest::ModuleTest() {

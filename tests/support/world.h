@@ -27,9 +27,6 @@ std::string Describe(const Device& device, bool addresses = true);
 // then a fixed sequence.
 void FixRandom(const std::string& first = "");
 
-// Whether `plain` is what the keypair holds under the PIN.
-bool IsSealed(const Keypair& k, const std::string& plain, const std::string& pin = PIN);
-
 // The handle of a new keypair, or NULL; the result must be `want`.
 KeypairHandle Import(Device* device, std::string_view pair, int want = 1,
                      const std::string& label = "new");
