@@ -65,10 +65,15 @@ const TestKey& TestSm2() { return Keys()[2]; }
 
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
                  std::string_view iv) {
-  std::string material(40, '\0');
-  Must(PKCS5_PBKDF2_HMAC(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
-                         Mutable(material)) == 1,
-       "PBKDF2");
+  // Slow on purpose: the key of a PIN and a salt is derived once.
+  static std::map<std::pair<std::string, std::string>, std::string> derived;
+  std::string& material = derived[{std::string(pin), std::string(salt)}];
+  if (material.empty()) {
+    material.resize(40);
+    Must(PKCS5_PBKDF2_HMAC(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
+                           Mutable(material)) == 1,
+         "PBKDF2");
+  }
   const std::string nonce = material.substr(32) + std::string(iv);
   const std::string aad = Word(TAG) + "password";
   std::string sealed(plain.size() + 16, '\0');
