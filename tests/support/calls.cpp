@@ -80,10 +80,10 @@ static int StartAndStop(Device* /*device*/) {
 std::vector<Call> AllCalls() {
   static const ECCKeypairParams p256 = {CURVE_P256, 0}, sm2Once = {CURVE_SM2, 1};
   static const RSAKeypairParams rsaOnce = {nullptr, 0, 1};
-  StoredDevice stored;
-  stored.keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
-                     StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
-                     StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()};
+  const StoredDevice stored = {
+      .keypairs = {StoredKeypair{.certs = {"one", "two"}}.Json(),
+                   StoredKeypair{.label = "encrypt", .type = 2, .key = &TestSm2()}.Json(),
+                   StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()}};
   const Files bare = {{"dev", stored.File()}};
   std::string text = stored.Json();
   text.back() = ',';

@@ -19,9 +19,7 @@ class CallsTest : public ModuleTest {
  protected:
   // The result of the call, made under the hook. "Random" bytes are the same in every run, so that
   // every run of a call writes the same file.
-  static int Run(
-      const Call& call, Device* device,
-      const decltype(Hook::ask)& hook = [](const ImportCall&) { return 0; });
+  static int Run(const Call& call, Device* device, const decltype(Hook::ask)& hook = Fault{""});
 
   static pid_t Fork(const std::function<void()>& body);
   static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
