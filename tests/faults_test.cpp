@@ -44,6 +44,7 @@ const Blow BLOWS[] = {
     {"NoDescriptorAndLater", Opens, EMFILE, true},
     {"DeviceFileShut", OpensDevice, EACCES, true},
     {"ReadOnly", Modifies, EROFS, true},
+    {"NoPermission", Modifies, EACCES, true},
 };
 
 // Behind these a call that changes the file may go on: what closes, locks, tidies up or gives an
