@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <openssl/pem.h>
 #include <stdio.h>
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -63,17 +64,24 @@ const TestKey& TestRsa() { return Keys()[0]; }
 const TestKey& TestP256() { return Keys()[1]; }
 const TestKey& TestSm2() { return Keys()[2]; }
 
+int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
+           const EVP_MD* hash, int length, unsigned char* key) {
+  thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
+  if (keys.size() > 100000) keys.clear();
+  std::string& known = keys[{{pin, pin + pinLength}, {salt, salt + saltLength}}];
+  if (known.empty() &&
+      PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) == 1)
+    known.assign(key, key + length);
+  std::copy(known.begin(), known.end(), key);
+  return known.empty() ? 0 : 1;
+}
+
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,
                  std::string_view iv) {
-  // Slow on purpose: the key of a PIN and a salt is derived once.
-  static std::map<std::pair<std::string, std::string>, std::string> derived;
-  std::string& material = derived[{std::string(pin), std::string(salt)}];
-  if (material.empty()) {
-    material.resize(40);
-    Must(PKCS5_PBKDF2_HMAC(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
-                           Mutable(material)) == 1,
-         "PBKDF2");
-  }
+  std::string material(40, '\0');
+  Must(Derive(pin.data(), Len(pin), Raw(salt), Len(salt), 2000, EVP_sha512(), 40,
+              Mutable(material)) == 1,
+       "PBKDF2");
   const std::string nonce = material.substr(32) + std::string(iv);
   const std::string aad = Word(TAG) + "password";
   std::string sealed(plain.size() + 16, '\0');

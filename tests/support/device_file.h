@@ -33,6 +33,10 @@ const TestKey& TestRsa();  // 2048 bits
 const TestKey& TestP256();
 const TestKey& TestSm2();
 
+// PKCS5_PBKDF2_HMAC, which is slow on purpose: the key of a PIN and a salt is derived once.
+int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
+           const EVP_MD* hash, int length, unsigned char* key);
+
 // Seal is the protection of private keys under TAG: PBKDF2 and AES-256-GCM. It has no chance in it,
 // so a blob is right when sealing what it must hold gives the same.
 std::string Seal(std::string_view plain, std::string_view pin, std::string_view salt,

@@ -1,5 +1,6 @@
 #include "tests/support/interpose.h"
 
+#include "tests/support/device_file.h"
 #include "vakro_crypto.h"
 #include "vakro_util.h"
 
@@ -84,21 +85,8 @@ struct Wrapper<kind, real> {
   }
 };
 
-// Stand-ins for what can't be wrapped as it is, or does more here.
+// Stands in for what can't be wrapped as it is.
 int Open(const char* path, int flags, mode_t mode) { return open(path, flags, mode); }
-
-// Slow on purpose: the key of a PIN and a salt is derived once.
-int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
-           const EVP_MD* hash, int length, unsigned char* key) {
-  thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
-  if (keys.size() > 100000) keys.clear();
-  std::string& known = keys[{{pin, pin + pinLength}, {salt, salt + saltLength}}];
-  if (known.empty() &&
-      PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) == 1)
-    known.assign(key, key + length);
-  memcpy(key, known.data(), known.size());
-  return known.empty() ? 0 : 1;
-}
 
 // --- The table -----------------------------------------------------------------------------------
 

@@ -15,6 +15,14 @@ std::string Bytes(const unsigned char* bytes, long length) {
   return length <= 0 ? "" : std::string(bytes, bytes + length);
 }
 
+static std::string Der(const EVP_PKEY* key) {
+  unsigned char* der = nullptr;
+  const int length = key == nullptr ? 0 : i2d_PrivateKey(key, &der);
+  const std::string bytes = Bytes(der, length);
+  OPENSSL_free(der);
+  return bytes;
+}
+
 std::string Describe(const Device& device, bool addresses) {
   std::ostringstream out;
   out << device.serialNumber << ' ' << device.label << " pin "
@@ -27,7 +35,8 @@ std::string Describe(const Device& device, bool addresses) {
         << k.curve << ' ' << k.isTemp << ' ' << (k.device == &device) << ' '
         << Hex(Bytes(k.publicKey, k.publicKeyLen)) << ' ' << Hex(Bytes(k.salt, k.saltLen)) << ' '
         << Hex(Bytes(k.iv, k.ivLen)) << ' '
-        << Hex(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen)) << '\n';
+        << Hex(Bytes(k.encryptedPrivateKey, k.encryptedPrivateKeyLen))
+        << (addresses ? "" : Hex(Der(k.privateKey))) << '\n';
     for (int c = 0; c < k.certCount; c++)
       out << "  " << Hex(Bytes(k.certs[c]->data, k.certs[c]->length)) << '\n';
   }
