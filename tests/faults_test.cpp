@@ -94,6 +94,7 @@ int FaultsTest::StrikeEach(const Call& call, int first) {
   EXPECT_EQ(List()["dev"].substr(0, 5), "33184") << "the mode";
   const std::string fresh = Found(Get());
   EXPECT_EQ(old != fresh, call.changes);
+  EXPECT_EQ(Describe(*Rescan(device->pin), false), Describe(*device, false));
   device.reset();
   int struck = 0;
   for (int at = 1 + first % step; !HasFailure(); at += step, struck++) {

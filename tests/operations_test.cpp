@@ -4,13 +4,6 @@
 
 #include <set>
 
-TEST_F(OperationsTest, RsaDecryptsWhatItEncrypts) {
-  for (const size_t n : {0u, 1u, 245u}) {
-    const std::string text(n, 'x');
-    EXPECT_EQ(Decrypt(rsa_, 16, Encrypt(rsaPublic_.get(), 16, text)), text);
-  }
-}
-
 // Keys of the odd curves sign, and are encoded; what is stored of them does not decode again.
 TEST_F(OperationsTest, OpensslVerifiesSignaturesOfEveryCurve) {
   for (const int curve : {1, 2, 3, 4, 5, 7}) {

@@ -24,22 +24,6 @@ TEST_F(ProcessesTest, LoseNothing) {
     EXPECT_EQ(DeviceReadDataEx(device.get(), id, 0, nullptr, 0, nullptr), 1) << id;
 }
 
-// A program that loaded the device when it had no keypairs, or another, verified its own PIN.
-TEST_F(ProcessesTest, NeverMixPins) {
-  const std::string theirs = StoredKeypair{.label = "theirs", .pin = "theirs"}.Json();
-  const struct {
-    std::vector<std::string> loaded;
-    const char* pin;
-    int want;
-  } cases[] = {{{}, PIN, 0}, {{}, "theirs", 1}, {{StoredKeypair().Json()}, PIN, 0}};
-  for (const auto& [loaded, pin, want] : cases) {
-    const DeviceHandle stale = Load(StoredDevice{.keypairs = loaded}.File(), pin);
-    Write("dev", StoredDevice{.keypairs = {theirs}}.File());
-    Import(stale.get(), TestSm2().pair, want);
-    EXPECT_EQ(Rescan("theirs")->keypairCount, 1 + want);
-  }
-}
-
 // It uses what it inherits, and neither takes a lock away, nor keeps it, nor believes that it holds
 // it.
 TEST_F(ProcessesTest, AForkedChildWorks) {

@@ -1,4 +1,5 @@
-// Plays the tables of results in tests/data: stored_changes.txt, results.txt and without_sm2.txt.
+// Plays the tables of results in tests/data: lives.txt, stored_changes.txt, results.txt and
+// without_sm2.txt.
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 #include "store/store.h"
@@ -36,14 +37,23 @@ using Call = std::function<int(const Words&)>;
 
 unsigned char g_out[600];
 
-// A handle or a value counts as 1 and is given back; what reads as text becomes the output.
+// What a call has handed out; it is given back unless the row names it.
+std::unique_ptr<void, void (*)(void*)> g_handle(nullptr, nullptr);
+template <auto Free, class Handle>
+int Take(Handle* handle) {
+  g_handle = {handle, [](void* kept) { Free(static_cast<Handle*>(kept)); }};
+  return handle != nullptr ? 1 : 0;
+}
+
+// A handle or a value counts as 1; what reads as text becomes the output.
 int Code(int result) { return result; }
 int Code(unsigned int result) { return static_cast<int>(result); }
-int Code(Device* device) { return DeviceHandle(device) ? 1 : 0; }
-int Code(Keypair* keypair) { return KeypairHandle(keypair) ? 1 : 0; }
-int Code(PublicKey* key) { return PublicHandle(key) ? 1 : 0; }
-int Code(Cert* cert) { return OwnedCert(cert) ? 1 : 0; }
-int Code(Data* data) { return OwnedData(data) ? 1 : 0; }
+int Code(DeviceSet* set) { return Take<DeviceFreeDevices>(set); }
+int Code(Device* device) { return Take<DeviceFreeDevice>(device); }
+int Code(Keypair* keypair) { return Take<DeviceFreeKeypair>(keypair); }
+int Code(PublicKey* key) { return Take<DeviceFreePublicKey>(key); }
+int Code(Cert* cert) { return Take<FreeCert>(cert); }
+int Code(Data* data) { return Take<FreeData>(data); }
 int Code(char* text) {
   const UtilText owned(text);
   if (owned) memcpy(g_out, text, std::min(strlen(text), sizeof(g_out)));
@@ -55,6 +65,16 @@ int Code(VakroJson* value) {
   unsigned int length = 0;
   return owned && vakro_json_encode(value, VAKRO_JSON_COMPACT, &text, &length) == 1 ? Code(text)
                                                                                     : 0;
+}
+
+// What no function of the module tells.
+int IsEqual(const Device* a, const Device* b) {
+  return Describe(*a, false) == Describe(*b, false) ? 1 : 0;
+}
+unsigned int References(const Device* device) { return device->refCount; }
+int Exponent(const Keypair* keypair) {
+  const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
+  return static_cast<int>(BN_get_word(RSA_get0_e(rsa.get())));
 }
 
 // What a word may name, as it is kept.
@@ -97,23 +117,24 @@ auto Named(const std::string& names, Things&... things) {
 }
 
 const auto FUNCTIONS = NAMED(
-    DeviceGetDeviceCount, DeviceGetDevice, DeviceFreeDevice, DeviceFreeDevices, DeviceGetLabel,
-    DeviceGetSerialNumber, DeviceUnlockDevice, DeviceCreateData, DeviceReadDataEx,
-    DeviceWriteDataEx, DeviceDeleteData, DeviceGetKeypairCount, DeviceGetKeypair, DeviceFreeKeypair,
-    DeviceGetKeypairType, DeviceGetKeypairAlgorithm, DeviceGetKeypairBits, DeviceGetKeypairLabel,
-    HasKeypair, DeviceAddCertificate, DeviceGetCertificateCount, DeviceGetCertificate,
-    DeviceDeleteCertificate, DeviceDeleteKeypair, DeleteKeypairFromDevice,
-    DeviceGetPublicKeyFromKeypair, DeviceImportPublicKey, DeviceFreePublicKey,
-    DeviceExportPublicKey, DeviceGetPublicKeyAlgorithm, DeviceGetPublicKeyBits, DeviceSign,
-    DeviceVerify, DevicePublicKeyEncrypt, DevicePrivateKeyDecrypt, DeviceGenerateKeypair,
-    DeviceImportKeypair, DeviceVerifyPwd, DeviceChangePwd, DeviceIsSupportedAlgorithm2, GetECCBits,
-    GetECCCurveNid, checkCurveBits, string_endwiths, GetFilePath, NewCert, newData,
-    VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem, UpdateJsonKeypairsToDevice,
-    UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual, UpdateJsonKeypairToKeypairs,
-    DeleteJsonCertToCerts, DeleteJsonCertToKeypair, UpdateKeypairToFile, FreeDeviceSet, FreeKeypair,
-    FreeCert, FreeData, FreeDatas, FreeSM2Info, Keypair2Json, Cert2Json, Data2Json, CalculateMac,
-    CalculateHash, CalculateCipher, UpdateData2DeviceJson, AddhKeypairToFile,
-    UpdateDeviceDataToFile, AddCertToFile, DeleteCertFromFile, GetDeviceDataFromFile);
+    IsEqual, References, Exponent, DeviceGetAllDevices, DeviceGetDeviceCount, DeviceGetDevice,
+    DeviceFreeDevice, DeviceFreeDevices, DeviceGetLabel, DeviceGetSerialNumber, DeviceUnlockDevice,
+    DeviceCreateData, DeviceReadDataEx, DeviceWriteDataEx, DeviceDeleteData, DeviceGetKeypairCount,
+    DeviceGetKeypair, DeviceFreeKeypair, DeviceGetKeypairType, DeviceGetKeypairAlgorithm,
+    DeviceGetKeypairBits, DeviceGetKeypairLabel, HasKeypair, DeviceAddCertificate,
+    DeviceGetCertificateCount, DeviceGetCertificate, DeviceDeleteCertificate, DeviceDeleteKeypair,
+    DeleteKeypairFromDevice, DeviceGetPublicKeyFromKeypair, DeviceImportPublicKey,
+    DeviceFreePublicKey, DeviceExportPublicKey, DeviceGetPublicKeyAlgorithm, DeviceGetPublicKeyBits,
+    DeviceSign, DeviceVerify, DevicePublicKeyEncrypt, DevicePrivateKeyDecrypt,
+    DeviceGenerateKeypair, DeviceImportKeypair, DeviceVerifyPwd, DeviceChangePwd,
+    DeviceIsSupportedAlgorithm2, GetECCBits, GetECCCurveNid, checkCurveBits, string_endwiths,
+    GetFilePath, NewCert, newData, VakroJsonDeleteArrayItem, VakroJsonUpdateArrayItem,
+    UpdateJsonKeypairsToDevice, UpdateJsonCertsToKeypair, KeypairJsonEqual, CertJsonEqual,
+    UpdateJsonKeypairToKeypairs, DeleteJsonCertToCerts, DeleteJsonCertToKeypair,
+    UpdateKeypairToFile, FreeDeviceSet, FreeKeypair, FreeCert, FreeData, FreeDatas, FreeSM2Info,
+    Keypair2Json, Cert2Json, Data2Json, CalculateMac, CalculateHash, CalculateCipher,
+    UpdateData2DeviceJson, AddhKeypairToFile, UpdateDeviceDataToFile, AddCertToFile,
+    DeleteCertFromFile, GetDeviceDataFromFile);
 
 constexpr int UNTOUCHED = 77;
 }  // namespace
@@ -137,25 +158,31 @@ class ResultsTest : public OperationsTest {
       EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_ && !*bytes_);
     }
     EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
-    KeypairHandle{std::exchange(*made_, nullptr)};
-    PublicHandle{std::exchange(*key_, nullptr)};
+    if (*made_) Code(std::exchange(*made_, nullptr));
+    if (*key_) Code(std::exchange(*key_, nullptr));
+  }
+
+  // A line that is no call: what the file is, or must be, or a record made from it.
+  void Arrange(const std::string& verb, const std::string& what, std::string text) {
+    if (verb == "scan") return static_cast<void>(things_[what] = Rescan().release());
+    if (verb == "bytes") return Write("dev", Unhex(what));
+    if (verb == "more")
+      text = base_.substr(0, base_.size() - 1) + "," + what + "]";
+    else if (what != "ALL")
+      text = Replaced(base_, what, text);
+    if (verb != "left") return Write("dev", Container(TAG, text));
+    EXPECT_EQ(TextOf(Read("dev")), text);
   }
 
   void Play(const std::string& line) {
     SCOPED_TRACE(line);
     std::istringstream row(line);
-    std::string function, text;
+    std::string function, text, by;
     Words words;
     row >> function;
-    if (function == "more" || function == "file" || function == "bytes") {
-      std::string to;
-      row >> text >> to;
-      if (function == "bytes") return Write("dev", Unhex(text));
-      if (function == "more")
-        to = base_.substr(0, base_.size() - 1) + "," + text + "]";
-      else if (text != "ALL")
-        to = Replaced(base_, text, to);
-      return Write("dev", Container(TAG, to));
+    if (!FUNCTIONS.contains(function)) {
+      row >> text >> by;
+      return Arrange(function, text, by);
     }
     while (row >> text && text != "=") words.push_back({text, things_});
     std::map<std::string, std::string> want;
@@ -166,6 +193,8 @@ class ResultsTest : public OperationsTest {
     const Fault fault = {want["fails"], want.contains("nth") ? std::stol(want["nth"]) : 0};
     Gives(result, want.contains("writes") || want.contains("becomes"),
           [&] { return WithFault(fault, call); });
+    if (want.contains("as")) things_[want["as"]] = g_handle.release();
+    g_handle.reset();
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
     EXPECT_EQ(Bytes(g_out, Len(want["holds"])), want["holds"]);
     EXPECT_EQ(Hex(Bytes(g_out, Len(want["hex"]) / 2)), want["hex"]);
@@ -190,6 +219,8 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string sm2Pair = TestSm2().pair, sm2Encoding = TestSm2().publicKey;
   std::string rsaCipher = ReadVectors("keys.txt")["rsa2048_cipher"];
   std::string rawCipher = Encrypt(rsaPublic_.get(), 48, block.substr(0, 256));
+  std::string longCipher = Encrypt(rsaPublic_.get(), 16, ones.substr(11));
+  std::string emptyCipher = Encrypt(rsaPublic_.get(), 16, "");
   std::string rsaSignature = Sign(rsa_, 256, digest.substr(32));
   std::string rawSignature = Sign(rsa_, 768, block.substr(0, 256));
   std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature;
@@ -197,7 +228,8 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   while (signature.size() != 71) signature = Sign(sm2_, 4096, digest.substr(32));  // the table's
   ECCKeypairParams onP256 = {3, 0}, onP384 = {4, 0}, on6 = {6, 0}, onSm2 = {7, 0};
   ECCKeypairParams temporaryOnP256 = {3, 1}, temporaryOn6 = {6, 1}, temporaryOnSm2 = {7, 1};
-  RSAKeypairParams noExponent = {Raw(""), 0, 0}, temporaryRsa = {nullptr, 0, 1};
+  RSAKeypairParams noExponent = {Raw(""), 0, 0}, exponentOf3 = {Raw("\3"), 1, 0},
+                   temporaryRsa = {nullptr, 0, 1};
   auto& out = g_out;
   AEADParams aead = {16, Raw("a nonce"), 7, Raw("data"), 4}, shortTag = aead;
   shortTag.tagLen = 15;
@@ -220,12 +252,16 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   things_ = NAMED(device_, closed_, set, rsa_, p256_, sm2_, fourth, temporary, locked, rsaPublic_,
                   p256Public_, sm2Public_, unknown, deviceHandle, keypairHandle, publicHandle,
                   otherCert, digest, block, ones, pair, pairOf2, encoding, sm2Pair, sm2Encoding,
-                  rsaCipher, rawCipher, sm2Cipher, rsaSignature, rawSignature, signature, pin,
-                  onP256, onP384, on6, onSm2, temporaryOnP256, temporaryOn6, temporaryOnSm2,
-                  noExponent, temporaryRsa, empty, aead, shortTag, out, made_, key_, bytes_, n_);
+                  rsaCipher, rawCipher, longCipher, emptyCipher, sm2Cipher, rsaSignature,
+                  rawSignature, signature, pin, onP256, onP384, on6, onSm2, temporaryOnP256,
+                  temporaryOn6, temporaryOnSm2, noExponent, exponentOf3, temporaryRsa, empty, aead,
+                  shortTag, out, made_, key_, bytes_, n_);
   things_["-"] = nullptr;
-  for (const std::string table : {"stored_changes.txt", "results.txt", "without_sm2.txt"}) {
+  const auto things = things_;
+  for (const std::string table :
+       {"lives.txt", "stored_changes.txt", "results.txt", "without_sm2.txt"}) {
     if (table == "without_sm2.txt") FreeSM2Info(std::exchange(g_sm2, nullptr));
+    things_ = things;
     base_ = TextOf(Read("dev"));
     for (const std::string& row : ReadRows(table.c_str())) Play(row);
   }

@@ -55,21 +55,6 @@ TEST_F(StoredTest, EveryCheckOfTheText) {
   }
 }
 
-TEST_F(StoredTest, KeypairsComeAndGo) {
-  const DeviceHandle device = Load(stored_.File());
-  const std::string before = Text();
-  const KeypairHandle first(DeviceGetKeypair(device.get(), 0));
-  const KeypairHandle third = Import(device.get(), TestSm2().pair);
-  const std::string with = Text(), start = before.substr(0, before.size() - 2);
-  EXPECT_EQ(with.find(start + R"(,["new",9,4,256,")"), 0u) << with;
-  EXPECT_EQ(DeviceDeleteKeypair(first.get()), 1);
-  EXPECT_EQ(Text(), Replaced(with, first_.Json() + ",", ""));
-  EXPECT_TRUE(device->keypairs[0]->label == second_.label && device->keypairs[1] == third.get());
-  Write("dev", stored_.File());
-  EXPECT_EQ(DeviceDeleteKeypair(third.get()), 1) << "not stored any more";
-  EXPECT_EQ(Text(), before);
-}
-
 // A read takes the file's tag over; the whole record keeps its own, which its keys are bound to.
 TEST_F(StoredTest, TheTagIsThatOfTheFileOrOfTheRecord) {
   const DeviceHandle device = Load(stored_.File());
