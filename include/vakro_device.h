@@ -253,7 +253,8 @@ int DeviceGetPublicKeyAlgorithm(PublicKey* key);
 int DeviceGetPublicKeyBits(PublicKey* key);
 
 // --- Key operations -------------------------------------------------------------------------
-// Nothing is hashed here: the caller passes the digest or block. `parameters` is never read.
+// Nothing is hashed here: the caller passes the digest or block; an empty one may be NULL.
+// `parameters` is never read.
 
 // DeviceSign signs with the private key.
 //   algorithm  256: PKCS#1 v1.5 padding of `data` (such as a DigestInfo); 768: a raw RSA block of

@@ -99,7 +99,7 @@ static int EncryptRSA(const PublicKey* key, int padding, const CipherRequest& re
   *request.length = modulusSize;
   if (request.output == nullptr) return VAKRO_OK;
   if (modulusSize > request.size) return VAKRO_BUFFER_TOO_SMALL;
-  if (request.input == nullptr || request.inputLen < 0) return VAKRO_FAILED;
+  if (!IsBlock(request.input, request.inputLen)) return VAKRO_FAILED;
   if (padding == RSA_NO_PADDING && request.inputLen != modulusSize) return VAKRO_FAILED;
   const int written =
       RSA_public_encrypt(request.inputLen, request.input, request.output, rsa.get(), padding);

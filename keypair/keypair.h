@@ -73,4 +73,9 @@ int ToRSAPublicKeyEncode(RSA* rsa, unsigned char** encoding, int* encodingLen);
 // can be used outside it, and reads the curve that belongs to it. Returns 1; -8 when there is no
 // key; 0 when the lock fails.
 int FetchPrivateKey(const Keypair* keypair, EvpKey& key, int& curve);
+
+// IsBlock says whether a caller's bytes can be read; where there are none the pointer may be NULL.
+inline bool IsBlock(const unsigned char* bytes, int length) {
+  return length >= 0 && (bytes != nullptr || length == 0);
+}
 #endif

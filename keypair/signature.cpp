@@ -30,7 +30,7 @@ struct SignRequest {
   int size;
   int* length;
 
-  bool HasData() const { return data != nullptr && dataLen >= 0; }
+  bool HasData() const { return IsBlock(data, dataLen); }
 };
 }  // namespace
 
@@ -147,7 +147,7 @@ static int VerifyECDSA(EVP_PKEY* key, const unsigned char* data, int dataLen,
 int DeviceVerify(PublicKey* key, unsigned int algorithm, const void* /*parameters*/,
                  const unsigned char* data, int dataLen, const unsigned char* signature,
                  int signatureLen) {
-  if (key == nullptr || data == nullptr || dataLen < 0 || signature == nullptr || signatureLen < 0)
+  if (key == nullptr || !IsBlock(data, dataLen) || signature == nullptr || signatureLen < 0)
     return VAKRO_FAILED;
   switch (EVP_PKEY_get_id(key->key)) {
     case EVP_PKEY_RSA:

@@ -222,6 +222,7 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
   std::string longCipher = Encrypt(rsaPublic_.get(), 16, ones.substr(11));
   std::string emptyCipher = Encrypt(rsaPublic_.get(), 16, "");
   std::string rsaSignature = Sign(rsa_, 256, digest.substr(32));
+  std::string emptySignature = Sign(rsa_, 256, "");
   std::string rawSignature = Sign(rsa_, 768, block.substr(0, 256));
   std::string sm2Cipher = Encrypt(sm2Public_.get(), 64, digest.substr(32)), signature;
   std::string pin = PIN, empty;
@@ -253,9 +254,9 @@ TEST_F(ResultsTest, AreThoseOfTheTables) {
                   p256Public_, sm2Public_, unknown, deviceHandle, keypairHandle, publicHandle,
                   otherCert, digest, block, ones, pair, pairOf2, encoding, sm2Pair, sm2Encoding,
                   rsaCipher, rawCipher, longCipher, emptyCipher, sm2Cipher, rsaSignature,
-                  rawSignature, signature, pin, onP256, onP384, on6, onSm2, temporaryOnP256,
-                  temporaryOn6, temporaryOnSm2, noExponent, exponentOf3, temporaryRsa, empty, aead,
-                  shortTag, out, made_, key_, bytes_, n_);
+                  emptySignature, rawSignature, signature, pin, onP256, onP384, on6, onSm2,
+                  temporaryOnP256, temporaryOn6, temporaryOnSm2, noExponent, exponentOf3,
+                  temporaryRsa, empty, aead, shortTag, out, made_, key_, bytes_, n_);
   things_["-"] = nullptr;
   const auto things = things_;
   for (const std::string table :
