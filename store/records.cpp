@@ -49,20 +49,26 @@ static int FindKeypair(VakroJson* keypairs, VakroJson* item) {
   return -1;
 }
 
-// SamePin is false when a keypair of the record is stored enciphered otherwise: another process has
-// changed the PIN since.
+// IsAnotherPins says whether a stored item is of a keypair of the record, but enciphered otherwise.
+// A file may hold a key twice; then the record does, too.
+static bool IsAnotherPins(VakroJson* item, const Device* device) {
+  bool known = false;
+  for (int k = 0; k < device->keypairCount; k++) {
+    const Keypair* keypair = device->keypairs[k];
+    if (!IsItemOf(item, keypair)) continue;
+    if (HexEquals(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY),
+                  keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen))
+      return false;
+    known = true;
+  }
+  return known;
+}
+
+// SamePin is false when another process has changed the PIN since the record was read.
 static bool SamePin(const Device* device, VakroJson* keypairs) {
   const int count = vakro_json_getarraysize(keypairs);
-  for (int i = 0; i < count; i++) {
-    VakroJson* item = vakro_json_getarrayitem(keypairs, i);
-    for (int k = 0; k < device->keypairCount; k++) {
-      const Keypair* keypair = device->keypairs[k];
-      if (IsItemOf(item, keypair) &&
-          !HexEquals(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY),
-                     keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen))
-        return false;
-    }
-  }
+  for (int i = 0; i < count; i++)
+    if (IsAnotherPins(vakro_json_getarrayitem(keypairs, i), device)) return false;
   return true;
 }
 
