@@ -27,11 +27,11 @@ int DeviceInit(void) {
 }
 
 int DeviceEnd(void) {
-  vakro_lock_free(g_lock);
+  FreeIfSet<vakro_lock_free>(g_lock);
   g_lock = nullptr;
-  VakroPKICryptoFreeDevice(g_hSoftDevice);
+  FreeIfSet<VakroPKICryptoFreeDevice>(g_hSoftDevice);
   g_hSoftDevice = nullptr;
-  vakro_free(g_keyFolder);
+  FreeIfSet<vakro_free>(g_keyFolder);
   g_keyFolder = nullptr;
   FreeSM2Info(g_sm2);
   g_sm2 = nullptr;

@@ -54,7 +54,7 @@ struct NameList {
   NameList() = default;
   NameList(const NameList&) = delete;
   NameList& operator=(const NameList&) = delete;
-  ~NameList() { vakro_free(names); }
+  ~NameList() { FreeIfSet<vakro_free>(names); }
   bool Add(const char* name) { return addFileName2List(&names, &used, &capacity, name) == 1; }
   void HandOut(char** list, unsigned int* length) {
     *list = names;

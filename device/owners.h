@@ -24,6 +24,13 @@ struct Release {
   }
 };
 
+// FreeIfSet gives back what is there; that the maker's release functions take NULL is not relied
+// on.
+template <auto Free>
+void FreeIfSet(auto* p) {
+  if (p != nullptr) Free(p);
+}
+
 using UtilBytes = std::unique_ptr<unsigned char[], Release<vakro_free>>;
 using UtilText = std::unique_ptr<char[], Release<vakro_free>>;
 using LibBytes = std::unique_ptr<unsigned char[], Release<VakroPKICryptoFreeMemory>>;

@@ -76,7 +76,7 @@ static bool EncryptAgain(Device* device, Scratch& scratch) {
 }
 
 static void TakeBytes(unsigned char*& to, int& toLen, unsigned char*& from, int& fromLen) {
-  vakro_free(to);
+  FreeIfSet<vakro_free>(to);
   to = from;
   toLen = fromLen;
   from = nullptr;

@@ -25,14 +25,14 @@ void FreeDevice(Device* device) {
   if (device == nullptr) return;
   for (int i = 0; i < device->keypairCount; i++) FreeKeypair(device->keypairs[i]);
   FreePin(device);
-  vakro_free(device->filePath);
-  vakro_free(device->backupPath);
+  FreeIfSet<vakro_free>(device->filePath);
+  FreeIfSet<vakro_free>(device->backupPath);
   vakro_free(device);
 }
 
 void FreePin(Device* device) {
   if (device->pin != nullptr) OPENSSL_cleanse(device->pin, strlen(device->pin));
-  vakro_free(device->pin);
+  FreeIfSet<vakro_free>(device->pin);
   device->pin = nullptr;
 }
 
@@ -47,10 +47,10 @@ void SetPrivateKey(Keypair* keypair, EVP_PKEY* key) {
 void FreeKeypair(Keypair* keypair) {
   if (keypair == nullptr) return;
   for (int i = 0; i < keypair->certCount; i++) FreeCert(keypair->certs[i]);
-  vakro_free(keypair->salt);
-  vakro_free(keypair->iv);
-  vakro_free(keypair->encryptedPrivateKey);
-  VakroPKICryptoFreeMemory(keypair->publicKey);
+  FreeIfSet<vakro_free>(keypair->salt);
+  FreeIfSet<vakro_free>(keypair->iv);
+  FreeIfSet<vakro_free>(keypair->encryptedPrivateKey);
+  FreeIfSet<VakroPKICryptoFreeMemory>(keypair->publicKey);
   SetPrivateKey(keypair, nullptr);
   vakro_free(keypair);
 }
@@ -69,7 +69,7 @@ Cert* NewCert(const unsigned char* bytes, int length) {
 
 void FreeCert(Cert* cert) {
   if (cert == nullptr) return;
-  vakro_free(cert->data);
+  FreeIfSet<vakro_free>(cert->data);
   vakro_free(cert);
 }
 
@@ -88,7 +88,7 @@ void FreeData(Data* data) {
   if (data == nullptr) return;
   if (data->value != nullptr && data->length > 0)
     OPENSSL_cleanse(data->value, static_cast<size_t>(data->length));
-  VakroPKICryptoFreeMemory(data->value);
+  FreeIfSet<VakroPKICryptoFreeMemory>(data->value);
   OPENSSL_cleanse(data, sizeof(*data));
   vakro_free(data);
 }

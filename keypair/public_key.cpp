@@ -18,7 +18,7 @@ PublicKey* NewPublicKey(void) { return Allocate<PublicKey>(1, "keypair"); }
 
 int DeviceFreePublicKey(PublicKey* key) {
   if (key == nullptr) return VAKRO_NULL_HANDLE;
-  vakro_free(key->publicKey);
+  FreeIfSet<vakro_free>(key->publicKey);
   EVP_PKEY_free(key->key);
   vakro_free(key);
   return VAKRO_OK;
