@@ -23,6 +23,13 @@ static Bytes CertificateAt(Keypair* keypair, int index) {
   return der;
 }
 
+static bool Holds(Keypair* keypair, const Bytes& der) {
+  for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
+    if (CertificateAt(keypair, i) == der) return true;
+  }
+  return false;
+}
+
 static int IndexOf(Keypair* keypair, int number) {
   const int count = DeviceGetCertificateCount(keypair);
   if (count == 0) throw Failure("Keypair " + LabelOf(keypair) + " has no certificates.");
@@ -45,6 +52,10 @@ static void Add(const Target& target, const CertOptions& options) {
   for (const Certificate& cert : file.certs) {
     const Bytes der = ToDer(cert.get());
     const std::string name = NameText(X509_get_subject_name(cert.get()));
+    if (Holds(keypair, der)) {
+      printf("Already there: %s\n", name.c_str());
+      continue;
+    }
     RequireChange(DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
                   "add certificate " + name);
     const bool own = EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.key.get()) == 1;

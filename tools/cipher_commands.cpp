@@ -31,7 +31,7 @@ static void RequirePlaintextFits(const PublicPart& key, size_t length) {
     throw Failure(
         "RSA-" + std::to_string(key.bits) + " encrypts at most " + std::to_string(max) + " bytes.",
         "Encrypt the file with a random key, and that key with this command; SM2 takes "
-        "any length.");
+        "larger files.");
   }
   if (key.kind == Kind::SM2 && length == 0) throw Failure("SM2 can't encrypt an empty file.");
 }

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <filesystem>
+#include <utility>
 
 static constexpr size_t BLOCK_SIZE = 65536;
 static constexpr size_t INPUT_MAX = INT_MAX - 1024;
@@ -25,6 +26,11 @@ struct Descriptor {
 std::string SystemError() { return strerror(errno); }
 
 void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& take) {
+  static bool isInputTaken = false;
+  if (path == "-" && std::exchange(isInputTaken, true)) {
+    throw Failure("Standard input has been read already.",
+                  "Only one of the files can be -, a PIN file included.");
+  }
   const Descriptor file(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.fd < 0) throw Failure("Can't open " + path + ": " + SystemError() + ".");
   Secret block(BLOCK_SIZE);

@@ -10,7 +10,8 @@
 
 using ByteSpan = std::span<const unsigned char>;
 
-// EachBlock hands the whole content of the file to `take`, block by block.
+// EachBlock hands the whole content of the file to `take`, block by block. Standard input can be
+// read once: a second reader would find nothing, and sign that.
 void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& take);
 
 // These read a whole file of at most 2 GiB less 1 KiB, so that its length fits the module.

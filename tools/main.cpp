@@ -39,6 +39,12 @@ static int Tell(const char* what, const std::string& advice) {
   return EXIT_FAILED;
 }
 
+// Output that could not be written is a failure too.
+static int Finish() {
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return EXIT_DONE;
+  return Tell("Can't write to standard output.", {});
+}
+
 static int Run(int argc, char** argv) {
   Target target;
   CLI::App app("softdevice works on soft crypto devices: keys in files, opened with a PIN.",
@@ -60,11 +66,9 @@ static int Run(int argc, char** argv) {
   try {
     if (argc == 1) return printf("%s", app.help().c_str()) < 0 ? EXIT_FAILED : EXIT_USAGE;
     app.parse(argc, argv);
-    // Output that could not be written is a failure too.
-    if (fflush(stdout) != 0) throw Failure("Can't write to standard output.");
-    return EXIT_DONE;
+    return Finish();
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;  // prints help, or what was wrong
+    return app.exit(error) == 0 ? Finish() : EXIT_USAGE;  // prints help, or what was wrong
   } catch (const Failure& failure) {
     return Tell(failure.what(), failure.advice);
   } catch (const std::bad_alloc&) {

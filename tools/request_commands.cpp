@@ -103,11 +103,11 @@ static void SelfSign(const Target& target, const RequestOptions& options) {
   Unlock(session.device(), options.pin);
   SignCertificate(cert.get(), {keypair, key, options.id});
   const Bytes der = ToDer(cert.get());
+  WritePem(options.output, der);  // first: what is stored is stored for good
   if (options.store) {
     RequireChange(DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
                   "store the certificate");
   }
-  WritePem(options.output, der);
 }
 
 static void AddCommon(CLI::App* command, Target& target, RequestOptions& options) {
