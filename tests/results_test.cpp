@@ -72,6 +72,7 @@ int IsEqual(const Device* a, const Device* b) {
   return Describe(*a, false) == Describe(*b, false) ? 1 : 0;
 }
 unsigned int References(const Device* device) { return device->refCount; }
+unsigned int Tag(const Device* device) { return device->fileTag; }
 int Exponent(const Keypair* keypair) {
   const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
   return static_cast<int>(BN_get_word(RSA_get0_e(rsa.get())));
@@ -117,7 +118,7 @@ auto Named(const std::string& names, Things&... things) {
 }
 
 const auto FUNCTIONS = NAMED(
-    IsEqual, References, Exponent, DeviceGetAllDevices, DeviceGetDeviceCount, DeviceGetDevice,
+    IsEqual, References, Tag, Exponent, DeviceGetAllDevices, DeviceGetDeviceCount, DeviceGetDevice,
     DeviceFreeDevice, DeviceFreeDevices, DeviceGetLabel, DeviceGetSerialNumber, DeviceUnlockDevice,
     DeviceCreateData, DeviceReadDataEx, DeviceWriteDataEx, DeviceDeleteData, DeviceGetKeypairCount,
     DeviceGetKeypair, DeviceFreeKeypair, DeviceGetKeypairType, DeviceGetKeypairAlgorithm,
@@ -152,7 +153,6 @@ class ResultsTest : public OperationsTest {
       const LibBytes made(std::exchange(*bytes_, nullptr));
       if (made) memcpy(g_out, made.get(), std::min(static_cast<size_t>(n_), sizeof(g_out)));
       EXPECT_EQ(Read("dev") != file, writes) << "the file";
-      EXPECT_FALSE(Exists("dev.bak"));
     } else {
       Refuses(want, device_.get(), call);
       EXPECT_TRUE(Describe(*closed_) == closed && !*made_ && !*key_ && !*bytes_);
@@ -163,26 +163,32 @@ class ResultsTest : public OperationsTest {
   }
 
   // A line that is no call: what the file is, or must be, or a record made from it.
-  void Arrange(const std::string& verb, const std::string& what, std::string text) {
+  void Arrange(const std::string& verb, const std::string& what, std::string text,
+               const std::string& tag) {
     if (verb == "scan") return static_cast<void>(things_[what] = Rescan().release());
     if (verb == "bytes") return Write("dev", Unhex(what));
     if (verb == "more")
       text = base_.substr(0, base_.size() - 1) + "," + what + "]";
     else if (what != "ALL")
       text = Replaced(base_, what, text);
-    if (verb != "left") return Write("dev", Container(TAG, text));
-    EXPECT_EQ(TextOf(Read("dev")), text);
+    if (verb == "left") {
+      EXPECT_EQ(TextOf(Read("dev")), text);
+    } else {
+      const unsigned int word =
+          tag.empty() ? TAG : static_cast<unsigned int>(std::stoul(tag, nullptr, 0));
+      Write(verb == "backup" ? "dev.bak" : "dev", Container(word, text));
+    }
   }
 
   void Play(const std::string& line) {
     SCOPED_TRACE(line);
     std::istringstream row(line);
-    std::string function, text, by;
+    std::string function, text, by, tag;
     Words words;
     row >> function;
     if (!FUNCTIONS.contains(function)) {
-      row >> text >> by;
-      return Arrange(function, text, by);
+      row >> text >> by >> tag;
+      return Arrange(function, text, by, tag);
     }
     while (row >> text && text != "=") words.push_back({text, things_});
     std::map<std::string, std::string> want;
@@ -193,6 +199,7 @@ class ResultsTest : public OperationsTest {
     const Fault fault = {want["fails"], want.contains("nth") ? std::stol(want["nth"]) : 0};
     Gives(result, want.contains("writes") || want.contains("becomes"),
           [&] { return WithFault(fault, call); });
+    EXPECT_TRUE(result != 1 || !Exists("dev.bak") || fault.name == "remove");
     if (want.contains("as")) things_[want["as"]] = g_handle.release();
     g_handle.reset();
     EXPECT_EQ(n_, want.contains("n") ? std::stoi(want["n"]) : result == 1 ? n_ : UNTOUCHED);
