@@ -164,7 +164,7 @@ class ResultsTest : public OperationsTest {
 
   // A line that is no call: what the file is, or must be, or a record made from it.
   void Arrange(const std::string& verb, const std::string& what, std::string text,
-               const std::string& tag) {
+               unsigned int tag) {
     if (verb == "scan") return static_cast<void>(things_[what] = Rescan().release());
     if (verb == "bytes") return Write("dev", Unhex(what));
     if (verb == "more")
@@ -174,19 +174,19 @@ class ResultsTest : public OperationsTest {
     if (verb == "left") {
       EXPECT_EQ(TextOf(Read("dev")), text);
     } else {
-      const unsigned int word =
-          tag.empty() ? TAG : static_cast<unsigned int>(std::stoul(tag, nullptr, 0));
-      Write(verb == "backup" ? "dev.bak" : "dev", Container(word, text));
+      Write(verb == "backup" ? "dev.bak" : "dev", Container(tag, text));
     }
   }
 
   void Play(const std::string& line) {
     SCOPED_TRACE(line);
     std::istringstream row(line);
-    std::string function, text, by, tag;
+    std::string function, text, by;
     Words words;
     row >> function;
     if (!FUNCTIONS.contains(function)) {
+      unsigned int tag = TAG;
+      row.unsetf(std::ios::basefield);
       row >> text >> by >> tag;
       return Arrange(function, text, by, tag);
     }

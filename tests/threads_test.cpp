@@ -19,11 +19,8 @@ constexpr int THREADS = 8;
 constexpr int ROUNDS = 8;
 const std::string MESSAGE(32, 'm');
 
-struct Use {
-  unsigned int sign;
-  unsigned int encrypt;  // 0: the key can't
-};
-constexpr Use USES[] = {{256, 16}, {2048, 0}, {4096, 64}};  // of the device's three keypairs
+// Of the device's three keypairs the algorithms to sign and to encrypt; 0: the key can't.
+constexpr std::pair<unsigned int, unsigned int> USES[] = {{256, 16}, {2048, 0}, {4096, 64}};
 
 template <class Body>
 void InThreads(int count, Body body) {
@@ -148,7 +145,7 @@ TEST_F(ThreadsTest, KeysAreUsedAsSoonAsTheyAreOpen) {
       std::string result = "result -8";
       while (result == "result -8") {
         EXPECT_NE(PublicHandle(DeviceGetPublicKeyFromKeypair(device->keypairs[1])), nullptr);
-        result = Sign(device->keypairs[number], USES[number].sign, MESSAGE);
+        result = Sign(device->keypairs[number], USES[number].first, MESSAGE);
       }
       EXPECT_FALSE(result.starts_with("result")) << result;
     });

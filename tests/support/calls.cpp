@@ -39,10 +39,6 @@ static int ScanFolder(Device* /*device*/) {
   return g_device && g_set->count == 1 ? 1 : 0;
 }
 
-static int ScanWithoutRename(Device* device) {
-  return WithFault({"rename", 1, true}, [=] { return ScanFolder(device); });
-}
-
 static int Overwrite(Device* device) { return DeviceWriteDataEx(device, 2, 1, Raw("TSHX"), 4); }
 
 static int VerifyAnew(Device* device) {
@@ -121,7 +117,10 @@ std::vector<Call> AllCalls() {
   };
   const Call fromAny[] = {
       {"scan", ScanFolder},
-      {"scan without rename", ScanWithoutRename},
+      {"scan without rename",
+       [](Device* d) {
+         return WithFault({"rename", 1, true}, [=] { return ScanFolder(d); });
+       }},
       {"read", [](Device* d) { return DeviceReadDataEx(d, 1, 0, nullptr, 0, nullptr); }},
       {"data object written", Overwrite, true},
       {"data object not written",
