@@ -45,9 +45,12 @@ void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& tak
 
 template <class Container>
 static Container ReadAll(const std::string& path) {
+  const Failure tooLarge(path + " is larger than 2 GiB.");
+  struct stat status = {};  // of a pipe the size shows when it has been read
+  if (stat(path.c_str(), &status) == 0 && status.st_size > off_t{INPUT_MAX}) throw tooLarge;
   Container all;
   EachBlock(path, [&](ByteSpan block) {
-    if (block.size() > INPUT_MAX - all.size()) throw Failure(path + " is larger than 2 GiB.");
+    if (block.size() > INPUT_MAX - all.size()) throw tooLarge;
     all.insert(all.end(), block.begin(), block.end());
   });
   return all;
