@@ -34,7 +34,7 @@ struct Blow {
 const Blow BLOWS[] = {
     {"AnyCall", Imports, EIO, false, false, 4},
     {"AnyCallAndLater", Imports, EIO, true, false, 4},
-    {"NoMemoryForOpenssl", Allocates, ENOMEM, false, false, 4},
+    {"NoMemoryForOpenssl", Allocates, ENOMEM, false, false, 3},
     {"NoMemoryForOpensslAndLater", Allocates, ENOMEM, true, false, 4},
     {"Killed", OnFiles, KILL, false, false, 8},
     {"KilledWithBytesOut", Buffers, KILL, false, true, 4},
