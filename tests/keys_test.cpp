@@ -37,7 +37,8 @@ TEST_F(KeysTest, The65thKeypairIsIgnoredAndRefused) {
   const DeviceHandle device = Load(stored.File());
   EXPECT_TRUE(device->keypairCount == 64 && device->refCount == 65);
   Refuses(0, device.get(), [&] { return Import(device.get(), TestP256().pair, 0) ? 1 : 0; });
-  const KeypairHandle last(DeviceGetKeypair(device.get(), 63));
-  EXPECT_EQ(DeviceDeleteKeypair(last.get()), 1);
+  EXPECT_EQ(DeviceDeleteKeypair(KeypairHandle(DeviceGetKeypair(device.get(), 63)).get()), 1);
   EXPECT_NE(Import(device.get(), TestP256().pair), nullptr);
+  EXPECT_EQ(DeviceChangePwd(device.get(), 1, PIN, "new", nullptr), 0) << "the others would be lost";
+  EXPECT_EQ(Rescan(PIN)->keypairCount, 64);
 }
