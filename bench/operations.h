@@ -3,7 +3,8 @@
 #ifndef VAKRO_BENCH_OPERATIONS_H
 #define VAKRO_BENCH_OPERATIONS_H
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
 #include "harness.h"
 #include "world.h"
 

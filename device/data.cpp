@@ -1,6 +1,8 @@
 // The data-object calls: each reads the list from the device file, works on it, and writes the
 // whole list back if it has changed. They need no PIN.
-#include "device/owners.h"
+#include "core/owners.h"
+#include "core/secret.h"
+#include "device/device.h"
 #include "store/store.h"
 
 #include <string.h>

@@ -1,5 +1,6 @@
 // Start and stop of the module.
-#include "device/owners.h"
+#include "core/owners.h"
+#include "device/device.h"
 #include "sm2/sm2.h"
 
 #include <string.h>

@@ -1,5 +1,6 @@
 // The names in the key folder, and paths made of them.
-#include "device/owners.h"
+#include "core/owners.h"
+#include "device/device.h"
 
 #include <dirent.h>
 #include <errno.h>

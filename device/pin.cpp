@@ -1,6 +1,8 @@
 // The PIN: a PIN is right when it decrypts every private key of the device; nothing of it is
 // stored. A verified device keeps its keys and a copy of the PIN until it is freed.
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
+#include "device/device.h"
 #include "keypair/keypair.h"
 #include "store/store.h"
 

@@ -4,7 +4,8 @@
 // the backup is stale and goes; where the device file is missing or damaged the backup takes its
 // place. A device file that could not be looked at, for want of memory or a descriptor, counts as
 // neither: its backup is left alone.
-#include "device/owners.h"
+#include "core/owners.h"
+#include "device/device.h"
 #include "store/store.h"
 
 #include <stdio.h>

@@ -1,5 +1,6 @@
 // What a caller reads of a set and its devices without taking a handle.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "device/device.h"
 
 #include <string.h>
 

@@ -1,5 +1,7 @@
 // Keypair handles: taken, read, given back; and the deletion of a keypair.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "core/lock.h"
+#include "core/secret.h"
 #include "keypair/keypair.h"
 #include "store/store.h"
 

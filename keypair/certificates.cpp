@@ -1,5 +1,7 @@
 // The certificates of a keypair. The device file is changed first, the list after it.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "core/lock.h"
+#include "core/secret.h"
 #include "keypair/keypair.h"
 #include "store/store.h"
 

@@ -1,5 +1,7 @@
 // Decryption with a private key and encryption with a public one.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "core/lock.h"
+#include "core/secret.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 

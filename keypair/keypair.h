@@ -6,7 +6,7 @@
 #ifndef VAKRO_KEYPAIR_KEYPAIR_H
 #define VAKRO_KEYPAIR_KEYPAIR_H
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
 
 inline constexpr int PRIVATE_KEY_CIPHER_ID = VAKRO_CIPHER_AES256_GCM;
 inline constexpr int MAGIC_SIZE = 8;        // of both key encodings

@@ -1,7 +1,9 @@
 // Private keys at rest. The PIN and a salt of the keypair's own give, by PBKDF2 with HMAC-SHA-512
 // (RFC 8018), the cipher key and the first part of the nonce; the authenticated cipher binds the
 // blob to its device file through the associated data. docs/device-file.md draws it.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "core/lock.h"
+#include "core/secret.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 #include "store/store.h"

@@ -1,5 +1,5 @@
 // Public-key handles, and the RSA side of the public-key encoding.
-#include "device/owners.h"
+#include "core/answer.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 

@@ -1,5 +1,7 @@
 // Signing and verification, dispatched on the algorithm and the type of the key.
-#include "device/owners.h"
+#include "core/answer.h"
+#include "core/lock.h"
+#include "core/secret.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 

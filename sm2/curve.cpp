@@ -1,5 +1,5 @@
 // The SM2 group, the table of curves, and two helpers on byte strings.
-#include "device/owners.h"
+#include "core/openssl_owners.h"
 #include "sm2/parameters.h"
 #include "sm2/sm2.h"
 

@@ -1,5 +1,6 @@
 // Elliptic-curve keys: from OpenSSL's objects to the crypto library's encodings, back, and anew.
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
 #include "sm2/sm2.h"
 
 #include <string.h>

@@ -2,7 +2,8 @@
 #ifndef VAKRO_SM2_OPERANDS_H
 #define VAKRO_SM2_OPERANDS_H
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
 #include "sm2/multiply.h"
 #include "sm2/sm2.h"
 

@@ -8,10 +8,13 @@
 #ifndef VAKRO_SM2_SM2_H
 #define VAKRO_SM2_SM2_H
 
-#include "device/device.h"
+#include "core/lock.h"
+#include "core/records.h"
 
-#include <openssl/bn.h>
-#include <openssl/ec.h>
+typedef struct bignum_st BIGNUM;  // OpenSSL's, as the next three
+typedef struct ec_group_st EC_GROUP;
+typedef struct ec_key_st EC_KEY;
+typedef struct ec_point_st EC_POINT;
 
 inline constexpr int SM2_FIELD_SIZE = 32;       // bytes of a coordinate, of the order, of a digest
 inline constexpr int SM2_POINT_SIZE = 65;       // 0x04, x, y

@@ -1,4 +1,5 @@
 // Hash, MAC and cipher in one call each, on the software device. Every call makes its own object.
+#include "core/secret.h"
 #include "store/store.h"
 
 #include <limits.h>

@@ -9,7 +9,8 @@
 #ifndef VAKRO_STORE_STORE_H
 #define VAKRO_STORE_STORE_H
 
-#include "device/owners.h"
+#include "core/lock.h"
+#include "core/owners.h"
 
 #include <limits.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // JSON, which the module stores devices in, at its borders.
-#include "device/owners.h"
+#include "core/openssl_owners.h"
 #include "tests/support/device_file.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // SM2's arithmetic, with the portable field operations and those for x86-64: numbers, judged by
 // OpenSSL's BIGNUM, and multiples of points, judged by its EC_POINT_mul. VAKRO_LONG_TESTS=1 in the
 // environment takes many more operands.
-#include "device/owners.h"
+#include "core/openssl_owners.h"
 #include "sm2/field_x86.h"
 #include "sm2/inverse.h"
 #include "sm2/multiply.h"

@@ -1,7 +1,8 @@
 // PINs and passphrases from a file, the environment or the terminal.
 #include "tools/secret.h"
 
-#include "device/owners.h"
+#include "core/owners.h"
+#include "core/secret.h"
 #include "tools/files.h"
 
 #include <openssl/ui.h>

@@ -3,7 +3,9 @@
 #ifndef VAKRO_TOOLS_SESSION_H
 #define VAKRO_TOOLS_SESSION_H
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
+#include "device/device.h"
 #include "tools/secret.h"
 #include "tools/tool.h"
 

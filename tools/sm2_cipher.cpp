@@ -1,7 +1,8 @@
 // Conversion of SM2 ciphertexts.
 #include "tools/sm2_cipher.h"
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
 #include "sm2/sm2.h"
 
 #include <openssl/asn1.h>

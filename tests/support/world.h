@@ -3,7 +3,9 @@
 #ifndef VAKRO_TESTS_WORLD_H
 #define VAKRO_TESTS_WORLD_H
 
-#include "device/owners.h"
+#include "core/openssl_owners.h"
+#include "core/secret.h"
+#include "device/device.h"
 #include "tests/support/device_file.h"
 #include "tests/support/interpose.h"
 

@@ -1,5 +1,6 @@
 // Device handles: taken, given back, and the release that frees a device.
-#include "device/owners.h"
+#include "core/lock.h"
+#include "core/owners.h"
 
 void ReleaseReferences(Device* device, unsigned int count) {
   device->refCount -= count;

@@ -1,5 +1,5 @@
 // The module's process-wide state and its one lock.
-#include "device/device.h"
+#include "core/lock.h"
 
 VakroLock* g_lock = nullptr;
 VakroPKICryptoDevice* g_hSoftDevice = nullptr;

@@ -1,5 +1,8 @@
 // The core records: their constructors and destructors, and the byte order of stored words.
-#include "device/owners.h"
+#include "core/owners.h"
+#include "core/secret.h"
+
+#include <openssl/evp.h>
 
 #include <string.h>
 
