@@ -1,9 +1,11 @@
 // JSON, which the module stores devices in, at its borders.
 #include "core/openssl_owners.h"
 #include "tests/support/device_file.h"
+#include "tests/support/interpose.h"
 
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <math.h>
 #include <stdlib.h>
 
@@ -11,8 +13,11 @@ using namespace std::string_literals;
 
 static Json Decode(std::string_view text) {
   const std::vector<char> copy(text.begin(), text.end());  // without a NUL behind it
+  errno = 0;
   return Json(vakro_json_decode(copy.data(), static_cast<unsigned int>(copy.size())));
 }
+
+static bool IsRefused(std::string_view text) { return Decode(text) == nullptr && errno == EINVAL; }
 
 static std::string Encode(const VakroJson* value) {
   char* text = nullptr;
@@ -34,6 +39,7 @@ TEST(JsonTest, ReadsAndWrites) {
     const std::string kind = row.substr(0, row.find(' ')), text = row.substr(kind.size() + 1);
     if (kind != "as") value = Decode(text);
     EXPECT_EQ(value == nullptr, kind == "refused") << row;
+    EXPECT_EQ(IsRefused(text), kind == "refused") << row;
     EXPECT_TRUE(kind == "refused" || kind == "read" || Encode(value.get()) == text) << row;
     const double number = vakro_json_getnumber(value.get());
     EXPECT_TRUE(kind != "number" || number == strtod(text.c_str(), nullptr)) << row;
@@ -42,7 +48,7 @@ TEST(JsonTest, ReadsAndWrites) {
   EXPECT_EQ(Encode(Decode(Nest(63, "{}")).get()), Nest(63, "{}"));
   for (const auto& bad : {""s, " "s, "[1]\0"s, "\0"s, "[\0001]"s, "\xef\xbb\xbf[]"s, "[\f1]"s,
                           Nest(65), Nest(64, "{}"), std::string(100000, '[')})
-    EXPECT_EQ(Decode(bad), nullptr) << bad;
+    EXPECT_TRUE(IsRefused(bad)) << bad;
   const std::pair<double, const char*> made[] = {
       {-7, "-7"}, {4294967295., "4294967295"}, {1e15, "1000000000000000"}, {-2.5e-10, "-2.5e-10"}};
   for (const auto& [number, want] : made)
@@ -63,4 +69,16 @@ TEST(JsonTest, SeesEveryByteOfAString) {
       const bool special = c < 0x20 || c == '"' || c == '\\';
       EXPECT_EQ(Decode('"' + bytes + '"') == nullptr, special) << "raw " << c << " at " << at;
     }
+}
+
+TEST(JsonTest, TellsWantOfMemoryFromAFaultOfTheText) {
+  for (const std::string text : {"1", "[]", "[[1,\"a\"],[2,{\"b\":3}]]"}) {
+    Json read;
+    for (int nth = 1; read == nullptr; nth++) {
+      read = WithFault({.name = "vakro_malloc", .nth = nth}, [&] { return Decode(text); });
+      EXPECT_TRUE(read != nullptr || errno == ENOMEM) << text << ", allocation " << nth;
+      ASSERT_LT(nth, 100);
+    }
+    EXPECT_EQ(Encode(read.get()), text);
+  }
 }

@@ -61,7 +61,9 @@ enum VakroJsonType {
 
 // vakro_json_decode parses one JSON text (RFC 8259) of `length` bytes; it need not end in a NUL.
 // Strings pass byte for byte, without a check of their UTF-8. Arrays and objects nest at most 64
-// deep. Anything around the value but white space is refused. Returns a new tree, or NULL.
+// deep. Anything around the value but white space is refused. Returns a new tree; or NULL, and
+// then errno says why: EINVAL, the text is not JSON within these bounds; any other value, it could
+// not be told for a passing reason (ENOMEM: memory).
 VakroJson* vakro_json_decode(const char* text, unsigned int length);
 
 // vakro_json_encode writes compact JSON: no white space; a number that was decoded keeps its

@@ -3,6 +3,7 @@
 // and recurses as deep as the values nest, which the builder bounds.
 #include "platform/util/json.h"
 
+#include <errno.h>
 #include <string.h>
 
 #ifdef __SSE2__
@@ -19,6 +20,7 @@ static constexpr size_t PADDING = 16;
 // result of false ends the parse.
 struct Builder {
   Text* text;  // borrowed
+  bool isMemoryOut = false;
   VakroJson stack = MakeNode(VAKRO_JSON_ARRAY);
   unsigned level = 1;  // of the value that comes next
 
@@ -27,7 +29,10 @@ struct Builder {
   Builder& operator=(const Builder&) = delete;
   ~Builder() { ClearNode(&stack); }
 
-  bool Push(const VakroJson& node) { return AppendNode(&stack, node); }
+  bool Push(const VakroJson& node) {
+    isMemoryOut = !AppendNode(&stack, node);
+    return !isMemoryOut;
+  }
   bool Open() { return level++ <= MAX_LEVEL; }
 
   // Moves the last `count` values from the stack to a new array or object.
@@ -35,7 +40,8 @@ struct Builder {
     VakroJson node = MakeNode(type, --level);
     if (count > 0) {
       node.items = NewArray<VakroJson>(count).release();
-      if (node.items == nullptr) return false;
+      isMemoryOut = node.items == nullptr;
+      if (isMemoryOut) return false;
       stack.length -= count;
       memcpy(node.items, stack.items + stack.length, count * sizeof(VakroJson));
       node.length = node.capacity = count;
@@ -104,16 +110,24 @@ static bool CopyText(const char* text, size_t length, char* copy) {
   return found == 0;
 }
 
+static VakroJson* Fail(int why) {
+  errno = why;
+  return nullptr;
+}
+
 VakroJson* vakro_json_decode(const char* text, unsigned int length) {
-  if (text == nullptr) return nullptr;
+  if (text == nullptr) return Fail(EINVAL);
   const TextUse copy(NewText(size_t{length} + PADDING));
-  if (!copy || !CopyText(text, length, BytesOf(copy.get()))) return nullptr;
+  if (!copy) return Fail(ENOMEM);
+  if (!CopyText(text, length, BytesOf(copy.get()))) return Fail(EINVAL);
   memset(BytesOf(copy.get()) + length, 0, PADDING);
 
   Builder builder(copy.get());
   rapidjson::InsituStringStream stream(BytesOf(copy.get()));
   rapidjson::Reader reader;
-  if (reader.Parse<FLAGS>(stream, builder).IsError()) return nullptr;
+  if (reader.Parse<FLAGS>(stream, builder).IsError())
+    return Fail(builder.isMemoryOut ? ENOMEM : EINVAL);
   builder.stack.length = 0;
-  return NewValue(builder.stack.items[0]);
+  VakroJson* const value = NewValue(builder.stack.items[0]);
+  return value != nullptr ? value : Fail(ENOMEM);
 }
