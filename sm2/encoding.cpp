@@ -1,6 +1,6 @@
-// Elliptic-curve keys: from OpenSSL's objects to the crypto library's encodings, back, and anew.
-#include "core/openssl_owners.h"
+// Elliptic-curve keys: from OpenSSL's objects to the crypto library's encodings, and back.
 #include "core/secret.h"
+#include "sm2/key_object.h"
 #include "sm2/sm2.h"
 
 #include <string.h>
@@ -48,8 +48,7 @@ int ToECCPublicKeyEncode(int curve, const EC_KEY* key, unsigned char** out, int*
                                        point.fieldSize, out, outLen);
 }
 
-// A key object without a key, on the module's own group for SM2.
-static EcKey NewKeyOn(int curve) {
+EcKey NewKeyOn(int curve) {
   if (curve != CURVE_SM2) {
     const int nid = GetECCCurveNid(curve);
     return EcKey(nid < 0 ? nullptr : EC_KEY_new_by_curve_name(nid));
@@ -60,10 +59,10 @@ static EcKey NewKeyOn(int curve) {
   return key;
 }
 
-static EVP_PKEY* Wrap(EC_KEY* ec) {
+EvpKey WrapEC(EC_KEY* ec) {
   EvpKey key(EVP_PKEY_new());
   if (!key || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) return nullptr;
-  return key.release();
+  return key;
 }
 
 // Puts the last 32 bytes of a coordinate, padded on the left, at `out`.
@@ -108,7 +107,7 @@ EVP_PKEY* DecodeECCPair(const unsigned char* data, int len, int* curve) {
   const EcKey key = NewKeyOn(*curve);
   if (!key || !SetPoint(key.get(), x, xLen, y, yLen) || !SetScalar(key.get(), d, dLen))
     return nullptr;
-  return Wrap(key.get());
+  return WrapEC(key.get()).release();
 }
 
 EVP_PKEY* GetECCPublicKey(const unsigned char* data, int len, int* bits, int* curve) {
@@ -123,24 +122,5 @@ EVP_PKEY* GetECCPublicKey(const unsigned char* data, int len, int* bits, int* cu
   if (!key) return nullptr;
   *bits = GetECCBits(*curve);
   if (!SetPoint(key.get(), x, xLen, y, yLen)) return nullptr;
-  return Wrap(key.get());
-}
-
-int GenerateTempECCKeypair(int curve, int bits, int type, Keypair** out) {
-  const EcKey key = NewKeyOn(curve);
-  if (!key || EC_KEY_generate_key(key.get()) != 1) return 0;
-  EvpKey evp(Wrap(key.get()));
-  if (!evp) return 0;
-  OwnedKeypair keypair(NewKeypair());
-  if (!keypair) return 0;
-  keypair->algorithm = ALGORITHM_ECC;
-  keypair->bits = static_cast<unsigned int>(bits);
-  keypair->isTemp = 1;
-  keypair->type = static_cast<unsigned int>(type);
-  keypair->privateKey = evp.release();
-  keypair->curve = curve;
-  if (ToECCPublicKeyEncode(curve, key.get(), &keypair->publicKey, &keypair->publicKeyLen) != 1)
-    return 0;
-  *out = keypair.release();
-  return 1;
+  return WrapEC(key.get()).release();
 }

@@ -50,6 +50,8 @@ int ToECCPublicKeyEncode(int curve, const EC_KEY* key, unsigned char** out, int*
 EVP_PKEY* DecodeECCPair(const unsigned char* data, int len, int* curve);
 EVP_PKEY* GetECCPublicKey(const unsigned char* data, int len, int* bits, int* curve);
 
+// --- Generation (generate.cpp) -------------------------------------------------------------------
+
 int GenerateTempECCKeypair(int curve, int bits, int type, Keypair** out);
 
 // --- Signature (signature.cpp) -------------------------------------------------------------------
