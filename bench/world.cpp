@@ -154,11 +154,7 @@ std::string NewDeviceFolder(const std::string& parent, int devices, int keypairs
 }
 
 void UseFolder(const std::string& folder) {
-  char* path = static_cast<char*>(vakro_malloc(folder.size() + 1, __FILE__, __LINE__));
-  Check(path != nullptr, "memory");
-  memcpy(path, folder.c_str(), folder.size() + 1);
-  vakro_free(g_keyFolder);
-  g_keyFolder = path;
+  Check(DeviceSetKeyFolder(folder.c_str()) == 1, "memory");
 }
 
 DeviceHandle LoadDevice(const std::string& folder, const char* pin) {

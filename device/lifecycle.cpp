@@ -4,6 +4,7 @@
 #include "sm2/sm2.h"
 
 #include <string.h>
+#include <utility>
 
 static constexpr char KEY_FOLDER[] = "/etc/.VAKRO/SoftwareCert/";
 
@@ -11,6 +12,14 @@ char* GetCertificatKeyFilePath(void) {
   char* path = Allocate<char>(sizeof(KEY_FOLDER), "device");
   if (path != nullptr) memcpy(path, KEY_FOLDER, sizeof(KEY_FOLDER));
   return path;
+}
+
+int DeviceSetKeyFolder(const char* folder) {
+  if (g_keyFolder == nullptr || folder == nullptr || folder[0] == '\0') return VAKRO_FAILED;
+  char* const path = GetFilePath(folder, "");
+  if (path == nullptr) return VAKRO_FAILED;
+  vakro_free(std::exchange(g_keyFolder, path));
+  return VAKRO_OK;
 }
 
 int DeviceInit(void) {

@@ -95,6 +95,14 @@ int DeviceInit(void);
 // also when the module is not started.
 int DeviceEnd(void);
 
+// DeviceSetKeyFolder names another key folder than /etc/.VAKRO/SoftwareCert/, until DeviceEnd. It
+// need not exist; a relative path means what it means at each call that follows. Call it, like
+// DeviceInit, while no other call runs.
+//   folder  copied; with or without a trailing slash
+// Returns 1; 0 when the module is not started, memory is out, or for NULL or an empty name: the
+// folder then stays.
+int DeviceSetKeyFolder(const char* folder);
+
 // DeviceLockDevice and DeviceUnlockDevice take and release the module's one, recursive lock.
 // `device` is not used and may be NULL. Return 1, or 0 on failure.
 int DeviceLockDevice(Device* device);

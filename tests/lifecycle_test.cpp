@@ -22,6 +22,24 @@ TEST_F(LifecycleTest, AFailedStartLeavesTheModuleStopped) {
   }
 }
 
+TEST_F(LifecycleTest, TheKeyFolderIsCopiedAndEndsInASlash) {
+  std::string folder = "/tmp/a";
+  EXPECT_EQ(DeviceSetKeyFolder(folder.data()), 1);
+  folder = "/tmp/b/";
+  EXPECT_STREQ(g_keyFolder, "/tmp/a/");
+  EXPECT_EQ(DeviceSetKeyFolder(folder.data()), 1);
+  const auto fails = [&](const char* name) {
+    EXPECT_EQ(DeviceSetKeyFolder(name), 0);
+    EXPECT_STREQ(g_keyFolder, "/tmp/b/");
+  };
+  fails(nullptr);
+  fails("");
+  WithFault({.name = "vakro_malloc"}, [&] { fails("/tmp/c"); });
+  EXPECT_EQ(DeviceEnd(), 1);
+  EXPECT_EQ(DeviceSetKeyFolder("/tmp/c"), 0);
+  EXPECT_EQ(g_keyFolder, nullptr);
+}
+
 TEST_F(LifecycleTest, TheLockIsRecursiveAndBelongsToOneThread) {
   EXPECT_EQ(WithFault({.name = "vakro_lock_lock"}, [] { return DeviceLockDevice(nullptr); }), 0);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0);

@@ -18,12 +18,8 @@ std::string FolderOf(const Target& target) {
 }
 
 Module::Module(const Target& target) {
-  const std::string folder = FolderOf(target);
-  UtilText copy(static_cast<char*>(vakro_malloc(folder.size() + 1, __FILE__, __LINE__)));
-  if (!copy || DeviceInit() != VAKRO_OK) throw std::bad_alloc();
-  memcpy(copy.get(), folder.c_str(), folder.size() + 1);
-  vakro_free(g_keyFolder);
-  g_keyFolder = copy.release();
+  if (DeviceInit() != VAKRO_OK || DeviceSetKeyFolder(FolderOf(target).c_str()) != VAKRO_OK)
+    throw std::bad_alloc();
 }
 
 static DeviceSet* LoadDevices() {

@@ -67,8 +67,7 @@ ModuleTest::ModuleTest() {
   EXPECT_NE(mkdtemp(folder_.data()), nullptr);
   folder_ += '/';
   EXPECT_EQ(DeviceInit(), 1);
-  vakro_free(g_keyFolder);
-  EXPECT_NE(g_keyFolder = GetFilePath(folder_.c_str(), ""), nullptr);
+  EXPECT_EQ(DeviceSetKeyFolder(folder_.c_str()), 1);
 }
 
 ModuleTest::~ModuleTest() {
