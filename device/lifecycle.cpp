@@ -23,6 +23,7 @@ int DeviceSetKeyFolder(const char* folder) {
 }
 
 int DeviceInit(void) {
+  if (g_lock != nullptr) return VAKRO_OK;  // what runs goes on
   Lock lock(vakro_lock_new());
   if (!lock) return VAKRO_FAILED;
   SoftDevice softDevice(VakroPKICryptoGetPseudoDevice());

@@ -87,12 +87,13 @@ typedef struct ECCKeypairParams {
 
 // --- Module ---------------------------------------------------------------------------------
 
-// DeviceInit starts the module; call it once, before anything else. Returns 1, or 0 with the
-// module stopped and nothing left allocated. Without SM2 support start succeeds all the same.
+// DeviceInit starts the module; call it before anything else. Returns 1, or 0 with the module
+// stopped and nothing left allocated. Without SM2 support start succeeds all the same. A module
+// that is started stays as it is, and the result is 1.
 int DeviceInit(void);
 
-// DeviceEnd stops the module; handles that are still held must not be used any more. Returns 1,
-// also when the module is not started.
+// DeviceEnd stops the module, however often it was started; handles that are still held must not
+// be used any more. Returns 1, also when the module is not started.
 int DeviceEnd(void);
 
 // DeviceSetKeyFolder names another key folder than /etc/.VAKRO/SoftwareCert/, until DeviceEnd. It

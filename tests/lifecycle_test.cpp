@@ -22,6 +22,16 @@ TEST_F(LifecycleTest, AFailedStartLeavesTheModuleStopped) {
   }
 }
 
+TEST_F(LifecycleTest, ASecondStartChangesNothing) {
+  const std::tuple running(g_lock, g_hSoftDevice, g_keyFolder, g_sm2);
+  const long live = LiveAllocations();
+  EXPECT_EQ(DeviceInit(), 1);
+  EXPECT_EQ(running, std::tuple(g_lock, g_hSoftDevice, g_keyFolder, g_sm2));
+  EXPECT_EQ(LiveAllocations(), live);
+  EXPECT_EQ(DeviceEnd(), 1);
+  EXPECT_EQ(g_lock, nullptr);
+}
+
 TEST_F(LifecycleTest, TheKeyFolderIsCopiedAndEndsInASlash) {
   std::string folder = "/tmp/a";
   EXPECT_EQ(DeviceSetKeyFolder(folder.data()), 1);

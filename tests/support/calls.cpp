@@ -66,7 +66,8 @@ static int Use(Keypair* keypair, unsigned int signing, unsigned int cipher) {
 
 // Beside the module that runs.
 static int StartAndStop(Device* /*device*/) {
-  const std::tuple running(g_lock, g_hSoftDevice, g_keyFolder, g_sm2);
+  const std::tuple running(std::exchange(g_lock, nullptr), std::exchange(g_hSoftDevice, nullptr),
+                           std::exchange(g_keyFolder, nullptr), std::exchange(g_sm2, nullptr));
   const int started = DeviceInit();
   if (started == 1) DeviceEnd();
   std::tie(g_lock, g_hSoftDevice, g_keyFolder, g_sm2) = running;
