@@ -1,4 +1,6 @@
-// The module's process-wide state and the scope of its one lock.
+// The module's process-wide state and the scopes of its locks.
+//
+// Whoever holds more than one takes them in this order: StartLock, ModuleLock, Computing, KeyLock.
 #ifndef VAKRO_CORE_LOCK_H
 #define VAKRO_CORE_LOCK_H
 
@@ -29,5 +31,47 @@ struct ModuleLock {
     if (held) DeviceUnlockDevice(nullptr);
   }
 };
+
+// Start and end of the module wait for each other, and for a fork.
+struct StartLock {
+  StartLock();
+  StartLock(const StartLock&) = delete;
+  StartLock& operator=(const StartLock&) = delete;
+  ~StartLock();
+};
+
+// Computing marks a thread that uses OpenSSL without holding the module lock: a fork waits until
+// there is none. OpenSSL's own locks do not survive a fork; a child that inherits one that another
+// thread held waits for it forever. Any number of threads compute at a time. Not nested; nothing
+// is waited for meanwhile, and no lock but KeyLock taken.
+struct Computing {
+  Computing();
+  Computing(const Computing&) = delete;
+  Computing& operator=(const Computing&) = delete;
+  ~Computing();
+
+ private:
+  int cancelState;  // of the thread, before
+};
+
+// LetForksPass is called between two steps of a computation that takes long. OpenSSL must hold
+// nothing then: its callbacks while it looks for primes are such a place.
+void LetForksPass(void);
+
+// KeyLock guards privateKey, curve and what is kept for signing, of all keypairs. It is held for a
+// few assignments; nothing is computed, allocated or freed meanwhile.
+struct KeyLock {
+  const bool held;
+  KeyLock();
+  KeyLock(const KeyLock&) = delete;
+  KeyLock& operator=(const KeyLock&) = delete;
+  ~KeyLock();
+};
+
+// What a fork asks of the locks, in the forking thread: to take them all before, and afterwards to
+// give them back in the parent and to make them anew, free, in the child.
+void HoldLocksForFork(void);
+void GiveLocksBackInParent(void);
+void RenewLocksInChild(void);
 
 #endif

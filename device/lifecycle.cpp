@@ -1,8 +1,10 @@
-// Start and stop of the module.
+// Start and stop of the module, and what becomes of it in a forked child.
+#include "core/lock.h"
 #include "core/owners.h"
 #include "device/device.h"
 #include "sm2/sm2.h"
 
+#include <pthread.h>
 #include <string.h>
 #include <utility>
 
@@ -15,6 +17,7 @@ char* GetCertificatKeyFilePath(void) {
 }
 
 int DeviceSetKeyFolder(const char* folder) {
+  const StartLock lock;
   if (g_keyFolder == nullptr || folder == nullptr || folder[0] == '\0') return VAKRO_FAILED;
   char* const path = GetFilePath(folder, "");
   if (path == nullptr) return VAKRO_FAILED;
@@ -22,8 +25,19 @@ int DeviceSetKeyFolder(const char* folder) {
   return VAKRO_OK;
 }
 
+// A fork waits for the threads inside the module, so that the child inherits it between two calls
+// and can use it. The handlers stay for as long as the library is loaded, and go with it.
+static bool HandleForks() {
+  static bool handled = false;
+  if (!handled)
+    handled = pthread_atfork(HoldLocksForFork, GiveLocksBackInParent, RenewLocksInChild) == 0;
+  return handled;
+}
+
 int DeviceInit(void) {
+  const StartLock starting;
   if (g_lock != nullptr) return VAKRO_OK;  // what runs goes on
+  if (!HandleForks()) return VAKRO_FAILED;
   Lock lock(vakro_lock_new());
   if (!lock) return VAKRO_FAILED;
   SoftDevice softDevice(VakroPKICryptoGetPseudoDevice());
@@ -38,6 +52,7 @@ int DeviceInit(void) {
 }
 
 int DeviceEnd(void) {
+  const StartLock ending;
   FreeIfSet<vakro_lock_free>(g_lock);
   g_lock = nullptr;
   FreeIfSet<VakroPKICryptoFreeDevice>(g_hSoftDevice);

@@ -70,6 +70,7 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
   if (fetched != VAKRO_OK) return fetched;
   if (length == nullptr) return VAKRO_FAILED;
   const CipherRequest request = {ciphertext, ciphertextLen, plaintext, size, length};
+  const Computing computing;
   switch (EVP_PKEY_get_id(key.get())) {
     case EVP_PKEY_EC:
       if (algorithm != ALGORITHM_SM2_ENCRYPT || curve != CURVE_SM2) return VAKRO_FAILED;
@@ -113,6 +114,7 @@ int DevicePublicKeyEncrypt(PublicKey* key, unsigned int algorithm, const void* /
                            unsigned char* ciphertext, int size, int* length) {
   if (key == nullptr || length == nullptr) return VAKRO_FAILED;
   const CipherRequest request = {plaintext, plaintextLen, ciphertext, size, length};
+  const Computing computing;
   if (algorithm == ALGORITHM_SM2_ENCRYPT) return EncryptSM2(key, request);
   const int padding = EncryptionPadding(algorithm);
   return padding == 0 ? VAKRO_FAILED : EncryptRSA(key, padding, request);

@@ -1,6 +1,9 @@
 // Key generation, onto the device or as temporary keypairs.
+#include "core/lock.h"
 #include "keypair/stored.h"
 #include "sm2/sm2.h"
+
+using Callback = std::unique_ptr<BN_GENCB, Release<BN_GENCB_free>>;
 
 static BigNum PublicExponent(const RSAKeypairParams* params) {
   if (params == nullptr || params->exponent == nullptr) {
@@ -12,13 +15,22 @@ static BigNum PublicExponent(const RSAKeypairParams* params) {
   return BigNum(BN_bin2bn(params->exponent, params->exponentLen, nullptr));
 }
 
+static int BetweenSteps(int /*step*/, int /*count*/, BN_GENCB* /*callback*/) {
+  LetForksPass();
+  return 1;
+}
+
 RSA* GenerateRSAKeypair(unsigned int bits, const RSAKeypairParams* params) {
   // OpenSSL makes larger keys, for hours, and then refuses to use them.
   if (bits > OPENSSL_RSA_MAX_MODULUS_BITS) return nullptr;
   const BigNum e = PublicExponent(params);
   RsaKey rsa(RSA_new());
-  if (!e || !rsa) return nullptr;
-  if (RSA_generate_key_ex(rsa.get(), static_cast<int>(bits), e.get(), nullptr) != 1) return nullptr;
+  const Callback callback(BN_GENCB_new());
+  if (!e || !rsa || !callback) return nullptr;
+  BN_GENCB_set(callback.get(), BetweenSteps, nullptr);
+  const Computing computing;
+  if (RSA_generate_key_ex(rsa.get(), static_cast<int>(bits), e.get(), callback.get()) != 1)
+    return nullptr;
   return rsa.release();
 }
 
@@ -30,6 +42,7 @@ int GenerateTempRSAKeypair(unsigned int bits, const RSAKeypairParams* params, un
                            Keypair** out) {
   const RsaKey rsa(GenerateRSAKeypair(bits, params));
   if (!rsa) return 0;
+  const Computing computing;
   OwnedKeypair keypair(NewKeypair());
   if (!keypair) return 0;
   keypair->algorithm = ALGORITHM_RSA;
@@ -59,6 +72,7 @@ static int MakeTemp(const Request& request, Keypair** out) {
                                   static_cast<const RSAKeypairParams*>(request.params),
                                   request.type, out);
   }
+  const Computing computing;
   const auto* params = static_cast<const ECCKeypairParams*>(request.params);
   return GenerateTempECCKeypair(params->curve, request.bits, static_cast<int>(request.type), out);
 }

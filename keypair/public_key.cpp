@@ -1,5 +1,6 @@
 // Public-key handles, and the RSA side of the public-key encoding.
 #include "core/answer.h"
+#include "core/lock.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 
@@ -42,6 +43,7 @@ PublicKey* DeviceGetPublicKeyFromKeypair(Keypair* keypair) {
   key->bits = static_cast<int>(keypair->bits);
   key->curve = ReadShared(keypair->curve);
   if (!CopyEncoding(key.get(), keypair->publicKey, keypair->publicKeyLen)) return nullptr;
+  const Computing computing;
   int bits = 0;
   int curve = 0;
   key->key = GetPublicKey(keypair->algorithm, key->publicKey, key->publicKeyLen, &bits, &curve);
@@ -53,6 +55,7 @@ int DeviceImportPublicKey(Device* /*device*/, const unsigned char* encoding, int
   if (out == nullptr || encoding == nullptr || encodingLen < KEY_HEADER_SIZE) return VAKRO_FAILED;
   if (memcmp(encoding, PUBLIC_KEY_MAGIC, MAGIC_SIZE) != 0) return VAKRO_FAILED;
   const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);
+  const Computing computing;
   int bits = 0;
   int curve = 0;
   EvpKey evp(GetPublicKey(algorithm, encoding, encodingLen, &bits, &curve));

@@ -37,6 +37,7 @@ struct SignRequest {
 }  // namespace
 
 static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const SignRequest& request) {
+  const Computing computing;
   const RsaKey rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
   const int padding = SignaturePadding(algorithm);
   if (!rsa || padding == 0) return VAKRO_FAILED;
@@ -51,6 +52,7 @@ static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const SignReques
 }
 
 static int SignECDSA(const EVP_PKEY* key, const SignRequest& request) {
+  const Computing computing;
   const EcKey ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
   if (!ec) return VAKRO_FAILED;
   if (request.signature == nullptr) {
@@ -92,6 +94,7 @@ static int SignSM2(Keypair* keypair, EVP_PKEY* key, const SignRequest& request) 
   }
   SigningFactor factor;
   if (!request.HasData() || !FetchSigningFactor(keypair, key, factor)) return VAKRO_FAILED;
+  const Computing computing;
   unsigned char* signature = nullptr;
   int length = 0;
   const int result =
@@ -151,6 +154,7 @@ int DeviceVerify(PublicKey* key, unsigned int algorithm, const void* /*parameter
                  int signatureLen) {
   if (key == nullptr || !IsBlock(data, dataLen) || signature == nullptr || signatureLen < 0)
     return VAKRO_FAILED;
+  const Computing computing;
   switch (EVP_PKEY_get_id(key->key)) {
     case EVP_PKEY_RSA:
       return VerifyRSA(key->key, algorithm, data, dataLen, signature, signatureLen);

@@ -116,19 +116,20 @@ void WrapAll() {
        VakroPKICryptoEncodeECCKeyPair, VakroPKICryptoEncodeECCPubKey,
        VakroPKICryptoDecodeECCKeyPair, VakroPKICryptoDecodeECCPubKey,
        VakroPKICryptoEncodeECCSignature, VakroPKICryptoDecodeECCSignature>();
-  Wrap<ZERO, BN_new, BN_dup, BN_bin2bn, BN_set_word, BN_sub_word, BN_CTX_new, BN_rand_range,
-       BN_priv_rand_range, EC_GFp_simple_method, EC_KEY_METHOD_new, EC_KEY_set_method,
-       EC_KEY_oct2key, EC_GROUP_new, EC_GROUP_set_curve_GFp, EC_GROUP_set_generator,
-       EC_GROUP_precompute_mult, EC_POINT_new, EC_POINT_point2oct, EC_POINT_oct2point,
-       EC_POINT_set_affine_coordinates_GFp, EC_KEY_new, EC_KEY_new_by_curve_name, EC_KEY_set_group,
-       EC_KEY_set_public_key, EC_KEY_set_private_key, EC_KEY_generate_key, ECDSA_sign, EVP_PKEY_new,
-       EVP_PKEY_set1_RSA, EVP_PKEY_set1_EC_KEY, EVP_PKEY_get1_RSA, EVP_PKEY_get1_EC_KEY,
-       EVP_PKEY_up_ref, RSA_new, RSA_set0_key, RSA_generate_key_ex, i2d_RSAPrivateKey,
-       i2d_RSAPublicKey, d2i_RSAPrivateKey, d2i_RSAPublicKey, d2i_ECDSA_SIG, RAND_bytes, Derive,
-       EVP_MD_fetch, EVP_MD_CTX_new, EVP_DigestInit_ex, EVP_DigestUpdate, EVP_DigestFinal_ex,
-       HMAC_CTX_new, HMAC_Init_ex, HMAC_Update, HMAC_Final, EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl,
-       EVP_CipherInit_ex, EVP_CipherUpdate, EVP_EncryptUpdate, EVP_EncryptFinal_ex,
-       EVP_DecryptUpdate, EVP_DecryptFinal_ex>();
+  Wrap<ZERO, BN_GENCB_new, BN_new, BN_dup, BN_bin2bn, BN_set_word, BN_sub_word, BN_CTX_new,
+       BN_rand_range, BN_priv_rand_range, EC_GFp_simple_method, EC_KEY_METHOD_new,
+       EC_KEY_set_method, EC_KEY_oct2key, EC_GROUP_new, EC_GROUP_set_curve_GFp,
+       EC_GROUP_set_generator, EC_GROUP_precompute_mult, EC_POINT_new, EC_POINT_point2oct,
+       EC_POINT_oct2point, EC_POINT_set_affine_coordinates_GFp, EC_KEY_new,
+       EC_KEY_new_by_curve_name, EC_KEY_set_group, EC_KEY_set_public_key, EC_KEY_set_private_key,
+       EC_KEY_generate_key, ECDSA_sign, EVP_PKEY_new, EVP_PKEY_set1_RSA, EVP_PKEY_set1_EC_KEY,
+       EVP_PKEY_get1_RSA, EVP_PKEY_get1_EC_KEY, EVP_PKEY_up_ref, RSA_new, RSA_set0_key,
+       RSA_generate_key_ex, i2d_RSAPrivateKey, i2d_RSAPublicKey, d2i_RSAPrivateKey,
+       d2i_RSAPublicKey, d2i_ECDSA_SIG, RAND_bytes, Derive, EVP_MD_fetch, EVP_MD_CTX_new,
+       EVP_DigestInit_ex, EVP_DigestUpdate, EVP_DigestFinal_ex, HMAC_CTX_new, HMAC_Init_ex,
+       HMAC_Update, HMAC_Final, EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl, EVP_CipherInit_ex,
+       EVP_CipherUpdate, EVP_EncryptUpdate, EVP_EncryptFinal_ex, EVP_DecryptUpdate,
+       EVP_DecryptFinal_ex>();
   Wrap<MINUS_ONE, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt, RSA_public_decrypt,
        BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init, pthread_mutexattr_settype,
        pthread_mutex_init, pthread_mutex_lock>();
@@ -142,7 +143,8 @@ void WrapAll() {
 // Never fail, or only for a wrong argument.
 constexpr char NEVER_FAIL[] =
     "@(_*|mem*|str*|close*|fileno|malloc|getpid|vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|"
-    "*_unlock|*_destroy|*_size|BN_bn2bin|BN_is_zero|BN_num_bits|BN_value_one|BN_is_negative|"
+    "*_unlock|pthread_rwlock_*|pthread_setcancelstate|BN_GENCB_set|*_destroy|*_size|BN_bn2bin|BN_"
+    "is_zero|BN_num_bits|BN_value_one|BN_is_negative|"
     "CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
     "EVP_aes_256_gcm|EVP_PKEY_get_id|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen)";
 
