@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <malloc.h>
 #include <math.h>
 #include <stdlib.h>
 
@@ -80,5 +81,42 @@ TEST(JsonTest, TellsWantOfMemoryFromAFaultOfTheText) {
       ASSERT_LT(nth, 100);
     }
     EXPECT_EQ(Encode(read.get()), text);
+  }
+}
+
+// A copy shares nothing that a change could reach, wherever in a tree the changed array stands.
+TEST(JsonTest, DecodedTreesCanBeChanged) {
+  const std::string text = "[1,[[2,\"b\"],[]],{\"c\":[3]}]";
+  Json tree = Decode(text);
+  const Json copy(vakro_json_dup(tree.get()));
+  VakroJson* const inner = vakro_json_getarrayitem(tree.get(), 1);
+  std::string want = "[[2,\"b\"],[]";
+  for (int i = 0; i < 20; i++) {  // the array outgrows its place, then the next one
+    EXPECT_EQ(vakro_json_addarrayitem(inner, vakro_json_getarrayitem(inner, 0)), 1);
+    want += ",[2,\"b\"]";
+  }
+  EXPECT_EQ(Encode(inner), want + "]");
+  VakroJson* const empty = vakro_json_getarrayitem(inner, 1);
+  EXPECT_EQ(vakro_json_addarrayitem(empty, tree.get()), 1);
+  EXPECT_EQ(vakro_json_addarrayitem(empty, empty), 1);
+  const std::string whole = Encode(tree.get()), part = Encode(empty);
+  EXPECT_EQ(Encode(vakro_json_getarrayitem(vakro_json_getarrayitem(tree.get(), 1), 1)), part);
+  const Json changed(vakro_json_dup(tree.get()));
+  tree.reset();
+  EXPECT_EQ(Encode(changed.get()), whole);
+  EXPECT_EQ(Encode(copy.get()), text);
+}
+
+// Small values cost a bounded multiple of their text, in one block.
+TEST(JsonTest, ManySmallValuesCostLittle) {
+  for (const std::string value : {"0", "\"\"", "[0]", "[]", "{\"\":0}", "\"[,:{\\\"[,\\\\\""}) {
+    std::string text = "[" + value;
+    while (text.size() < 4'000'000) text += "," + value;
+    text += "]";
+    const auto used = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    const size_t before = used();
+    const Json tree = Decode(text);
+    EXPECT_LT(used() - before, 12 * text.size()) << value;
+    EXPECT_EQ(Encode(tree.get()), text);
   }
 }

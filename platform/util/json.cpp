@@ -4,6 +4,8 @@
 #include <limits.h>
 #include <string.h>
 
+#include <algorithm>
+#include <bit>
 #include <new>
 
 Text* NewText(size_t size) {
@@ -11,49 +13,47 @@ Text* NewText(size_t size) {
   return memory != nullptr ? new (memory) Text{1} : nullptr;
 }
 
-static Text* ShareText(Text* text) {
-  text->users.fetch_add(1, std::memory_order_relaxed);
-  return text;
-}
+static void ShareText(Text* text) { text->users.fetch_add(1, std::memory_order_relaxed); }
 
 void ReleaseText(Text* text) {
-  if (text != nullptr && text->users.fetch_sub(1, std::memory_order_acq_rel) == 1) vakro_free(text);
+  if (text->users.fetch_sub(1, std::memory_order_acq_rel) == 1) vakro_free(text);
 }
 
 VakroJson MakeText(VakroJsonType type, Text* text, std::string_view bytes) {
-  VakroJson node = MakeNode(type);
+  ShareText(text);
+  VakroJson node = {reinterpret_cast<uintptr_t>(text) | type, 0, {}};
   node.length = static_cast<unsigned>(bytes.size());
-  node.bytes = bytes.data();
-  node.text = ShareText(text);
+  node.offset = static_cast<unsigned>(bytes.data() - BytesOf(text));
   return node;
 }
 
 void ClearNode(VakroJson* node) {
-  ReleaseText(node->text);
+  if (HasBytes(*node)) ReleaseText(TextOf(*node));
   if (!HasItems(*node)) return;
-  for (unsigned i = 0; i < node->length; i++) ClearNode(&node->items[i]);
-  vakro_free(node->items);
+  VakroJson* const items = ItemsOf(*node);
+  for (unsigned i = 0; i < node->length; i++) ClearNode(&items[i]);
+  if (node->nesting.place != Place::TREE) vakro_free(items);
+}
+
+static unsigned Capacity(const VakroJson& array) {
+  if (array.nesting.place != Place::ROOMY) return array.length;
+  return std::max(8u, std::bit_ceil(array.length));
 }
 
 static bool Grow(VakroJson* array) {
-  if (array->capacity > INT_MAX / 2) return false;
-  const unsigned capacity = array->capacity > 0 ? 2 * array->capacity : 8;
+  if (array->length > INT_MAX / 2) return false;
+  const unsigned capacity = std::max(8u, std::bit_ceil(array->length + 1));
   auto grown = NewArray<VakroJson>(capacity);
   if (!grown) return false;
-  if (array->length > 0) memcpy(grown.get(), array->items, array->length * sizeof(VakroJson));
-  vakro_free(std::exchange(array->items, grown.release()));
-  array->capacity = capacity;
+  VakroJson* const items = ItemsOf(*array);
+  if (array->length > 0) memcpy(grown.get(), items, array->length * sizeof(VakroJson));
+  if (array->nesting.place != Place::TREE) vakro_free(items);
+  SetItems(array, grown.release(), Place::ROOMY);
   return true;
 }
 
-bool AppendNode(VakroJson* array, VakroJson node) {
-  Cleared owner(&node);
-  if (array->length == array->capacity && !Grow(array)) return false;
-  array->items[array->length++] = *owner.release();
-  return true;
-}
-
-VakroJson* NewValue(VakroJson node) {
+// Moves `node` to a value of its own; when memory is out it is cleared, and the result is NULL.
+static VakroJson* NewValue(VakroJson node) {
   Cleared owner(&node);
   auto value = NewArray<VakroJson>(1);
   if (!value) return nullptr;
@@ -73,32 +73,32 @@ VakroJson* NewTextValue(VakroJsonType type, std::string_view bytes) {
 // Makes `copy` a copy of `source` for a place at `level`.
 static bool CopyNode(const VakroJson& source, unsigned level, VakroJson* copy) {
   if (!HasItems(source)) {
-    if (source.text != nullptr) ShareText(source.text);
+    if (HasBytes(source)) ShareText(TextOf(source));
     *copy = source;
     return true;
   }
   if (level > MAX_LEVEL) return false;
-  VakroJson node = MakeNode(source.type, level);
+  VakroJson node = MakeNode(TypeOf(source), level);
   Cleared owner(&node);
   if (source.length > 0) {
-    node.items = NewArray<VakroJson>(source.length).release();
-    if (node.items == nullptr) return false;
-    node.capacity = source.length;
+    auto items = NewArray<VakroJson>(source.length);
+    if (!items) return false;
+    SetItems(&node, items.release(), Place::EXACT);
   }
-  for (; node.length < source.length; node.length++)
-    if (!CopyNode(source.items[node.length], level + 1, &node.items[node.length])) return false;
+  for (const VakroJson* from = ItemsOf(source); node.length < source.length; node.length++)
+    if (!CopyNode(from[node.length], level + 1, &ItemsOf(node)[node.length])) return false;
   *copy = *owner.release();
   return true;
 }
 
-int vakro_json_gettype(const VakroJson* value) { return value != nullptr ? value->type : 0; }
+int vakro_json_gettype(const VakroJson* value) { return value != nullptr ? TypeOf(*value) : 0; }
 
 static bool IsArray(const VakroJson* value) {
-  return value != nullptr && value->type == VAKRO_JSON_ARRAY;
+  return value != nullptr && TypeOf(*value) == VAKRO_JSON_ARRAY;
 }
 
 static bool IsString(const VakroJson* value) {
-  return value != nullptr && value->type == VAKRO_JSON_STRING;
+  return value != nullptr && TypeOf(*value) == VAKRO_JSON_STRING;
 }
 
 int vakro_json_getarraysize(const VakroJson* array) {
@@ -107,11 +107,11 @@ int vakro_json_getarraysize(const VakroJson* array) {
 
 VakroJson* vakro_json_getarrayitem(VakroJson* array, int index) {
   if (index < 0 || index >= vakro_json_getarraysize(array)) return nullptr;
-  return &array->items[index];
+  return &ItemsOf(*array)[index];
 }
 
 const char* vakro_json_getstring(const VakroJson* value) {
-  return IsString(value) ? value->bytes : nullptr;
+  return IsString(value) ? BytesOf(*value).data() : nullptr;
 }
 
 unsigned int vakro_json_getstringlength(const VakroJson* value) {
@@ -126,10 +126,14 @@ VakroJson* vakro_json_newstring(const char* text, unsigned int length) {
 }
 
 int vakro_json_addarrayitem(VakroJson* array, const VakroJson* item) {
+  if (!IsArray(array) || item == nullptr) return 0;
   VakroJson copy;
   // Copy before the array grows: the item may be one of its own.
-  if (!IsArray(array) || item == nullptr || !CopyNode(*item, array->level + 1, &copy)) return 0;
-  return AppendNode(array, copy) ? 1 : 0;
+  if (!CopyNode(*item, array->nesting.level + 1u, &copy)) return 0;
+  Cleared owner(&copy);
+  if (array->length == Capacity(*array) && !Grow(array)) return 0;
+  ItemsOf(*array)[array->length++] = *owner.release();
+  return 1;
 }
 
 VakroJson* vakro_json_dup(const VakroJson* value) {
@@ -137,6 +141,7 @@ VakroJson* vakro_json_dup(const VakroJson* value) {
   return value != nullptr && CopyNode(*value, 1, &copy) ? NewValue(copy) : nullptr;
 }
 
+// The root of a decoded tree stands at the beginning of the tree's block.
 void vakro_json_free(VakroJson* value) {
   if (value == nullptr) return;
   ClearNode(value);

@@ -27,8 +27,8 @@ static bool IsTooLarge(std::string_view digits) {
 }
 
 double vakro_json_getnumber(const VakroJson* value) {
-  if (value == nullptr || value->type != VAKRO_JSON_NUMBER) return 0;
-  const std::string_view digits(value->bytes, value->length);
+  if (value == nullptr || TypeOf(*value) != VAKRO_JSON_NUMBER) return 0;
+  const std::string_view digits = BytesOf(*value);
   double number = 0;
   const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), number);
   if (read.ec == std::errc()) return number;

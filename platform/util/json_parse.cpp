@@ -1,9 +1,11 @@
 // The JSON parser: RapidJSON's reader, in situ. It runs over one copy of the text, unescapes the
 // strings where they stand, and the nodes point there. In this mode the reader allocates nothing
-// and recurses as deep as the values nest, which the builder bounds.
+// and recurses as deep as the values nest, which the builder bounds. With the copy, a text of many
+// small values, such as [0,0,…], costs 9 times its length; none costs 12 times.
 #include "platform/util/json.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
 
 #ifdef __SSE2__
@@ -16,35 +18,42 @@ static constexpr unsigned FLAGS = rapidjson::kParseInsituFlag;
 // The reader's vector code looks at up to 15 bytes behind the NUL that ends the text.
 static constexpr size_t PADDING = 16;
 
-// Takes the reader's events. Finished values wait on a stack until their array or object ends. A
-// result of false ends the parse.
+// Takes the reader's events and makes the tree in one block of `count` nodes, which is the most
+// that the text can hold. Finished values wait at its beginning until their array or object ends;
+// then they move to its end, in front of the items that came before. The root is left at the
+// beginning. A result of false ends the parse.
 struct Builder {
   Text* text;  // borrowed
-  bool isMemoryOut = false;
-  VakroJson stack = MakeNode(VAKRO_JSON_ARRAY);
+  Owned<VakroJson[]> nodes;
+  size_t waiting = 0;  // values at the beginning
+  size_t items;        // where the items at the end begin
   unsigned level = 1;  // of the value that comes next
 
-  explicit Builder(Text* parsed) : text(parsed) {}
+  Builder(Text* parsed, size_t count)
+      : text(parsed), nodes(NewArray<VakroJson>(count)), items(count) {}
   Builder(const Builder&) = delete;
   Builder& operator=(const Builder&) = delete;
-  ~Builder() { ClearNode(&stack); }
+  ~Builder() {
+    while (waiting > 0) ClearNode(&nodes[--waiting]);
+  }
 
   bool Push(const VakroJson& node) {
-    isMemoryOut = !AppendNode(&stack, node);
-    return !isMemoryOut;
+    if (waiting == items) return false;
+    nodes[waiting++] = node;
+    return true;
   }
   bool Open() { return level++ <= MAX_LEVEL; }
 
-  // Moves the last `count` values from the stack to a new array or object.
+  // Moves the last `count` values to a new array or object.
   bool Close(VakroJsonType type, unsigned count) {
     VakroJson node = MakeNode(type, --level);
+    if (count > INT_MAX) return false;  // the size of an array is an int
     if (count > 0) {
-      node.items = NewArray<VakroJson>(count).release();
-      isMemoryOut = node.items == nullptr;
-      if (isMemoryOut) return false;
-      stack.length -= count;
-      memcpy(node.items, stack.items + stack.length, count * sizeof(VakroJson));
-      node.length = node.capacity = count;
+      waiting -= count;
+      items -= count;
+      memmove(&nodes[items], &nodes[waiting], count * sizeof(VakroJson));
+      SetItems(&node, &nodes[items], Place::TREE);
+      node.length = count;
     }
     return Push(node);
   }
@@ -82,8 +91,9 @@ static char* SkipNumber(char* at) {
   return SkipDigits(at);
 }
 
-// The reader's own number parser converts on the way: it refuses what exceeds a double, and a
-// fraction of 2^28 zeros overflows its exponent. Digits are all that is wanted here.
+// The reader's own number parser converts on the way, with its flag for numbers as strings, too: it
+// refuses what exceeds a double, such as 1e999, and a fraction of 2^28 zeros overflows its
+// exponent. Digits are all that is wanted here.
 template <>
 template <>
 void rapidjson::Reader::ParseNumber<FLAGS, rapidjson::InsituStringStream, Builder>(
@@ -110,6 +120,38 @@ static bool CopyText(const char* text, size_t length, char* copy) {
   return found == 0;
 }
 
+// Returns the place of the quote that ends the string that begins at `start`, or the text's end.
+static size_t EndOfString(std::string_view text, size_t start) {
+  for (size_t at = text.find('"', start + 1); at < text.size(); at = text.find('"', at + 1)) {
+    size_t before = at;
+    while (text[before - 1] == '\\') before--;
+    if ((at - before) % 2 == 0) return at;
+  }
+  return text.size();
+}
+
+// Returns a number of values that the text does not exceed: each but the first follows one of these
+// characters, or the array or object is empty.
+static size_t CountValues(std::string_view text) {
+  size_t count = 1;
+  for (size_t at = 0; at < text.size(); at++) {
+    switch (text[at]) {
+      case '"':
+        at = EndOfString(text, at);
+        break;
+      case '[':
+      case '{':
+      case ',':
+      case ':':
+        count++;
+        break;
+      default:
+        break;
+    }
+  }
+  return count;
+}
+
 static VakroJson* Fail(int why) {
   errno = why;
   return nullptr;
@@ -122,12 +164,11 @@ VakroJson* vakro_json_decode(const char* text, unsigned int length) {
   if (!CopyText(text, length, BytesOf(copy.get()))) return Fail(EINVAL);
   memset(BytesOf(copy.get()) + length, 0, PADDING);
 
-  Builder builder(copy.get());
+  Builder builder(copy.get(), CountValues({text, length}));
+  if (!builder.nodes) return Fail(ENOMEM);
   rapidjson::InsituStringStream stream(BytesOf(copy.get()));
   rapidjson::Reader reader;
-  if (reader.Parse<FLAGS>(stream, builder).IsError())
-    return Fail(builder.isMemoryOut ? ENOMEM : EINVAL);
-  builder.stack.length = 0;
-  VakroJson* const value = NewValue(builder.stack.items[0]);
-  return value != nullptr ? value : Fail(ENOMEM);
+  if (reader.Parse<FLAGS>(stream, builder).IsError()) return Fail(EINVAL);
+  builder.waiting = 0;
+  return builder.nodes.release();
 }

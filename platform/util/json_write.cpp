@@ -90,9 +90,9 @@ static char* WriteString(std::string_view bytes, char* at) {
 
 // What stands as it is; empty for the other types.
 static std::string_view Literal(const VakroJson& node) {
-  switch (node.type) {
+  switch (TypeOf(node)) {
     case VAKRO_JSON_NUMBER:
-      return {node.bytes, node.length};
+      return BytesOf(node);
     case VAKRO_JSON_FALSE:
       return "false";
     case VAKRO_JSON_TRUE:
@@ -105,25 +105,25 @@ static std::string_view Literal(const VakroJson& node) {
 }
 
 static size_t NodeSize(const VakroJson& node) {
-  if (node.type == VAKRO_JSON_STRING) return StringSize({node.bytes, node.length});
+  if (TypeOf(node) == VAKRO_JSON_STRING) return StringSize(BytesOf(node));
   if (!HasItems(node)) return Literal(node).size();
   size_t size = node.length > 0 ? 1 + size_t{node.length} : 2;  // brackets and what stands between
-  for (unsigned i = 0; i < node.length; i++) size += NodeSize(node.items[i]);
+  for (unsigned i = 0; i < node.length; i++) size += NodeSize(ItemsOf(node)[i]);
   return size;
 }
 
 static char* WriteNode(const VakroJson& node, char* at) {
-  if (node.type == VAKRO_JSON_STRING) return WriteString({node.bytes, node.length}, at);
+  if (TypeOf(node) == VAKRO_JSON_STRING) return WriteString(BytesOf(node), at);
   if (!HasItems(node)) {
     const std::string_view literal = Literal(node);
     memcpy(at, literal.data(), literal.size());
     return at + literal.size();
   }
-  const bool object = node.type == VAKRO_JSON_OBJECT;
+  const bool object = TypeOf(node) == VAKRO_JSON_OBJECT;
   *at++ = object ? '{' : '[';
   for (unsigned i = 0; i < node.length; i++) {
     if (i > 0) *at++ = object && i % 2 == 1 ? ':' : ',';
-    at = WriteNode(node.items[i], at);
+    at = WriteNode(ItemsOf(node)[i], at);
   }
   *at++ = object ? '}' : ']';
   return at;
