@@ -1,6 +1,6 @@
 // Keypairs and public keys: what generation and import make, its encodings, and the private key at
-// rest, against OpenSSL's own PBKDF2 and AES-GCM. What they refuse is in the table of results and
-// in the fuzz targets.
+// rest, against OpenSSL's own PBKDF2 and AES-GCM. What they refuse is keypairs_test.cpp's and
+// the fuzz targets'.
 #include "keypair/keypair.h"
 #include "tests/support/world.h"
 
@@ -41,4 +41,21 @@ TEST_F(KeysTest, The65thKeypairIsIgnoredAndRefused) {
   EXPECT_NE(Import(device.get(), TestP256().pair), nullptr);
   EXPECT_EQ(DeviceChangePwd(device.get(), 1, PIN, "new", nullptr), 0) << "the others would be lost";
   EXPECT_EQ(Rescan(PIN)->keypairCount, 64);
+}
+
+TEST_F(KeysTest, GeneratedRsaKeysHaveTheirExponent) {
+  const RSAKeypairParams three = {Raw("\3"), 1, 0};
+  const DeviceHandle device = Load();
+  const std::pair<const void*, BN_ULONG> rows[] = {{nullptr, 65537}, {&three, 3}};
+  for (const auto& [params, exponent] : rows) {
+    const KeypairHandle k = Generate(device.get(), 1, 1024, params, std::to_string(exponent));
+    ASSERT_NE(k, nullptr);
+    const RsaKey rsa(EVP_PKEY_get1_RSA(k->privateKey));
+    EXPECT_EQ(BN_get_word(RSA_get0_e(rsa.get())), exponent);
+    unsigned char out[128];
+    int length = 0;
+    EXPECT_EQ(DeviceSign(k.get(), 256, nullptr, out, 32, out, sizeof(out), &length), 1);
+    EXPECT_EQ(length, 128);
+  }
+  EXPECT_EQ(Describe(*Rescan(PIN), false), Describe(*device, false));
 }

@@ -1,4 +1,4 @@
-// What keys do that no row of the table of results can show.
+// What key operations do beyond their answers: curves, lengths, and work without the lock.
 #include "tests/support/operations.h"
 #include "sm2/sm2.h"
 

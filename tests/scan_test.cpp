@@ -40,3 +40,24 @@ TEST_F(ScanTest, AnEmptyFolderHasNoDevicesAndAMissingOneGivesNull) {
   ASSERT_EQ(rmdir(folder_.c_str()), 0);
   EXPECT_EQ(DeviceGetAllDevices(), nullptr);
 }
+
+TEST_F(ScanTest, AStaleBackupThatStaysIsPassedOver) {
+  for (const char* name : {"dev", "dev.bak"}) Write(name, StoredDevice().File());
+  const SetHandle set(WithFault({"remove"}, DeviceGetAllDevices));
+  EXPECT_EQ(DeviceGetDeviceCount(set.get()), 1);
+  EXPECT_TRUE(Exists("dev.bak"));
+  EXPECT_NE(Rescan(), nullptr);
+  EXPECT_FALSE(Exists("dev.bak"));
+}
+
+TEST_F(ScanTest, AFolderThatCannotBeReadGivesNull) {
+  Write("dev", StoredDevice().File());
+  const auto fails = [&](const Fault& fault) {
+    SCOPED_TRACE(fault.name + " " + std::to_string(fault.nth));
+    Refuses(0, nullptr, [&] { return SetHandle(WithFault(fault, DeviceGetAllDevices)) ? 1 : 0; });
+  };
+  fails({"opendir"});
+  fails({"readdir"});
+  // The folder's path, both lists of names, the set.
+  for (const long nth : {1, 2, 3, 4}) fails({"vakro_malloc", nth});
+}

@@ -1,12 +1,13 @@
-// What a device file holds: how its text is read, and what changes write. More of the changes, text
-// by text, is in the tables that results_test.cpp plays.
+// What a device file holds: how its text is read, and what is written of a whole record. What
+// single changes write is with the calls that make them.
 #include "keypair/keypair.h"
 #include "store/store.h"
-#include "tests/support/world.h"
+#include "tests/support/answers.h"
 
 #include <sstream>
 
 using StoredTest = ModuleTest;
+using RecordTest = AnswersTest;
 
 TEST_F(StoredTest, EveryCheckOfTheText) {
   const std::string key = R"(["k",1,4,256,"00","00","00","00",["AAAA"]])";
@@ -42,4 +43,70 @@ TEST_F(StoredTest, ABackupIsNoMoreReadable) {
               [&] { return DeviceCreateData(device.get(), 5, 0, 1); });
     EXPECT_EQ(List()["dev.bak"], want);
   }
+}
+
+TEST_F(RecordTest, TakesEverythingFromTheFile) {
+  WriteText(Replaced(text_, R"([]],["sign",2,4)", R"(["b25l","dHdv","dGhyZWU="]],["second",-2,4)"),
+            0xfffefdfc);
+  const DeviceHandle d = Rescan();
+  EXPECT_EQ(d->fileTag, 0xfffefdfc);
+  EXPECT_EQ(d->refCount, 4u);
+  const Keypair& first = *d->keypairs[0];
+  EXPECT_TRUE(first.algorithm == 1 && first.bits == 2048 && first.certCount == 3);
+  for (const auto& [i, cert] : {std::pair(0, "one"), {1, "two"}, {2, "three"}})
+    EXPECT_EQ(Bytes(first.certs[i]->data, first.certs[i]->length), cert);
+  EXPECT_EQ(Bytes(first.publicKey, first.publicKeyLen), TestRsa().publicKey);
+  const Keypair& second = *d->keypairs[1];
+  EXPECT_TRUE(second.label == std::string("second") && second.type == static_cast<unsigned>(-2));
+  EXPECT_TRUE(second.algorithm == 4 && second.bits == 256 && second.certCount == 0);
+}
+
+TEST_F(RecordTest, KnowsTheWholeText) {
+  unsigned char* raw = nullptr;
+  EXPECT_DONE(GetDeviceDataFromFile(closed_, &raw, &size_));
+  const UtilBytes text(raw);
+  EXPECT_EQ(Bytes(raw, size_), text_);
+  EXPECT_DONE(AddhKeypairToFile(device_.get(), p256_));  // it is there already
+  Json more(vakro_json_decode("[1]", 3));
+  const Json tree(UpdateData2DeviceJson(device_.get(), more.get()));
+  unsigned int length = 0;
+  EXPECT_EQ(std::string(EncodeTree(tree.get(), &length).get()),
+            text_.substr(0, text_.size() - 1) + ",[1]]");
+}
+
+// The whole record keeps what its keys are bound to.
+TEST_F(RecordTest, HasTheTagOfTheFileReadLast) {
+  const unsigned int& tag = closed_->fileTag;
+  WriteText(text_, 7);
+  EXPECT_WRITTEN(UpdateDeviceDataToFile(closed_));
+  EXPECT_EQ(Rescan()->fileTag, TAG);
+  Write("dev", "x");
+  Write("dev.bak", Container(7, text_));
+  EXPECT_WRITTEN(DeviceCreateData(closed_, 1, 0, 1));
+  EXPECT_EQ(tag, 7u);
+  EXPECT_EQ(Rescan()->fileTag, 7u);
+  WriteText(text_, 8);
+  EXPECT_EQ(DeviceReadDataEx(closed_, 1, 0, nullptr, 0, nullptr), -7);
+  EXPECT_EQ(tag, 8u);
+  WriteText(text_, 9);
+  unsigned char* raw = nullptr;
+  EXPECT_DONE(GetDeviceDataFromFile(closed_, &raw, &size_));
+  EXPECT_EQ(tag, 9u);
+  vakro_free(raw);
+}
+
+TEST_F(RecordTest, IsWrittenWithTheDataObjectsWhateverTheyAreAndNoFurtherItem) {
+  const std::string open = text_.substr(0, text_.size() - 1);
+  WriteText(open + R"(,[[5,1,0,0,"00"],"not_an_object",{"a":[1.50]}],[7]])");
+  EXPECT_CHANGE(",[7]]", "]", UpdateDeviceDataToFile(device_.get()));
+  EXPECT_REFUSED(0, UpdateDeviceDataToFile(nullptr));
+  WriteText(Replaced(text_, R"("abc")", R"("other")"));  // not the names in the file
+  EXPECT_WRITTEN(UpdateDeviceDataToFile(device_.get()));
+  EXPECT_EQ(TextOf(Read("dev")), text_);
+}
+
+// A keypair that the record does not know is not lost.
+TEST_F(RecordTest, IsNotWrittenOverAKeypairThatItDoesNotKnow) {
+  WriteText(Replaced(text_, "[[", R"([["unknown",1,4,256,"00","00","00","00",[]],[)"));
+  EXPECT_REFUSED(0, UpdateDeviceDataToFile(device_.get()));
 }
