@@ -3,9 +3,8 @@
 #   --quick         every operation once, on small folders: only shows that all of them work
 #   --doc           also puts table and chart into docs/performance.md and docs/performance.svg
 #   --program FILE  runs this program instead of building one
-# Anything else goes to the program: --seconds=N for each repetition of a row, or Google
-# Benchmark's own, such as --benchmark_filter='sign/.*' and --benchmark_repetitions=N.
-# The raw results stay in build/bench.json.
+# Anything else goes to the program, such as --benchmark_filter='sign/.*' or
+# --benchmark_repetitions=N. The raw results stay in build/bench.json.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -32,17 +31,19 @@ memory=$(mktemp -d /dev/shm/bench.XXXXXX 2>/dev/null || echo "$scratch")
 trap 'rm -rf "$scratch" "$memory"' EXIT
 trap 'exit 1' HUP INT TERM
 
-commit=$(git describe --always --dirty 2>/dev/null || echo unknown)
-cpu=$(sed -n 's/^model name[^:]*: *//p' /proc/cpuinfo | head -n 1 | tr ',=' '  ')
-repetitions=15
 result=build/bench.json
+repetitions=15
 if [ -n "$quick" ]; then
-  repetitions=1
   result=$scratch/bench.json
+  repetitions=1
   set -- --quick --benchmark_filter='-generate/RSA-.*' "$@"
 fi
+file_system() { df --output=fstype "$1" | tail -n 1; }
+cpu=$(sed -n 's/^model name[^:]*: *//p' /proc/cpuinfo | head -n 1 | tr ',=' '  ')
 "$program" --disk="$scratch" --memory="$memory" --benchmark_repetitions=$repetitions \
-  --benchmark_enable_random_interleaving=true --benchmark_out="$result" \
-  --benchmark_context="commit=$commit,cpu=$cpu,repetitions=$repetitions" "$@" \
-  >"$scratch/log" 2>&1 && [ -s "$result" ] || { cat "$scratch/log"; exit 1; }
+  --benchmark_min_time=0.02 --benchmark_enable_random_interleaving=true \
+  --benchmark_out="$result" \
+  --benchmark_context="cpu=$cpu,repetitions=$repetitions" \
+  --benchmark_context="disk=$(file_system "$scratch"),memory=$(file_system "$memory")" \
+  "$@" >"$scratch/log" 2>&1 && [ -s "$result" ] || { cat "$scratch/log"; exit 1; }
 python3 bench/report.py "$result" ${quick:+--quick} ${doc:+--doc docs}
