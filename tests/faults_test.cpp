@@ -23,29 +23,37 @@ bool Opens(const ImportCall& call) {
 bool OpensDevice(const ImportCall& call) { return Opens(call) && call.path.ends_with("/dev"); }
 
 constexpr int KILL = -1;  // in the place of an errno
+
+// A way to strike a call below the module. Each is a test of its own, which strikes every call that
+// `hits` says in turn: to add one, add a row.
 struct Blow {
-  const char* what;
+  const char* what;                      // the name of the test
   bool (*hits)(const ImportCall& call);  // which calls count
-  int error;
-  bool andLater;
+  int error;                             // errno of the call that is struck
+  bool andLater = false;                 // and of all that come behind it
   bool half = false;  // half of a write goes out first, and all that lies in the buffer
   int step = 1;       // of the short tests: one call in so many is struck
 };
 const Blow BLOWS[] = {
-    {"AnyCall", Imports, EIO, false, false, 4},
-    {"AnyCallAndLater", Imports, EIO, true, false, 4},
-    {"NoMemoryForOpenssl", Allocates, ENOMEM, false, false, 3},
-    {"NoMemoryForOpensslAndLater", Allocates, ENOMEM, true, false, 4},
-    {"Killed", OnFiles, KILL, false, false, 8},
-    {"KilledWithBytesOut", Buffers, KILL, false, true, 4},
-    {"ShortWrite", Buffers, ENOSPC, false, true},
-    {"DiskFull", Modifies, ENOSPC, true, true},
-    {"NoDescriptor", Opens, EMFILE, false},
-    {"NoDescriptorAndLater", Opens, EMFILE, true},
-    {"DeviceFileShut", OpensDevice, EACCES, true},
-    {"ReadOnly", Modifies, EROFS, true},
-    {"NoPermission", Modifies, EACCES, true},
+    {.what = "AnyCall", .hits = Imports, .error = EIO, .step = 4},
+    {.what = "AnyCallAndLater", .hits = Imports, .error = EIO, .andLater = true, .step = 4},
+    {.what = "NoMemoryForOpenssl", .hits = Allocates, .error = ENOMEM, .step = 3},
+    {.what = "NoMemoryForOpensslAndLater",
+     .hits = Allocates,
+     .error = ENOMEM,
+     .andLater = true,
+     .step = 4},
+    {.what = "Killed", .hits = OnFiles, .error = KILL, .step = 8},
+    {.what = "KilledWithBytesOut", .hits = Buffers, .error = KILL, .half = true, .step = 4},
+    {.what = "ShortWrite", .hits = Buffers, .error = ENOSPC, .half = true},
+    {.what = "DiskFull", .hits = Modifies, .error = ENOSPC, .andLater = true, .half = true},
+    {.what = "NoDescriptor", .hits = Opens, .error = EMFILE},
+    {.what = "NoDescriptorAndLater", .hits = Opens, .error = EMFILE, .andLater = true},
+    {.what = "DeviceFileShut", .hits = OpensDevice, .error = EACCES, .andLater = true},
+    {.what = "ReadOnly", .hits = Modifies, .error = EROFS, .andLater = true},
+    {.what = "NoPermission", .hits = Modifies, .error = EACCES, .andLater = true},
 };
+void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
 
 // Behind these a call that changes the file may go on: what closes, locks, tidies up or gives an
 // owner, what reads a backup, and what reads keypairs only to compare them.
