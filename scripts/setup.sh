@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev                  # tests and benches
   clang-14 libclang-rt-14-dev                    # fuzz targets
   valgrind openssl python3                       # what tests and the demo run
+  clang-format clang-tidy                        # what scripts/check.sh runs
 )
 
 missing=()
