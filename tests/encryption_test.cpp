@@ -56,7 +56,7 @@ TEST_F(EncryptionTest, WithRsa) {
 
 // The size that is told is that of the modulus; a buffer need only have room for the text.
 TEST_F(EncryptionTest, AndBackWithRsa) {
-  const std::string made = ReadVectors("keys.txt")["rsa2048_cipher"];
+  const std::string made = ReadVector("keys.txt", "rsa2048_cipher");
   const unsigned char* const secret = Raw(made);
   const auto decrypt = [&](unsigned char* out, int size, int* length) {
     return DevicePrivateKeyDecrypt(rsa_, 16, nullptr, secret, 256, out, size, length);

@@ -36,14 +36,18 @@ static std::string Nest(size_t arrays, const std::string& inner = "") {
 
 TEST(JsonTest, ReadsAndWrites) {
   Json value;
-  for (const std::string& row : ReadRows("json.txt")) {
+  for (const auto& [row, at] : ReadRows("json.txt")) {
+    SCOPED_TRACE(at);
     const std::string kind = row.substr(0, row.find(' ')), text = row.substr(kind.size() + 1);
-    if (kind != "as") value = Decode(text);
-    EXPECT_EQ(value == nullptr, kind == "refused") << row;
-    EXPECT_EQ(IsRefused(text), kind == "refused") << row;
-    EXPECT_TRUE(kind == "refused" || kind == "read" || Encode(value.get()) == text) << row;
-    const double number = vakro_json_getnumber(value.get());
-    EXPECT_TRUE(kind != "number" || number == strtod(text.c_str(), nullptr)) << row;
+    if (kind != "as") value = Decode(text);  // else of the row before
+    EXPECT_EQ(value == nullptr, kind == "refused") << text;
+    EXPECT_EQ(IsRefused(text), kind == "refused") << text;
+    if (kind == "read" || kind == "refused") continue;
+    EXPECT_TRUE(kind == "same" || kind == "as" || kind == "number") << "no kind of row: " << kind;
+    EXPECT_EQ(Encode(value.get()), text);
+    if (kind == "number") {
+      EXPECT_EQ(vakro_json_getnumber(value.get()), strtod(text.c_str(), nullptr));
+    }
   }
   EXPECT_EQ(Encode(Decode(" \t\r\n[ 1 ,\n2 ] \n").get()), "[1,2]");
   EXPECT_EQ(Encode(Decode(Nest(63, "{}")).get()), Nest(63, "{}"));

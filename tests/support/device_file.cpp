@@ -49,11 +49,10 @@ std::string Digest(const char* name, std::string_view bytes) {
 }
 
 static TestKey LoadKey(const std::string& name) {
-  auto vectors = ReadVectors("keys.txt");
   FILE* file = fopen((TEST_DATA_DIR "/" + name + ".pem").c_str(), "rb");
   EVP_PKEY* pem = file == nullptr ? nullptr : PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
   Must(pem != nullptr && fclose(file) == 0, "PEM");
-  return {pem, vectors[name + "_pair"], vectors[name + "_public"]};
+  return {pem, ReadVector("keys.txt", name + "_pair"), ReadVector("keys.txt", name + "_public")};
 }
 
 static const TestKey* Keys() {
@@ -145,20 +144,20 @@ std::string Flipped(std::string_view file, size_t at, unsigned char bits) {
   return changed;
 }
 
-std::vector<std::string> ReadRows(const char* name) {
-  std::ifstream file(std::string(TEST_DATA_DIR "/") + name);
+std::vector<Row> ReadRows(const std::string& name) {
+  std::ifstream file(TEST_DATA_DIR "/" + name);
   Must(file.is_open(), name);
-  std::vector<std::string> rows;
-  for (std::string line; std::getline(file, line);)
-    if (!line.empty() && line[0] != '#') rows.push_back(line);
+  std::vector<Row> rows;
+  int number = 1;
+  for (std::string line; std::getline(file, line); number++)
+    if (!line.empty() && line[0] != '#')
+      rows.push_back({line, name + ":" + std::to_string(number)});
   return rows;
 }
 
-std::map<std::string, std::string> ReadVectors(const char* name) {
-  std::map<std::string, std::string> vectors;
-  for (const std::string& row : ReadRows(name)) {
-    const size_t equals = row.find(" = ");
-    vectors[row.substr(0, equals)] = Unhex(row.substr(equals + 3));
-  }
-  return vectors;
+std::string ReadVector(const std::string& file, const std::string& name) {
+  for (const Row& row : ReadRows(file))
+    if (row.text.starts_with(name + " = ")) return Unhex(row.text.substr(name.size() + 3));
+  Must(false, file + ": finding " + name);
+  return "";
 }

@@ -75,8 +75,14 @@ std::string TextOf(std::string_view file);  // the JSON of a container
 std::string Replaced(std::string text, std::string_view from, std::string_view to);
 std::string Flipped(std::string_view file, size_t at, unsigned char bits = 1);
 
-// Of a file in tests/data/: its lines but for comments, and "name = hex" lines.
-std::vector<std::string> ReadRows(const char* name);
-std::map<std::string, std::string> ReadVectors(const char* name);
+// --- Files in tests/data/ ---
+
+// A line that is no comment, and where it stands: "sm2.txt:12".
+struct Row {
+  std::string text, at;
+};
+std::vector<Row> ReadRows(const std::string& name);
+// The value of a "name = hex" line, which must be there.
+std::string ReadVector(const std::string& file, const std::string& name);
 
 #endif
