@@ -6,10 +6,12 @@
 
 #include <utility>
 
-VakroLock* g_lock = nullptr;
-VakroPKICryptoDevice* g_hSoftDevice = nullptr;
-char* g_keyFolder = nullptr;
-SM2Info* g_sm2 = nullptr;
+// A program may have globals by these names: the module keeps to its own.
+#define PROTECTED __attribute__((visibility("protected")))
+PROTECTED VakroLock* g_lock = nullptr;
+PROTECTED VakroPKICryptoDevice* g_hSoftDevice = nullptr;
+PROTECTED char* g_keyFolder = nullptr;
+PROTECTED SM2Info* g_sm2 = nullptr;
 
 struct SmallLocks {
   pthread_mutex_t start = PTHREAD_MUTEX_INITIALIZER;

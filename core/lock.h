@@ -10,14 +10,23 @@
 
 struct SM2Info;  // sm2/sm2.h
 
+// A program that reads a global of the library must do so where it stands. Left to itself, g++ has
+// the program keep a copy, which the library would not see. Without this attribute (other
+// compilers than g++ for x86) -fPIC does the same; clang++ does so by itself.
+#if __has_attribute(nodirect_extern_access)
+#define VAKRO_GLOBAL extern __attribute__((nodirect_extern_access))
+#else
+#define VAKRO_GLOBAL extern
+#endif
+
 extern "C" {
 
 // NULL while the module is stopped; written by DeviceInit and DeviceEnd.
 
-extern VakroLock* g_lock;
-extern VakroPKICryptoDevice* g_hSoftDevice;
-extern char* g_keyFolder;  // vakro_free; with a trailing slash
-extern SM2Info* g_sm2;     // NULL also when SM2 is not available
+VAKRO_GLOBAL VakroLock* g_lock;
+VAKRO_GLOBAL VakroPKICryptoDevice* g_hSoftDevice;
+VAKRO_GLOBAL char* g_keyFolder;  // vakro_free; with a trailing slash
+VAKRO_GLOBAL SM2Info* g_sm2;     // NULL also when SM2 is not available
 
 }  // extern "C"
 
