@@ -10,6 +10,7 @@ packages=(
   clang-14 libclang-rt-14-dev                    # fuzz targets
   valgrind openssl python3                       # what tests and the demo run
   clang-format clang-tidy                        # what scripts/check.sh runs
+  dpkg-dev pkg-config man-db bash                # packages, and what tries them
 )
 
 missing=()

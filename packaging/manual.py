@@ -1,0 +1,213 @@
+#!/usr/bin/env python3
+"""Writes the manual pages and the completion from what is said elsewhere, so that they can't
+differ from it:
+
+  manual.py tool PROGRAM VERSION         softdevice(1), from the program's --help
+  manual.py completion PROGRAM           the completion for bash, from the same
+  manual.py interface HEADER VERSION     vakro_device(3), from the header's comments
+
+The result goes to standard output.
+"""
+import re
+import subprocess
+import sys
+
+FILES_AND_MORE = r"""
+.SH FILES
+.TP
+.I /etc/.VAKRO/SoftwareCert/
+The key folder, where no other is named. Each file in it is a device; a file whose name ends in
+.I .bak
+is the backup of a change that is under way or was interrupted.
+.SH SEE ALSO
+.BR vakro_device (3),
+.BR openssl (1)
+"""
+
+
+def escape(text):
+    """Text as roff takes it literally, also at the start of a line."""
+    text = text.replace("\\", "\\e").replace("-", "\\-").replace("'", "\\(aq")
+    return re.sub(r"^([.])", r"\\&\1", text, flags=re.M)
+
+
+class Help:
+    """The help of one command: groups of entries (term, meaning), and the text around them."""
+
+    def __init__(self, program, path=()):
+        self.path = path
+        result = subprocess.run([program, *path, "--help"], capture_output=True, text=True)
+        if result.returncode != 0:
+            sys.exit(f"{program} {' '.join(path)} --help failed: {result.stderr}")
+        before, _, after = result.stdout.partition("Usage:")
+        self.description = " ".join(before.split())
+        usage, _, rest = after.strip().partition("\n")
+        self.usage = re.sub(rf"^(?:(?:{'|'.join(('softdevice', *path))})\s+)*", "", usage + " ").strip()
+        self.groups = []  # [title, [[term, meaning], ...]]
+        self.remarks = []
+        for line in rest.splitlines():
+            title = re.fullmatch(r"([A-Z][^.:]*):", line)
+            entry = re.fullmatch(r" {1,7}(\S.*?)(?: {2,}(\S.*))?", line)
+            more = re.fullmatch(r" {8,}(\S.*)", line)
+            if title and not self.remarks:
+                self.groups.append([title[1], []])
+            elif entry and self.groups and not self.remarks:
+                self.groups[-1][1].append([entry[1], entry[2] or ""])
+            elif more and self.groups and self.groups[-1][1] and not self.remarks:
+                self.groups[-1][1][-1][1] += " " + more[1]
+            elif line.strip() or self.remarks:
+                self.remarks.append(line)
+        self.commands = [Help(program, (*path, term.split()[0]))
+                         for title, entries in self.groups if title == "Subcommands"
+                         for term, _ in entries]
+
+    def options(self):
+        """The options, each with the name of its value or None."""
+        for title, entries in self.groups:
+            for term, _ in entries:
+                names = re.findall(r"(?:^|[\s,])(--?[a-z0-9][a-z0-9-]*)", term)
+                value = re.search(r" ([A-Z][A-Z0-9_]*)", term)
+                for name in names:
+                    yield name, value[1] if value else None
+
+    def every(self):
+        """All commands below this one, without those that only hold others."""
+        for command in self.commands:
+            yield from command.every() if command.commands else [command]
+
+
+def page_head(name, section, version, purpose):
+    return (f'.TH {name} {section} "" "vakro {version}"\n.nh\n.SH NAME\n'
+            f"{escape(name)} \\- {escape(purpose)}")
+
+
+def roff_entries(entries):
+    return [f".TP\n.B {escape(term)}\n{escape(meaning.strip()) or chr(92) + '&'}"
+            for term, meaning in entries if not term.startswith("-h,")]
+
+
+def roff_remarks(remarks):
+    """Indented remarks, such as a list of numbers and their meanings, keep their lines."""
+    return [f".br\n{escape(line.strip())}" if line.startswith("  ") else f".PP\n{escape(line)}"
+            for line in remarks if line.strip()]
+
+
+def tool_page(program, version):
+    tool = Help(program)
+    commands = list(tool.every())
+    if not commands:
+        sys.exit("the help names no command")
+    out = [page_head("softdevice", 1, version, "keys and certificates in files, opened with a PIN"),
+           ".SH SYNOPSIS", ".B softdevice", escape("COMMAND [OPTION]... [ARGUMENT]..."),
+           ".SH DESCRIPTION", escape(tool.description), *roff_remarks(tool.remarks)]
+    general = [term for _, entries in tool.groups for term, _ in entries]  # said once
+    out.append(".SH OPTIONS")
+    for title, entries in tool.groups:
+        if title != "Subcommands":
+            out += roff_entries(entries)
+    out.append(".SH COMMANDS")
+    for command in commands:
+        out += [f".SS softdevice {escape(' '.join(command.path))} {escape(command.usage)}",
+                escape(command.description)]
+        for title, entries in command.groups:
+            out += roff_entries(entry for entry in entries if entry[0] not in general)
+        out += roff_remarks(command.remarks)
+    return "\n".join(out) + FILES_AND_MORE
+
+
+COMPLETION = """\
+# Completion of softdevice for bash; made from its help.
+_softdevice() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local command= commands= options= values= i
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    case "${command:+$command }${COMP_WORDS[i]}" in
+      %(paths)s)
+        command="${command:+$command }${COMP_WORDS[i]}" ;;
+    esac
+  done
+  case $command in
+%(cases)s
+  esac
+  COMPREPLY=() # nothing offered: readline goes on with file names
+  [[ " $values " != *" $previous "* ]] || return 0
+  [[ $current == -* ]] && commands=$options
+  COMPREPLY=($(compgen -W "$commands" -- "$current"))
+}
+complete -o default -F _softdevice softdevice
+"""
+
+
+def completion(program):
+    cases, paths = [], []
+
+    def add(command):
+        path = " ".join(command.path)
+        if path:
+            paths.append(f'"{path}"')
+        words = {"commands": [below.path[-1] for below in command.commands],
+                 "options": [name for name, _ in command.options()],
+                 "values": [name for name, value in command.options() if value]}
+        cases.append(f'    "{path}")' + "".join(f" {name}='{' '.join(found)}'"
+                                                for name, found in words.items()) + " ;;")
+        for below in command.commands:
+            add(below)
+
+    add(Help(program))
+    return COMPLETION % {"paths": " | ".join(paths), "cases": "\n".join(cases)}
+
+
+def roff_comment(lines):
+    """Flush lines become filled text, indented ones stand as they are."""
+    out, fixed = [], False
+    for line in lines:
+        indented = line.startswith("  ")
+        if indented != fixed:
+            out.append(".nf" if indented else ".fi")
+            fixed = indented
+        out.append(escape(line) if line.strip() else ".PP")
+    return out + ([".fi"] if fixed else [])
+
+
+def interface_page(header, version):
+    text = open(header).read()
+    body = text[:text.rindex("#ifdef __cplusplus")]
+    lines = [line for line in body.splitlines()
+             if not line.startswith(("#", 'extern "C"'))]
+    out = [page_head("vakro_device", 3, version, "devices with keys in files, opened with a PIN"),
+           ".SH SYNOPSIS", ".nf", ".B #include <vakro_device.h>", ".PP",
+           escape("cc program.c $(pkg-config --cflags --libs vakro)"), ".fi", ".SH DESCRIPTION"]
+    comment, code = [], []
+
+    def flush():
+        nonlocal comment, code
+        if comment:
+            out.extend(roff_comment(comment))
+        if code:
+            out.extend([".PP", ".nf", *map(escape, code), ".fi", ".PP"])
+        comment, code = [], []
+
+    for line in lines:
+        ruler = re.fullmatch(r"// --- (.*?) -+", line)
+        if ruler:
+            flush()
+            out.append(f".SH {ruler[1].upper()}")
+        elif line.startswith("//"):
+            if code:
+                flush()
+            comment.append(line[3:])
+        elif line.strip():
+            code.append(line)
+        else:
+            flush()
+    flush()
+    return "\n".join(out) + "\n.SH SEE ALSO\n.BR softdevice (1)\n"
+
+
+def main():
+    kind, source, *version = sys.argv[1:]
+    make = {"tool": tool_page, "completion": completion, "interface": interface_page}[kind]
+    sys.stdout.write(make(source, *version))
+
+
+main()
