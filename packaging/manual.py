@@ -42,7 +42,8 @@ class Help:
         before, _, after = result.stdout.partition("Usage:")
         self.description = " ".join(before.split())
         usage, _, rest = after.strip().partition("\n")
-        self.usage = re.sub(rf"^(?:(?:{'|'.join(('softdevice', *path))})\s+)*", "", usage + " ").strip()
+        words = "|".join(("softdevice", *path))
+        self.usage = re.sub(rf"^(?:(?:{words})\s+)*", "", usage + " ").strip()
         self.groups = []  # [title, [[term, meaning], ...]]
         self.remarks = []
         for line in rest.splitlines():

@@ -3,6 +3,7 @@
 
   documents_test.py interface          docs/interface.md has the header's prototypes and numbers
   documents_test.py device-file        the worked example of docs/device-file.md is a device
+  documents_test.py names PAGE...      the files, links and functions that pages name are there
   documents_test.py typed PAGE         every command of a page is typed, and prints what it says
 
 softdevice is found on PATH. How a page is typed:
@@ -13,8 +14,8 @@ softdevice is found on PATH. How a page is typed:
   other        is not typed
 
 All blocks of a page run in one shell, in an empty folder, with the PIN typed wherever it is asked
-for. A command that is meant to fail ends in "# fails". What can't be typed here stands in ELSEWHERE,
-each with what does so.
+for. A command that is meant to fail ends in "# fails". What can't be typed here stands in
+ELSEWHERE, each with what does so.
 """
 import hashlib
 import os
@@ -106,7 +107,7 @@ def test_device_file():
     material = hashlib.pbkdf2_hmac("sha512", b"1234", bytes.fromhex(parts["salt"]), 2000, 40)
     expect(material[:32].hex() == parts["key"], "the key is not derived so")
     expect(material[32:].hex() + parts["nonce"][16:] == parts["nonce"], "the nonce is not made so")
-    expect(words["fileTag"] + b"password".hex() == parts["associated"], "the associated data differ")
+    expect(words["fileTag"] + b"password".hex() == parts["associated"], "the associated data")
     expect(parts["ciphertext"] + parts["tag"] in json_text.decode(), "the text holds another key")
     # The module agrees: it loads the device, and the PIN opens the key of the encoding.
     with tempfile.TemporaryDirectory() as folder:
@@ -121,10 +122,36 @@ def test_device_file():
                              capture_output=True, text=True)
         expect(run.returncode == 0, f"the PIN does not open it: {run.stderr}")
         run = subprocess.run(["softdevice", "public-key", *where], capture_output=True, text=True)
-        der = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "DER"], input=run.stdout.encode(),
-                             capture_output=True).stdout
+        der = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "DER"],
+                             input=run.stdout.encode(), capture_output=True).stdout
         x, y = (parts["keypair"].split("00000020")[i][:64] for i in (1, 2))
         expect(der.hex().endswith("04" + x + y), "the public key is another")
+    return faults
+
+
+# --- Names ------------------------------------------------------------------------------------
+
+
+def test_names(*pages):
+    code = subprocess.run(["git", "-C", ROOT, "grep", "-hoE", r"\w{4,}", "--", "*.h", "*.cpp", "*.c",
+                           "*.cmake", "*CMakeLists.txt"], capture_output=True, text=True).stdout
+    words = set(code.split())
+    faults = []
+    for page in pages:
+        text = read(page)
+        plain = re.sub(r"^```.*?^```$", "", text, flags=re.M | re.S)
+        here = os.path.dirname(os.path.join(ROOT, page))
+        for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", plain):
+            if not os.path.exists(os.path.join(here, link)):
+                faults.append(f"{page}: the link to {link} leads nowhere")
+        for name in re.findall(r"`([^`\s]+)`", plain):
+            path = re.fullmatch(r"(?!build/|/|\.\./)[\w.-]+/[\w./-]*", name)
+            function = re.fullmatch(r"[A-Z][a-z]+[A-Z]\w+|g_\w+|Device[A-Z]\w+", name)
+            placeholder = re.search(r"[A-Z]{4,}/", name)
+            if path and not placeholder and not os.path.exists(os.path.join(ROOT, name)):
+                faults.append(f"{page}: there is no {name}")
+            if function and words and name not in words:
+                faults.append(f"{page}: nothing is called {name}")
     return faults
 
 
@@ -217,8 +244,8 @@ def test_typed(name):
             code, printed = logged("code").strip(), logged("out") + logged("err")
             fails = command.rstrip().endswith("# fails")
             if (code == "0") == fails or code == "":
-                faults.append(f"{name}:{line}: {command.strip()}\n  ended with {code or 'the shell'}: "
-                              f"{printed}{rest if code == '' else ''}")
+                faults.append(f"{name}:{line}: {command.strip()}\n  ended with "
+                              f"{code or 'the shell'}: {printed}{rest if code == '' else ''}")
             elif expected and not re.fullmatch(pattern(expected), printed):
                 faults.append(f"{name}:{line}: {command.strip()}\n  printed:\n{printed}")
             if code == "":
@@ -227,7 +254,8 @@ def test_typed(name):
     return faults
 
 
-tests = {"interface": test_interface, "device-file": test_device_file, "typed": test_typed}
+tests = {"interface": test_interface, "device-file": test_device_file, "names": test_names,
+         "typed": test_typed}
 found = tests[sys.argv[1]](*sys.argv[2:])
 print("\n".join(found) or "as it is written")
 sys.exit(1 if found else 0)
