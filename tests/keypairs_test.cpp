@@ -36,7 +36,7 @@ TEST_F(KeypairsTest, AreGenerated) {
   EXPECT_REFUSED(0, DeviceGenerateKeypair(device, 4, 256, p256, 9, "new", nullptr));
   EXPECT_REFUSED(-8, Generate(closed_, 4, 256, p256, 9, "new"));
   EXPECT_REFUSED(-6, Generate(closed_, 4, 256, p256, 1, "sign"));
-  EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 9, tooLong_.c_str()));
+  EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 0x109, tooLong_.c_str()));
   EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 0, "new"));
   EXPECT_REFUSED(0, Generate(device, 4, 384, p256, 9, "new"));
   EXPECT_REFUSED(0, Generate(device, 4, 256, &p384, 9, "new"));
@@ -71,7 +71,7 @@ TEST_F(KeypairsTest, AreImported) {
   for (const int length : {-1, 0, 15, 16})
     EXPECT_REFUSED(0, Import(device, pair, length, 9, "new"));
   EXPECT_REFUSED(-9, Import(device, Raw(algorithm2), 124, 9, "new"));
-  EXPECT_REFUSED(0, Import(device, pair, 124, 9, tooLong_.c_str()));
+  EXPECT_REFUSED(0, Import(device, pair, 124, 0x109, tooLong_.c_str()));
   EXPECT_REFUSED(0, Import(device, pair, 124, 0, "new"));
   EXPECT_WRITTEN(Import(device, pair, 124, 9, longest_.c_str()));
   Made();

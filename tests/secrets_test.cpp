@@ -187,6 +187,13 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
                       EVP_sha512(), sizeof(key), reinterpret_cast<unsigned char*>(key));
     EXPECT_EQ(CountIn(g_stack, {key, sizeof(key)}), 0) << "derived key";
     Call([&] { Sign(again->keypairs[0]); });
+    // What a blob with a wrong tag deciphers to is nobody's to see.
+    const std::string blob =
+        Bytes(again->keypairs[0]->encryptedPrivateKey, again->keypairs[0]->encryptedPrivateKeyLen);
+    const std::string text =
+        Replaced(TextOf(Read("dev")), Hex(blob), Hex(Flipped(blob, blob.size() - 1)));
+    const DeviceHandle damaged = Load(Container(TAG, text), nullptr);
+    Call([&] { EXPECT_EQ(Verify(damaged.get(), SECOND_PIN), -5); });
   }
   for (const Secret& secret : ALL) EXPECT_EQ(Count(secret.bytes), 0) << secret.what;
   EXPECT_EQ(Count({key, sizeof(key)}), 1) << "derived key: the one here";
