@@ -32,6 +32,21 @@ using UtilBytes = std::unique_ptr<unsigned char[], Release<vakro_free>>;
 using UtilText = std::unique_ptr<char[], Release<vakro_free>>;
 using LibBytes = std::unique_ptr<unsigned char[], Release<VakroPKICryptoFreeMemory>>;
 using LibText = std::unique_ptr<char[], Release<VakroPKICryptoFreeMemory>>;
+// What a function of the crypto library hands out. A function that fails may have written to its
+// outputs all the same, so they are looked at, and become someone's, on success only.
+struct LibOutput {
+  unsigned char* bytes = nullptr;
+  int length = 0;
+
+  // Passes the output on when `result` is 1; returns `result`.
+  int HandOut(int result, unsigned char** out, int* outLen) const {
+    if (result != 1) return result;
+    *out = bytes;
+    *outLen = length;
+    return result;
+  }
+};
+
 using Lock = std::unique_ptr<VakroLock, Release<vakro_lock_free>>;
 using Json = std::unique_ptr<VakroJson, Release<vakro_json_free>>;
 

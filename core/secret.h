@@ -28,7 +28,8 @@ struct SecretBytes {
   SecretBytes(const SecretBytes&) = delete;
   SecretBytes& operator=(const SecretBytes&) = delete;
   ~SecretBytes() {
-    if (bytes != nullptr) OPENSSL_cleanse(bytes, length);
+    if (bytes == nullptr) return;  // the maker's functions need not take NULL
+    OPENSSL_cleanse(bytes, length);
     Free(bytes);
   }
 };

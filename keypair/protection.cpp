@@ -130,7 +130,9 @@ int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {
   if (der.bytes == nullptr) return 0;
   unsigned char* at = der.bytes;
   if (i2d_RSAPrivateKey(rsa, &at) != size) return 0;
-  return VakroPKICryptoRSAPrivKeyFromDER(der.bytes, size, encoding, encodingLen);
+  LibOutput made;
+  const int result = VakroPKICryptoRSAPrivKeyFromDER(der.bytes, size, &made.bytes, &made.length);
+  return made.HandOut(result, encoding, encodingLen);
 }
 
 EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const char* pin,

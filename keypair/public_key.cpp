@@ -119,5 +119,7 @@ int ToRSAPublicKeyEncode(RSA* rsa, unsigned char** encoding, int* encodingLen) {
   const int derLen = i2d_RSAPublicKey(rsa, &der);
   if (derLen <= 0) return 0;
   const OpensslBytes owned(der);
-  return VakroPKICryptoRSAPubKeyFromDER(der, derLen, encoding, encodingLen);
+  LibOutput made;
+  const int result = VakroPKICryptoRSAPubKeyFromDER(der, derLen, &made.bytes, &made.length);
+  return made.HandOut(result, encoding, encodingLen);
 }

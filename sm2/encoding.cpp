@@ -37,15 +37,19 @@ int EncodeECCKeypair(int curve, const EC_KEY* key, unsigned char** out, int* out
   Wiped<POINT_BUFFER_SIZE> scalar;
   const int size = point.fieldSize;
   if (BN_bn2binpad(d, scalar.bytes, size) != size) return 0;
-  return VakroPKICryptoEncodeECCKeyPair(curve, point.X(), size, point.Y(), size, scalar.bytes, size,
-                                        out, outLen);
+  LibOutput made;
+  const int result = VakroPKICryptoEncodeECCKeyPair(curve, point.X(), size, point.Y(), size,
+                                                    scalar.bytes, size, &made.bytes, &made.length);
+  return made.HandOut(result, out, outLen);
 }
 
 int ToECCPublicKeyEncode(int curve, const EC_KEY* key, unsigned char** out, int* outLen) {
   RawPoint point;
   if (!point.Read(key)) return 0;
-  return VakroPKICryptoEncodeECCPubKey(curve, point.X(), point.fieldSize, point.Y(),
-                                       point.fieldSize, out, outLen);
+  LibOutput made;
+  const int result = VakroPKICryptoEncodeECCPubKey(curve, point.X(), point.fieldSize, point.Y(),
+                                                   point.fieldSize, &made.bytes, &made.length);
+  return made.HandOut(result, out, outLen);
 }
 
 EcKey NewKeyOn(int curve) {
@@ -99,12 +103,15 @@ EVP_PKEY* DecodeECCPair(const unsigned char* data, int len, int* curve) {
   int xLen = 0;
   int yLen = 0;
   int dLen = 0;
-  if (VakroPKICryptoDecodeECCKeyPair(data, len, curve, &x, &xLen, &y, &yLen, &d, &dLen) != 1)
+  int decodedCurve = 0;
+  if (VakroPKICryptoDecodeECCKeyPair(data, len, &decodedCurve, &x, &xLen, &y, &yLen, &d, &dLen) !=
+      1)
     return nullptr;
+  *curve = decodedCurve;
   const LibBytes ownedX(x);
   const LibBytes ownedY(y);
   const SecretLibBytes ownedD(d, static_cast<size_t>(dLen));
-  const EcKey key = NewKeyOn(*curve);
+  const EcKey key = NewKeyOn(decodedCurve);
   if (!key || !SetPoint(key.get(), x, xLen, y, yLen) || !SetScalar(key.get(), d, dLen))
     return nullptr;
   return WrapEC(key.get()).release();
@@ -115,12 +122,15 @@ EVP_PKEY* GetECCPublicKey(const unsigned char* data, int len, int* bits, int* cu
   unsigned char* y = nullptr;
   int xLen = 0;
   int yLen = 0;
-  if (VakroPKICryptoDecodeECCPubKey(data, len, curve, &x, &xLen, &y, &yLen) != 1) return nullptr;
+  int decodedCurve = 0;
+  if (VakroPKICryptoDecodeECCPubKey(data, len, &decodedCurve, &x, &xLen, &y, &yLen) != 1)
+    return nullptr;
+  *curve = decodedCurve;
   const LibBytes ownedX(x);
   const LibBytes ownedY(y);
-  const EcKey key = NewKeyOn(*curve);
+  const EcKey key = NewKeyOn(decodedCurve);
   if (!key) return nullptr;
-  *bits = GetECCBits(*curve);
+  *bits = GetECCBits(decodedCurve);
   if (!SetPoint(key.get(), x, xLen, y, yLen)) return nullptr;
   return WrapEC(key.get()).release();
 }

@@ -13,7 +13,12 @@ bool RandomScalar(ScalarBytes& k) {
 }
 
 bool ReadSecret(const BIGNUM* d, ScalarBytes& bytes) {
-  return BN_bn2binpad(d, bytes.bytes, SM2_FIELD_SIZE) == SM2_FIELD_SIZE;
+  const bool fits = !BN_is_negative(d) && BN_num_bytes(d) <= SM2_FIELD_SIZE;
+  if (fits) return BN_bn2binpad(d, bytes.bytes, SM2_FIELD_SIZE) == SM2_FIELD_SIZE;
+  const BigNum reduced(BN_new());
+  const BnCtx ctx(BN_CTX_new());
+  return reduced && ctx && BN_nnmod(reduced.get(), d, g_sm2->order, ctx.get()) == 1 &&
+         BN_bn2binpad(reduced.get(), bytes.bytes, SM2_FIELD_SIZE) == SM2_FIELD_SIZE;
 }
 
 bool ReadPublicPoint(const EC_POINT* point, unsigned char (&affine)[SM2_AFFINE_SIZE]) {

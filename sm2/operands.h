@@ -25,7 +25,8 @@ struct SecretScalar {
 // RandomScalar draws k, uniform in [1, n - 1]: GB/T 32918.2 A3, GB/T 32918.4 A1.
 bool RandomScalar(ScalarBytes& k);
 
-// ReadSecret takes a private scalar; false for one that is longer than 32 bytes.
+// ReadSecret takes a private scalar; one that needs more than 32 bytes is reduced mod n. False when
+// memory is out.
 bool ReadSecret(const BIGNUM* d, ScalarBytes& bytes);
 
 // ReadPublicPoint takes a point; false for one that is not a finite point of the SM2 curve.

@@ -3,6 +3,11 @@
 
 static constexpr int TRY_AGAIN = -1;
 
+// An empty digest is the number 0; its bytes may be NULL.
+static bool IsDigest(const unsigned char* e, int eLen) {
+  return eLen >= 0 && (e != nullptr || eLen == 0);
+}
+
 // The signing factor, (1 + d)^-1 mod n. False when 1 + d has no inverse.
 static bool ComputeFactor(const BIGNUM* d, SecretScalar& factor) {
   static constexpr unsigned char ONE[] = {1};
@@ -32,9 +37,11 @@ static bool Encode(const SM2Scalar& r, const SM2Scalar& s, unsigned char** sig, 
   const unsigned char* sStart = sBytes;
   while (*rStart == 0) rStart++;  // neither is zero
   while (*sStart == 0) sStart++;
-  return VakroPKICryptoEncodeECCSignature(
-             rStart, static_cast<int>(rBytes + SM2_FIELD_SIZE - rStart), sStart,
-             static_cast<int>(sBytes + SM2_FIELD_SIZE - sStart), sig, sigLen) == 1;
+  LibOutput made;
+  const int result = VakroPKICryptoEncodeECCSignature(
+      rStart, static_cast<int>(rBytes + SM2_FIELD_SIZE - rStart), sStart,
+      static_cast<int>(sBytes + SM2_FIELD_SIZE - sStart), &made.bytes, &made.length);
+  return made.HandOut(result, sig, sigLen) == 1;
 }
 
 // One attempt, A3 to A7: 1, 0 or TRY_AGAIN.
@@ -68,7 +75,7 @@ static int TrySign(SecretScalar& factor, const unsigned char* e, int eLen, unsig
 
 static int Sign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned char** sig,
                 int* sigLen) {
-  if (e == nullptr || eLen < 0) return 0;
+  if (!IsDigest(e, eLen)) return 0;
   int result = TRY_AGAIN;
   while (result == TRY_AGAIN) result = TrySign(factor, e, eLen, sig, sigLen);
   return result;
@@ -133,6 +140,7 @@ int SM2Verify(EVP_PKEY* key, const unsigned char* e, int eLen, const unsigned ch
               int sigLen) {
   const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
   const EC_POINT* pub = ec == nullptr ? nullptr : EC_KEY_get0_public_key(ec);
+  if (pub == nullptr || !IsDigest(e, eLen)) return 0;
   unsigned char* rBytes = nullptr;
   unsigned char* sBytes = nullptr;
   int rLen = 0;
@@ -144,8 +152,6 @@ int SM2Verify(EVP_PKEY* key, const unsigned char* e, int eLen, const unsigned ch
   // B1, B2
   SM2Scalar r;
   SM2Scalar s;
-  if (pub == nullptr || e == nullptr || eLen < 0 || !ReadComponent(rBytes, rLen, &r) ||
-      !ReadComponent(sBytes, sLen, &s))
-    return 0;
+  if (!ReadComponent(rBytes, rLen, &r) || !ReadComponent(sBytes, sLen, &s)) return 0;
   return VerifyComponents(pub, e, eLen, r, s) ? 1 : 0;
 }

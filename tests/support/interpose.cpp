@@ -30,16 +30,25 @@ namespace {
 std::atomic<long> g_live{0};
 std::vector<std::string> g_unknown;
 
-// Says whether the call must fail, and has then set errno.
-bool MustFail(const ImportCall& call) {
-  if (Hook::t_innermost == nullptr) return false;  // fuzzing makes many calls
+// 0, or the error with which the call must fail, which is in errno then; a negative one where it is
+// to write to its outputs first.
+int MustFail(const ImportCall& call) {
+  if (Hook::t_innermost == nullptr) return 0;  // fuzzing makes many calls
   const int usual = errno;
   int error = 0;
   for (const Hook* hook = Hook::t_innermost; hook != nullptr; hook = hook->outer)
     if (const int asked = hook->ask(call); asked != 0) error = asked;
-  errno = error != 0 ? error : usual;
-  return error != 0;
+  errno = error != 0 ? abs(error) : usual;
+  return error;
 }
+
+// What a function that fails leaves in its outputs: nothing that could be used or released.
+template <class T>
+void Scribble(T** out) {
+  if constexpr (!std::is_const_v<T>) *out = reinterpret_cast<T*>(0x5a5a5a5a);
+}
+void Scribble(int* out) { *out = 0x5a5a5a; }
+void Scribble(auto /*in*/) {}
 
 // --- Wrappers ------------------------------------------------------------------------------------
 
@@ -74,7 +83,9 @@ struct Wrapper<kind, real> {
     call.name = name;
     call.onFiles = kind >= READS;
     call.modifies |= kind == MODIFIES;
-    if (!MustFail(call)) return real(args...);
+    const int error = MustFail(call);
+    if (error == 0) return real(args...);
+    if (error < 0) (Scribble(args), ...);
     if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
     if constexpr (std::is_pointer_v<Result>)
       return nullptr;
@@ -118,7 +129,7 @@ void WrapAll() {
        VakroPKICryptoDecodeECCKeyPair, VakroPKICryptoDecodeECCPubKey,
        VakroPKICryptoEncodeECCSignature, VakroPKICryptoDecodeECCSignature>();
   Wrap<ZERO, BN_GENCB_new, BN_new, BN_dup, BN_bin2bn, BN_set_word, BN_sub_word, BN_CTX_new,
-       BN_rand_range, BN_priv_rand_range, EC_GFp_simple_method, EC_KEY_METHOD_new,
+       BN_nnmod, BN_rand_range, BN_priv_rand_range, EC_GFp_simple_method, EC_KEY_METHOD_new,
        EC_KEY_set_method, EC_KEY_oct2key, EC_GROUP_new, EC_GROUP_set_curve_GFp,
        EC_GROUP_set_generator, EC_GROUP_precompute_mult, EC_POINT_new, EC_POINT_point2oct,
        EC_POINT_oct2point, EC_POINT_set_affine_coordinates_GFp, EC_KEY_new,
@@ -187,7 +198,7 @@ void PatchLibrary(const link_map& library) {
 }
 
 void* OpensslRealloc(void* memory, size_t size, const char* /*file*/, int /*line*/) {
-  return MustFail({.name = "OPENSSL_malloc"}) ? nullptr : realloc(memory, size);
+  return MustFail({.name = "OPENSSL_malloc"}) != 0 ? nullptr : realloc(memory, size);
 }
 void* OpensslMalloc(size_t size, const char* file, int line) {
   return OpensslRealloc(nullptr, size, file, line);
@@ -206,7 +217,8 @@ const bool g_patched = [] {
 int Fault::operator()(const ImportCall& call) {
   if (fnmatch(name.c_str(), call.name.data(), FNM_EXTMATCH) != 0) return 0;
   calls++;
-  return calls == nth || (andLater && calls > nth) ? EIO : 0;
+  if (calls != nth && !(andLater && calls > nth)) return 0;
+  return writesFirst ? -EIO : EIO;
 }
 
 long LiveAllocations() { return g_live; }
@@ -216,7 +228,7 @@ std::vector<std::string> UnknownImports() { return g_unknown; }
 extern "C" void* vakro_malloc(size_t size, const char* file, int line) {
   static const auto next =
       reinterpret_cast<decltype(&vakro_malloc)>(dlsym(RTLD_NEXT, "vakro_malloc"));
-  void* memory = MustFail({.name = "vakro_malloc"}) ? nullptr : next(size, file, line);
+  void* memory = MustFail({.name = "vakro_malloc"}) != 0 ? nullptr : next(size, file, line);
   if (memory != nullptr) g_live++;
   return memory;
 }

@@ -24,7 +24,8 @@ struct ImportCall {
 };
 
 // While a hook lives it is asked before each call that its thread makes: 0 lets it happen, an errno
-// makes it fail so. Of several each is asked. A forked child inherits them.
+// makes it fail so, and a negative one makes it write to its outputs first. Of several each is
+// asked. A forked child inherits them.
 struct Hook {
   std::function<int(const ImportCall& call)> ask;
   const Hook* const outer = std::exchange(t_innermost, this);
@@ -34,9 +35,10 @@ struct Hook {
 
 // A hook that makes calls of one function fail.
 struct Fault {
-  std::string name;       // the function to fail, or a pattern of fnmatch for several
-  long nth = 1;           // the first call to fail, counted from 1; 0 fails none
-  bool andLater = false;  // fail all later ones too
+  std::string name;          // the function to fail, or a pattern of fnmatch for several
+  long nth = 1;              // the first call to fail, counted from 1; 0 fails none
+  bool andLater = false;     // fail all later ones too
+  bool writesFirst = false;  // it writes to its outputs before it fails, as it may
   long calls = 0;
 
   int operator()(const ImportCall& call);
