@@ -83,7 +83,7 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
 }
 
 static int EncryptSM2(const PublicKey* key, const CipherRequest& request) {
-  if (EVP_PKEY_get_id(key->key) != EVP_PKEY_EC || key->curve != CURVE_SM2 || g_sm2 == nullptr ||
+  if (EVP_PKEY_get_id(key->key) != EVP_PKEY_EC || key->curve != CURVE_SM2 ||
       request.input == nullptr || request.inputLen < 1 ||
       request.inputLen > INT_MAX - SM2_CIPHER_OVERHEAD)
     return VAKRO_FAILED;
@@ -91,6 +91,7 @@ static int EncryptSM2(const PublicKey* key, const CipherRequest& request) {
   *request.length = needed;
   if (request.output == nullptr) return VAKRO_OK;
   if (request.size < needed) return VAKRO_BUFFER_TOO_SMALL;
+  if (g_sm2 == nullptr) return VAKRO_FAILED;  // the size is known without
   return SM2Encrypt(key->key, request.input, request.inputLen, request.output);
 }
 

@@ -84,13 +84,18 @@ static UtilBytes RandomBytes(int size) {
   return bytes;
 }
 
-// Gives the keypair fresh salt and iv and encrypts the encoding, which it wipes and releases.
-static int EncryptEncoding(Device* device, Keypair* keypair, unsigned char* encoding,
-                           int encodingLen) {
-  const SecretLibBytes owned(encoding, static_cast<size_t>(encodingLen));
+// Gives the keypair fresh salt and iv and encrypts what `encode`, a function of two out-arguments,
+// makes of its private key.
+template <class Encode>
+static int EncryptEncoding(Device* device, Keypair* keypair, const Encode& encode) {
   UtilBytes salt = RandomBytes(SALT_SIZE);
+  if (!salt) return 0;
   UtilBytes iv = RandomBytes(IV_SIZE);
-  if (!salt || !iv) return 0;
+  if (!iv) return 0;
+  unsigned char* encoding = nullptr;
+  int encodingLen = 0;
+  if (encode(&encoding, &encodingLen) != 1) return 0;
+  const SecretLibBytes owned(encoding, static_cast<size_t>(encodingLen));
   keypair->salt = salt.get();
   keypair->saltLen = SALT_SIZE;
   keypair->iv = iv.get();
@@ -108,19 +113,17 @@ static int EncryptEncoding(Device* device, Keypair* keypair, unsigned char* enco
 }
 
 int EncryptRSAKeypair(Device* device, Keypair* keypair) {
-  const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
-  unsigned char* encoding = nullptr;
-  int encodingLen = 0;
-  if (!rsa || EncodeRSAKeypair(rsa.get(), &encoding, &encodingLen) != 1) return 0;
-  return EncryptEncoding(device, keypair, encoding, encodingLen);
+  return EncryptEncoding(device, keypair, [&](unsigned char** encoding, int* encodingLen) {
+    const RsaKey rsa(EVP_PKEY_get1_RSA(keypair->privateKey));
+    return rsa ? EncodeRSAKeypair(rsa.get(), encoding, encodingLen) : 0;
+  });
 }
 
 int EncryptECCKeypair(Device* device, Keypair* keypair) {
-  const EcKey ec(EVP_PKEY_get1_EC_KEY(keypair->privateKey));
-  unsigned char* encoding = nullptr;
-  int encodingLen = 0;
-  if (!ec || EncodeECCKeypair(keypair->curve, ec.get(), &encoding, &encodingLen) != 1) return 0;
-  return EncryptEncoding(device, keypair, encoding, encodingLen);
+  return EncryptEncoding(device, keypair, [&](unsigned char** encoding, int* encodingLen) {
+    const EcKey ec(EVP_PKEY_get1_EC_KEY(keypair->privateKey));
+    return ec ? EncodeECCKeypair(keypair->curve, ec.get(), encoding, encodingLen) : 0;
+  });
 }
 
 int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {

@@ -7,7 +7,7 @@
 
 int CheckRoom(const Device* device, unsigned int type, const char* label) {
   if (HasKeypair(device, type, label)) return VAKRO_ALREADY_EXISTS;
-  return device->keypairCount < MAX_KEYPAIRS ? VAKRO_OK : VAKRO_FAILED;
+  return device->keypairCount >= device->maxKeypairs ? VAKRO_FAILED : VAKRO_OK;
 }
 
 int CheckOwner(const Device* device, const char* label) {
