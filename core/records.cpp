@@ -1,10 +1,12 @@
 // The core records: their constructors and destructors, and the byte order of stored words.
+#include "core/lock.h"
 #include "core/owners.h"
 #include "core/secret.h"
 
 #include <openssl/evp.h>
 
 #include <string.h>
+#include <utility>
 
 static constexpr char TAG[] = "device";
 
@@ -41,10 +43,15 @@ void FreePin(Device* device) {
 
 Keypair* NewKeypair(void) { return Allocate<Keypair>(1, TAG); }
 
-void SetPrivateKey(Keypair* keypair, EVP_PKEY* key) {
-  EVP_PKEY_free(keypair->privateKey);
-  keypair->privateKey = key;
-  OPENSSL_cleanse(keypair->signingFactor, sizeof(keypair->signingFactor));
+void SetPrivateKey(Keypair* keypair, EVP_PKEY* key, int curve) {
+  EVP_PKEY* before = nullptr;
+  {
+    const KeyLock lock;
+    before = std::exchange(keypair->privateKey, key);
+    WriteShared(keypair->curve, curve);
+    OPENSSL_cleanse(&keypair->signingFactor, sizeof(keypair->signingFactor));
+  }
+  EVP_PKEY_free(before);
 }
 
 void FreeKeypair(Keypair* keypair) {
@@ -54,7 +61,8 @@ void FreeKeypair(Keypair* keypair) {
   FreeIfSet<vakro_free>(keypair->iv);
   FreeIfSet<vakro_free>(keypair->encryptedPrivateKey);
   FreeIfSet<VakroPKICryptoFreeMemory>(keypair->publicKey);
-  SetPrivateKey(keypair, nullptr);
+  EVP_PKEY_free(keypair->privateKey);
+  OPENSSL_cleanse(&keypair->signingFactor, sizeof(keypair->signingFactor));
   vakro_free(keypair);
 }
 

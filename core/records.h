@@ -22,13 +22,21 @@ struct Cert {
   int length;
 };
 
+// What SM2 signing takes of a private key d, kept from the first signature on. It says whose it is,
+// so that it is never used for another key. All zeros: nothing is kept.
+struct SigningFactor {
+  unsigned char scalar[32];   // d mod n, big-endian
+  unsigned char inverse[32];  // (1 + d)^-1 mod n
+};
+
 struct Keypair {
   char label[NAME_SIZE];
   unsigned int type;
   unsigned int algorithm;  // ALGORITHM_RSA or ALGORITHM_ECC
   unsigned int bits;
   // Elliptic curve only: the VakroCurve once the private key is known, 0 before. -1, for any
-  // keypair, after a failed PIN verification has discarded its key. Not stored. A shared field.
+  // keypair, after a failed PIN verification has discarded its key. Not stored. A shared field that
+  // changes under the key lock, together with privateKey.
   int curve;
   unsigned char* publicKey;  // VakroPKICryptoFreeMemory; the crypto library's encoding
   int publicKeyLen;
@@ -38,21 +46,20 @@ struct Keypair {
   int ivLen;
   unsigned char* encryptedPrivateKey;  // vakro_free
   int encryptedPrivateKeyLen;
-  EVP_PKEY* privateKey;  // EVP_PKEY_free; NULL until the PIN is verified, or the key made here
+  EVP_PKEY* privateKey;  // EVP_PKEY_free; NULL until the PIN is verified, or the key made here;
+                         // changes under the module lock and the key lock
   int certCount;
-  int maxCerts;            // MAX_CERTS in a record read from a file; tests use the constant
-  Cert* certs[MAX_CERTS];  // FreeCert; in file order
-  int isTemp;              // 1: belongs to no device and is not stored
-  Device* device;          // borrowed; NULL for a temporary keypair and for one deleted
-  // What SM2 signing takes of privateKey, kept with it from the first signature on; zeros before.
-  // Read and written under the module lock.
-  unsigned char signingFactor[32];
+  int maxCerts;                 // MAX_CERTS in a record read from a file; tests use the constant
+  Cert* certs[MAX_CERTS];       // FreeCert; in file order
+  int isTemp;                   // 1: belongs to no device and is not stored
+  Device* device;               // borrowed; NULL for a temporary keypair and for one deleted
+  SigningFactor signingFactor;  // under the key lock
 };
 
 // References. refCount = keypairCount + the references held outside: the set's, one for each
 // device handle and one for each keypair handle. The release that brings it down to keypairCount
 // frees the device with all its keypairs. A new keypair adds 2 (its place and the caller's
-// handle), a deletion takes 2 away. Changed under the module lock only.
+// handle), a deletion takes 2 away. Changed by the functions of references.cpp.
 //
 // No two keypairs of a device have the same type and label; each has isTemp 0 and points back.
 struct Device {
@@ -112,9 +119,10 @@ void FreeDevice(Device* device);     // with its keypairs, whatever its referenc
 void FreePin(Device* device);        // wipes the copy of the PIN; the device is unverified then
 Keypair* NewKeypair(void);           // zero-filled
 
-// SetPrivateKey gives the keypair another private key, or NULL; it takes over `key` and wipes what
-// was kept of the one before. Caller locks.
-void SetPrivateKey(Keypair* keypair, EVP_PKEY* key);
+// SetPrivateKey gives the keypair another private key, or NULL, and the curve that belongs to it;
+// it takes over `key`, and frees and wipes what there was of the one before. Takes the key lock;
+// caller locks.
+void SetPrivateKey(Keypair* keypair, EVP_PKEY* key, int curve);
 void FreeKeypair(Keypair* keypair);
 Cert* NewCert(const unsigned char* bytes, int length);  // copies the bytes
 void FreeCert(Cert* cert);
@@ -136,9 +144,18 @@ void int2be(unsigned int value, unsigned char* bytes);
 
 // --- References (references.cpp) -----------------------------------------------------------------
 
+// AddReferences takes `count` references on the device, which somebody else holds already. Caller
+// locks.
+void AddReferences(Device* device, unsigned int count);
+
 // ReleaseReferences gives back `count` references and frees the device with the last one from
 // outside. Caller locks.
 void ReleaseReferences(Device* device, unsigned int count);
+
+// ReturnReference gives back one reference that was taken only for the time of a call. Takes the
+// module lock; where that can't be had the count is right all the same, but a device whose last
+// reference this was is not freed.
+void ReturnReference(Device* device);
 
 }  // extern "C"
 #endif

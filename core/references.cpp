@@ -2,9 +2,21 @@
 #include "core/lock.h"
 #include "core/owners.h"
 
+void AddReferences(Device* device, unsigned int count) {
+  std::atomic_ref(device->refCount).fetch_add(count);
+}
+
 void ReleaseReferences(Device* device, unsigned int count) {
-  device->refCount -= count;
-  if (device->refCount == static_cast<unsigned int>(device->keypairCount)) FreeDevice(device);
+  const unsigned int left = std::atomic_ref(device->refCount).fetch_sub(count) - count;
+  if (left == static_cast<unsigned int>(device->keypairCount)) FreeDevice(device);
+}
+
+void ReturnReference(Device* device) {
+  const ModuleLock lock;
+  if (lock.held)
+    ReleaseReferences(device, 1);
+  else
+    std::atomic_ref(device->refCount).fetch_sub(1);
 }
 
 Device* DeviceGetDevice(DeviceSet* set, unsigned int index) {
@@ -13,7 +25,7 @@ Device* DeviceGetDevice(DeviceSet* set, unsigned int index) {
   const ModuleLock lock;
   if (!lock.held) return nullptr;
   Device* device = set->devices[index];
-  device->refCount++;
+  AddReferences(device, 1);
   return device;
 }
 

@@ -16,36 +16,34 @@ static char* CopyPin(const char* pin) {
 }
 
 int IsSamePin(const char* pin, const char* candidate) {
-  const size_t pinLen = strlen(pin);
-  const size_t candidateLen = strlen(candidate);
-  size_t difference = pinLen ^ candidateLen;
-  for (size_t i = 0; i < candidateLen; i++) {
-    const size_t at = i < pinLen ? i : pinLen;
-    difference |= static_cast<unsigned char>(pin[at] ^ candidate[i]);
-  }
-  return difference == 0 ? 1 : 0;
+  const size_t length = strlen(pin);
+  return strlen(candidate) == length && CRYPTO_memcmp(pin, candidate, length) == 0 ? 1 : 0;
 }
 
 static void DropKeys(Device* device, int count) {
   for (int i = 0; i < count; i++) {
     Keypair* keypair = device->keypairs[i];
-    SetPrivateKey(keypair, nullptr);
-    WriteShared(keypair->curve, -1);
+    SetPrivateKey(keypair, nullptr, -1);
   }
 }
 
 int VerifyPin(Device* device, const char* pin) {
   if (device->pin != nullptr) return IsSamePin(device->pin, pin) != 0 ? VAKRO_OK : VAKRO_WRONG_PIN;
+  // Signatures take no module lock: the records get the keys only when the PIN has opened them all.
+  EvpKey keys[MAX_KEYPAIRS];
+  int curves[MAX_KEYPAIRS] = {};
   for (int i = 0; i < device->keypairCount; i++) {
-    Keypair* keypair = device->keypairs[i];
-    int curve = 0;
-    EVP_PKEY* key = DecryptKeyPair(keypair->algorithm, keypair, pin, &curve);
-    if (key == nullptr) {
+    const Keypair* keypair = device->keypairs[i];
+    keys[i].reset(DecryptKeyPair(keypair->algorithm, keypair, pin, &curves[i]));
+    if (!keys[i]) {
       DropKeys(device, i);
       return VAKRO_WRONG_PIN;
     }
-    SetPrivateKey(keypair, key);
-    if (keypair->algorithm == ALGORITHM_ECC) WriteShared(keypair->curve, curve);
+  }
+  for (int i = 0; i < device->keypairCount; i++) {
+    Keypair* keypair = device->keypairs[i];
+    const bool ecc = keypair->algorithm == ALGORITHM_ECC;
+    SetPrivateKey(keypair, keys[i].release(), ecc ? curves[i] : keypair->curve);
   }
   device->pin = CopyPin(pin);
   return device->pin != nullptr ? VAKRO_OK : VAKRO_FAILED;

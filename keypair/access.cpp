@@ -3,6 +3,7 @@
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
+#include "keypair/private_key.h"
 #include "store/store.h"
 
 #include <string.h>
@@ -17,15 +18,22 @@ int HasKeypair(const Device* device, unsigned int type, const char* label) {
 
 EVP_PKEY* GetPrivateKey(const Keypair* keypair) { return keypair->privateKey; }
 
-int FetchPrivateKey(const Keypair* keypair, EvpKey& key, int& curve) {
-  const ModuleLock lock;
+int FetchPrivateKey(const Keypair* keypair, PrivateKey& fetched) {
+  const KeyLock lock;
   if (!lock.held) return VAKRO_FAILED;
   EVP_PKEY* const cached = GetPrivateKey(keypair);
   if (cached == nullptr) return VAKRO_NOT_VERIFIED;
   if (EVP_PKEY_up_ref(cached) != 1) return VAKRO_FAILED;
-  key.reset(cached);
-  curve = keypair->curve;
+  fetched.key.reset(cached);
+  fetched.curve = keypair->curve;
+  fetched.factor = keypair->signingFactor;
   return VAKRO_OK;
+}
+
+void KeepSigningFactor(Keypair* keypair, const PrivateKey& fetched) {
+  const KeyLock lock;
+  if (lock.held && GetPrivateKey(keypair) == fetched.key.get())
+    keypair->signingFactor = fetched.factor;
 }
 
 int DeleteKeypairFromDevice(Device* device, Keypair* keypair) {
@@ -47,7 +55,7 @@ Keypair* DeviceGetKeypair(Device* device, int index) {
   if (device == nullptr || index < 0) return nullptr;
   const ModuleLock lock;
   if (!lock.held || index >= device->keypairCount) return nullptr;
-  device->refCount++;
+  AddReferences(device, 1);
   return device->keypairs[index];
 }
 

@@ -3,6 +3,7 @@
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
+#include "keypair/private_key.h"
 #include "sm2/sm2.h"
 
 #include <limits.h>
@@ -60,23 +61,27 @@ static int DecryptRSA(EVP_PKEY* key, unsigned int algorithm, const CipherRequest
   return AnswerBytes(block.bytes, plaintextLen, request.output, request.size, request.length);
 }
 
+static int FetchUnderModuleLock(const Keypair* keypair, PrivateKey& fetched) {
+  const ModuleLock lock;
+  return lock.held ? FetchPrivateKey(keypair, fetched) : VAKRO_FAILED;
+}
+
 int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void* /*parameters*/,
                             const unsigned char* ciphertext, int ciphertextLen,
                             unsigned char* plaintext, int size, int* length) {
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
-  EvpKey key;
-  int curve = 0;
-  const int fetched = FetchPrivateKey(keypair, key, curve);
-  if (fetched != VAKRO_OK) return fetched;
+  PrivateKey fetched;
+  const int result = FetchUnderModuleLock(keypair, fetched);
+  if (result != VAKRO_OK) return result;
   if (length == nullptr) return VAKRO_FAILED;
   const CipherRequest request = {ciphertext, ciphertextLen, plaintext, size, length};
   const Computing computing;
-  switch (EVP_PKEY_get_id(key.get())) {
+  switch (EVP_PKEY_get_id(fetched.key.get())) {
     case EVP_PKEY_EC:
-      if (algorithm != ALGORITHM_SM2_ENCRYPT || curve != CURVE_SM2) return VAKRO_FAILED;
-      return DecryptSM2(key.get(), request);
+      if (algorithm != ALGORITHM_SM2_ENCRYPT || fetched.curve != CURVE_SM2) return VAKRO_FAILED;
+      return DecryptSM2(fetched.key.get(), request);
     case EVP_PKEY_RSA:
-      return DecryptRSA(key.get(), algorithm, request);
+      return DecryptRSA(fetched.key.get(), algorithm, request);
     default:
       return VAKRO_FAILED;
   }

@@ -1,5 +1,6 @@
 // Key generation, onto the device or as temporary keypairs.
 #include "core/lock.h"
+#include "core/openssl_owners.h"
 #include "keypair/stored.h"
 #include "sm2/sm2.h"
 

@@ -1,4 +1,5 @@
 // Import of a keypair from the crypto library's keypair encoding.
+#include "core/openssl_owners.h"
 #include "keypair/stored.h"
 #include "sm2/sm2.h"
 

@@ -6,7 +6,10 @@
 #ifndef VAKRO_KEYPAIR_KEYPAIR_H
 #define VAKRO_KEYPAIR_KEYPAIR_H
 
-#include "core/openssl_owners.h"
+#include "core/records.h"
+#include "vakro_crypto.h"
+
+typedef struct rsa_st RSA;  // OpenSSL's
 
 inline constexpr int PRIVATE_KEY_CIPHER_ID = VAKRO_CIPHER_AES256_GCM;
 inline constexpr int MAGIC_SIZE = 8;        // of both key encodings
@@ -68,11 +71,6 @@ EVP_PKEY* GetRSAPublicKey(const unsigned char* encoding, int length, int* bits);
 int ToRSAPublicKeyEncode(RSA* rsa, unsigned char** encoding, int* encodingLen);
 
 }  // extern "C"
-
-// FetchPrivateKey takes a reference on the keypair's private key under the module lock, so that it
-// can be used outside it, and reads the curve that belongs to it. Returns 1; -8 when there is no
-// key; 0 when the lock fails.
-int FetchPrivateKey(const Keypair* keypair, EvpKey& key, int& curve);
 
 // IsBlock says whether a caller's bytes can be read; where there are none the pointer may be NULL.
 inline bool IsBlock(const unsigned char* bytes, int length) {

@@ -3,6 +3,7 @@
 // blob to its device file through the associated data. docs/device-file.md draws it.
 #include "core/answer.h"
 #include "core/lock.h"
+#include "core/openssl_owners.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"

@@ -1,6 +1,7 @@
 // Public-key handles, and the RSA side of the public-key encoding.
 #include "core/answer.h"
 #include "core/lock.h"
+#include "core/openssl_owners.h"
 #include "keypair/keypair.h"
 #include "sm2/sm2.h"
 

@@ -3,6 +3,7 @@
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
+#include "keypair/private_key.h"
 #include "sm2/sm2.h"
 
 #include <string.h>
@@ -68,37 +69,22 @@ static int SignECDSA(const EVP_PKEY* key, const SignRequest& request) {
                      request.length);
 }
 
-using SigningFactor = Wiped<sizeof(Keypair::signingFactor)>;
-
-// Takes the factor from the record, or makes it and, if `key` still is the record's, leaves it
-// there: computing it costs an eighth of a signature.
-static bool FetchSigningFactor(Keypair* keypair, EVP_PKEY* key, SigningFactor& factor) {
-  const ModuleLock lock;
-  if (!lock.held) return false;
-  unsigned char(&kept)[sizeof(factor.bytes)] = keypair->signingFactor;
-  const bool current = GetPrivateKey(keypair) == key;
-  if (current && !IsAllZero(kept, sizeof(kept))) {
-    memcpy(factor.bytes, kept, sizeof(kept));
-    return true;
-  }
-  if (SM2GetSigningFactor(key, factor.bytes) != 1) return false;
-  if (current) memcpy(kept, factor.bytes, sizeof(kept));
-  return true;
-}
-
-static int SignSM2(Keypair* keypair, EVP_PKEY* key, const SignRequest& request) {
+static int SignSM2(Keypair* keypair, PrivateKey& fetched, const SignRequest& request) {
   if (g_sm2 == nullptr || request.dataLen != SM2_FIELD_SIZE) return VAKRO_FAILED;
   if (request.signature == nullptr) {
     *request.length = SM2_SIGNATURE_SIZE;
     return VAKRO_OK;
   }
-  SigningFactor factor;
-  if (!request.HasData() || !FetchSigningFactor(keypair, key, factor)) return VAKRO_FAILED;
+  if (!request.HasData()) return VAKRO_FAILED;
   const Computing computing;
+  // Computing the factor costs an eighth of a signature, so it stays with the record.
+  int isNew = 0;
+  if (SM2FindFactor(fetched.key.get(), &fetched.factor, &isNew) != 1) return VAKRO_FAILED;
+  if (isNew != 0) KeepSigningFactor(keypair, fetched);
   unsigned char* signature = nullptr;
   int length = 0;
   const int result =
-      SM2SignWithFactor(factor.bytes, request.data, request.dataLen, &signature, &length);
+      SM2SignWithFactor(&fetched.factor, request.data, request.dataLen, &signature, &length);
   if (result != VAKRO_OK) return result;
   const LibBytes owned(signature);
   return AnswerBytes(signature, length, request.signature, request.size, request.length);
@@ -108,19 +94,18 @@ int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameter
                const unsigned char* data, int dataLen, unsigned char* signature, int size,
                int* length) {
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
-  EvpKey key;
-  int curve = 0;
-  const int fetched = FetchPrivateKey(keypair, key, curve);
-  if (fetched != VAKRO_OK) return fetched;
+  PrivateKey fetched;
+  const int result = FetchPrivateKey(keypair, fetched);
+  if (result != VAKRO_OK) return result;
   if (length == nullptr) return VAKRO_FAILED;
   const SignRequest request = {data, dataLen, signature, size, length};
-  switch (EVP_PKEY_get_id(key.get())) {
+  switch (EVP_PKEY_get_id(fetched.key.get())) {
     case EVP_PKEY_RSA:
-      return SignRSA(key.get(), algorithm, request);
+      return SignRSA(fetched.key.get(), algorithm, request);
     case EVP_PKEY_EC:
-      if (algorithm == ALGORITHM_ECDSA_SIGN) return SignECDSA(key.get(), request);
-      if (algorithm == ALGORITHM_SM2_SIGN && curve == CURVE_SM2)
-        return SignSM2(keypair, key.get(), request);
+      if (algorithm == ALGORITHM_ECDSA_SIGN) return SignECDSA(fetched.key.get(), request);
+      if (algorithm == ALGORITHM_SM2_SIGN && fetched.curve == CURVE_SM2)
+        return SignSM2(keypair, fetched, request);
       return VAKRO_FAILED;
     default:
       return VAKRO_FAILED;

@@ -1,6 +1,7 @@
 // What generation and import share: the checks before a key is made, and its way onto the device.
 #include "keypair/stored.h"
 
+#include "core/openssl_owners.h"
 #include "store/store.h"
 
 #include <string.h>
@@ -57,7 +58,7 @@ int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypai
   // The file holds the keypair; nothing below can fail.
   keypair->isTemp = 0;
   keypair->device = device;
-  device->refCount += 2;
+  AddReferences(device, 2);
   *out = keypair.get();
   device->keypairs[device->keypairCount] = keypair.release();
   WriteShared(device->keypairCount, device->keypairCount + 1);

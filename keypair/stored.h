@@ -2,6 +2,7 @@
 #ifndef VAKRO_KEYPAIR_STORED_H
 #define VAKRO_KEYPAIR_STORED_H
 
+#include "core/owners.h"
 #include "keypair/keypair.h"
 
 // CheckRoom: 1; -6 when the device holds a keypair of this type and label; 0 when it is full.

@@ -1,6 +1,8 @@
 // SM2 signature, GB/T 32918.2, from the digest e on: A3 to A7 and B1 to B7 but for the hashing.
 #include "sm2/operands.h"
 
+#include <string.h>
+
 static constexpr int TRY_AGAIN = -1;
 
 // An empty digest is the number 0; its bytes may be NULL.
@@ -9,10 +11,8 @@ static bool IsDigest(const unsigned char* e, int eLen) {
 }
 
 // The signing factor, (1 + d)^-1 mod n. False when 1 + d has no inverse.
-static bool ComputeFactor(const BIGNUM* d, SecretScalar& factor) {
+static bool ComputeFactor(const ScalarBytes& bytes, SecretScalar& factor) {
   static constexpr unsigned char ONE[] = {1};
-  ScalarBytes bytes;
-  if (!ReadSecret(d, bytes)) return false;
   SecretScalar scalar;
   SM2Scalar one;
   SM2ReadScalar(&scalar, bytes.bytes, SM2_FIELD_SIZE);
@@ -21,10 +21,10 @@ static bool ComputeFactor(const BIGNUM* d, SecretScalar& factor) {
   return SM2InvertScalar(&factor, &scalar) == 1;
 }
 
-static bool ComputeFactor(EVP_PKEY* key, SecretScalar& factor) {
+static bool ReadSecret(EVP_PKEY* key, ScalarBytes& bytes) {
   const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
   const BIGNUM* d = ec == nullptr ? nullptr : EC_KEY_get0_private_key(ec);
-  return d != nullptr && ComputeFactor(d, factor);
+  return d != nullptr && ReadSecret(d, bytes);
 }
 
 // A7. The encoder gets the numbers in their shortest form.
@@ -83,26 +83,36 @@ static int Sign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned
 
 int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char** sig,
                int* sigLen) {
+  ScalarBytes bytes;
   SecretScalar factor;
-  return ComputeFactor(d, factor) ? TrySign(factor, e, eLen, sig, sigLen) : 0;
+  if (!ReadSecret(d, bytes) || !ComputeFactor(bytes, factor) || !IsDigest(e, eLen)) return 0;
+  return TrySign(factor, e, eLen, sig, sigLen);
 }
 
 int SM2Sign(EVP_PKEY* key, const unsigned char* e, int eLen, unsigned char** sig, int* sigLen) {
+  ScalarBytes bytes;
   SecretScalar factor;
-  return ComputeFactor(key, factor) ? Sign(factor, e, eLen, sig, sigLen) : 0;
+  if (!ReadSecret(key, bytes) || !ComputeFactor(bytes, factor)) return 0;
+  return Sign(factor, e, eLen, sig, sigLen);
 }
 
-int SM2GetSigningFactor(EVP_PKEY* key, unsigned char* factor) {
-  SecretScalar scalar;
-  if (!ComputeFactor(key, scalar)) return 0;
-  SM2WriteScalar(factor, &scalar);
+int SM2FindFactor(EVP_PKEY* key, SigningFactor* factor, int* isNew) {
+  ScalarBytes bytes;
+  if (!ReadSecret(key, bytes)) return 0;
+  *isNew = IsAllZero(factor->inverse, SM2_FIELD_SIZE) ||
+           CRYPTO_memcmp(factor->scalar, bytes.bytes, SM2_FIELD_SIZE) != 0;
+  if (!*isNew) return 1;
+  SecretScalar inverse;
+  if (!ComputeFactor(bytes, inverse)) return 0;
+  memcpy(factor->scalar, bytes.bytes, SM2_FIELD_SIZE);
+  SM2WriteScalar(factor->inverse, &inverse);
   return 1;
 }
 
-int SM2SignWithFactor(const unsigned char* factor, const unsigned char* e, int eLen,
+int SM2SignWithFactor(const SigningFactor* factor, const unsigned char* e, int eLen,
                       unsigned char** sig, int* sigLen) {
   SecretScalar scalar;
-  SM2ReadScalar(&scalar, factor, SM2_FIELD_SIZE);
+  SM2ReadScalar(&scalar, factor->inverse, SM2_FIELD_SIZE);
   return Sign(scalar, e, eLen, sig, sigLen);
 }
 

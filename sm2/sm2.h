@@ -62,12 +62,13 @@ int SM2Sign(EVP_PKEY* key, const unsigned char* e, int eLen, unsigned char** sig
 // TrySM2Sign makes one attempt, steps A3 to A7: 1, 0, or -1 when the standard asks for a new k.
 int TrySM2Sign(const BIGNUM* d, const unsigned char* e, int eLen, unsigned char** sig, int* sigLen);
 
-// SM2GetSigningFactor computes (1 + d)^-1 mod n, 32 bytes, never zero. Signing takes nothing else
-// of a private key, so it is as secret as the key. Returns 0 for a key that can't sign.
-int SM2GetSigningFactor(EVP_PKEY* key, unsigned char* factor);
+// SM2FindFactor sees to it that `factor` is the one of `key`: it keeps one that is and replaces any
+// other; *isNew tells which. The factor is as secret as the key. Returns 0, and changes nothing,
+// for a key that can't sign.
+int SM2FindFactor(EVP_PKEY* key, SigningFactor* factor, int* isNew);
 
 // SM2SignWithFactor is SM2Sign for a key whose factor is at hand.
-int SM2SignWithFactor(const unsigned char* factor, const unsigned char* e, int eLen,
+int SM2SignWithFactor(const SigningFactor* factor, const unsigned char* e, int eLen,
                       unsigned char** sig, int* sigLen);
 
 // SM2Verify returns 1 for a valid signature; 0, or the decoder's own result, for any other.

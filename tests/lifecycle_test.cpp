@@ -82,7 +82,6 @@ TEST_F(LockTest, WithoutItACallFails) {
   EXPECT_REFUSED(0, DeviceAddCertificate(p256_, bytes, 4));
   EXPECT_REFUSED(0, DeviceDeleteCertificate(p256_, 0));
   EXPECT_REFUSED(-8, DeviceDeleteCertificate(closed_->keypairs[1], 0));
-  EXPECT_REFUSED(0, DeviceSign(rsa_, 256, nullptr, bytes, 4, out_, 600, &n_));
   EXPECT_REFUSED(0, DevicePrivateKeyDecrypt(rsa_, 16, nullptr, out_, 256, out_, 600, &n_));
   EXPECT_REFUSED(0, DeviceGenerateKeypair(device_.get(), 4, 256, &p256, 9, "new", &made_));
   EXPECT_REFUSED(0,

@@ -168,7 +168,7 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
     Call([&] { sm2 = ImportSm2(device.get()); });
     Call([&] { rsa = Import(device.get(), TestRsa().pair, 1, "RSA"); });
     Call([&] { Sign(sm2.get()); });
-    EXPECT_EQ(memcmp(sm2->signingFactor, FACTOR.bytes.data(), 32), 0);
+    EXPECT_EQ(memcmp(sm2->signingFactor.inverse, FACTOR.bytes.data(), 32), 0);
     Call([&] { Decrypt(sm2.get(), ALGORITHM_SM2_ENCRYPT); });
     Call([&] { Decrypt(rsa.get(), ALGORITHM_RSA_PKCS1_ENCRYPT); });
     Call([&] { EXPECT_EQ(Verify(device.get(), WRONG_PIN), -5); });
