@@ -152,10 +152,9 @@ void AddReferences(Device* device, unsigned int count);
 // outside. Caller locks.
 void ReleaseReferences(Device* device, unsigned int count);
 
-// ReturnReference gives back one reference that was taken only for the time of a call. Takes the
-// module lock; where that can't be had the count is right all the same, but a device whose last
-// reference this was is not freed.
-void ReturnReference(Device* device);
+// LowerReferences gives back one reference where the lock can't be had: the count is right, but a
+// device whose last reference this was is not freed.
+void LowerReferences(Device* device);
 
 }  // extern "C"
 #endif

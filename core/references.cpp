@@ -11,13 +11,7 @@ void ReleaseReferences(Device* device, unsigned int count) {
   if (left == static_cast<unsigned int>(device->keypairCount)) FreeDevice(device);
 }
 
-void ReturnReference(Device* device) {
-  const ModuleLock lock;
-  if (lock.held)
-    ReleaseReferences(device, 1);
-  else
-    std::atomic_ref(device->refCount).fetch_sub(1);
-}
+void LowerReferences(Device* device) { std::atomic_ref(device->refCount).fetch_sub(1); }
 
 Device* DeviceGetDevice(DeviceSet* set, unsigned int index) {
   if (set == nullptr || set->count < 0 || index >= static_cast<unsigned int>(set->count))

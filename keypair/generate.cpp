@@ -58,6 +58,13 @@ int GenerateTempRSAKeypair(unsigned int bits, const RSAKeypairParams* params, un
 }
 
 namespace {
+// Gives a reference back at the end of a scope that holds the lock, or has tried to.
+struct BorrowedDevice {
+  Device* const device;
+  const bool locked;
+  ~BorrowedDevice() { locked ? ReleaseReferences(device, 1) : LowerReferences(device); }
+};
+
 struct Request {
   unsigned int algorithm;
   int bits;
@@ -78,16 +85,32 @@ static int MakeTemp(const Request& request, Keypair** out) {
   return GenerateTempECCKeypair(params->curve, request.bits, static_cast<int>(request.type), out);
 }
 
+static int CheckStorable(const Device* device, unsigned int type, const char* label) {
+  const int room = CheckRoom(device, type, label);
+  return room == VAKRO_OK ? CheckOwner(device, label) : room;
+}
+
+// Nobody waits for prime numbers: the key is made while no lock is held. What allowed it may be
+// gone when it is there (the PIN, the room, the label), so that is looked at again. The caller's
+// handle may be gone, too; a reference of our own keeps the device meanwhile.
 static int MakeStored(Device* device, const Request& request, const char* label, Keypair** out) {
-  const ModuleLock lock;
-  if (!lock.held) return VAKRO_FAILED;
-  const int room = CheckRoom(device, request.type, label);
-  if (room != VAKRO_OK) return room;
-  const int owner = CheckOwner(device, label);
-  if (owner != VAKRO_OK) return owner;
+  {
+    const ModuleLock lock;
+    if (!lock.held) return VAKRO_FAILED;
+    const int allowed = CheckStorable(device, request.type, label);
+    if (allowed != VAKRO_OK) return allowed;
+    AddReferences(device, 1);
+  }
   Keypair* made = nullptr;
-  if (MakeTemp(request, &made) != 1) return VAKRO_FAILED;
-  return StoreKeypair(device, OwnedKeypair(made), label, out);
+  const int result = MakeTemp(request, &made);
+  OwnedKeypair keypair(made);
+  const ModuleLock lock;
+  const BorrowedDevice borrowed = {device, lock.held};
+  if (result != VAKRO_OK) return result;
+  if (!lock.held) return VAKRO_FAILED;
+  const int allowed = CheckStorable(device, request.type, label);
+  if (allowed != VAKRO_OK) return allowed;
+  return StoreKeypair(device, std::move(keypair), label, out);
 }
 
 int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* parameters,
