@@ -1,0 +1,204 @@
+// New devices. The file is written without a name and gets it when it is complete; where the file
+// system does not know files without names, it is written under its name, and a crash on the way
+// leaves a file that no scan accepts.
+#include "device/create.h"
+
+#include "device/anchor.h"
+#include "device/device.h"
+#include "store/store.h"
+
+#include <openssl/rand.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <utility>
+
+static constexpr size_t SERIAL_BYTES = 8;  // of a random serial number
+static constexpr size_t FILE_NAME_SIZE = 3 * NAME_SIZE;
+
+static bool DrawSerialNumber(char (&text)[NAME_SIZE]) {
+  unsigned char bytes[SERIAL_BYTES];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) return false;
+  for (size_t i = 0; i < sizeof bytes; i++) snprintf(text + 2 * i, 3, "%02X", bytes[i]);
+  return true;
+}
+
+// The name of a device's file: its serial number, in which everything is escaped that may mean
+// something to a file system or, like a dot, to the module; and the escape character itself, so
+// that no two serial numbers have the same name.
+static void MakeFileName(const char* serialNumber, char (&name)[FILE_NAME_SIZE]) {
+  char* at = name;
+  for (; *serialNumber != '\0'; serialNumber++) {
+    const char c = *serialNumber;
+    const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    if (plain || c == '-') {
+      *at++ = c;
+    } else {
+      at += snprintf(at, 4, "_%02X", static_cast<unsigned int>(static_cast<unsigned char>(c)));
+    }
+  }
+  *at = '\0';
+}
+
+static bool IsName(const char* text) {
+  const size_t length = strnlen(text, NAME_SIZE);
+  return length >= 1 && length < NAME_SIZE;
+}
+
+Device* NewDeviceRecord(const char* serialNumber, const char* label) {
+  OwnedDevice device(NewDevice());
+  unsigned char tag[4];
+  if (!device || RAND_bytes(tag, sizeof tag) != 1) return nullptr;
+  device->fileTag = be2int(tag);
+  if (!IsName(label) || (serialNumber != nullptr && !IsName(serialNumber))) return nullptr;
+  memcpy(device->label, label, strlen(label) + 1);
+  if (serialNumber == nullptr) {
+    if (!DrawSerialNumber(device->serialNumber)) return nullptr;
+  } else {
+    memcpy(device->serialNumber, serialNumber, strlen(serialNumber) + 1);
+  }
+  char name[FILE_NAME_SIZE];
+  MakeFileName(device->serialNumber, name);
+  device->filePath = GetFilePath(g_keyFolder, name);
+  memcpy(name + strlen(name), BACKUP_SUFFIX, sizeof(BACKUP_SUFFIX));
+  device->backupPath = GetFilePath(g_keyFolder, name);
+  return device->filePath != nullptr && device->backupPath != nullptr ? device.release() : nullptr;
+}
+
+// Makes the folder at `path`, which ends in a slash, and those above it, where they are missing.
+static bool MakeFolder(const char* path) {
+  const UtilText copy(GetFilePath(path, ""));
+  if (!copy) return false;
+  for (char* slash = strchr(copy.get() + 1, '/'); slash != nullptr;
+       slash = strchr(slash + 1, '/')) {
+    *slash = '\0';
+    const bool made = mkdir(copy.get(), 0700) == 0;
+    if (!made && errno != EEXIST) return false;
+    if (made) SyncFolder(copy.get());
+    *slash = '/';
+  }
+  return true;
+}
+
+// 1, or why there is no room for another device. The scan also puts devices back that are there as
+// backups only.
+static int CheckFolder(const char* serialNumber) {
+  DeviceSet* const set = DeviceGetAllDevices();
+  if (set == nullptr) return VAKRO_FAILED;
+  int result = set->count < MAX_DEVICES ? VAKRO_OK : NO_ROOM;
+  for (int i = 0; i < set->count; i++)
+    if (strcmp(set->devices[i]->serialNumber, serialNumber) == 0) result = VAKRO_ALREADY_EXISTS;
+  DeviceFreeDevices(set);
+  return result;
+}
+
+static Json TreeOf(const Device* device) {
+  Json root(vakro_json_newarray());
+  const Json keypairs(vakro_json_newarray());
+  if (!root || !keypairs) return nullptr;
+  for (int i = 0; i < device->keypairCount; i++)
+    if (!AddItem(keypairs.get(), Json(Keypair2Json(device->keypairs[i])))) return nullptr;
+  if (!AddName(root.get(), device->serialNumber) || !AddName(root.get(), device->label) ||
+      !AddItem(root.get(), keypairs))
+    return nullptr;
+  return root;
+}
+
+static UtilBytes ImageOf(const Device* device, size_t& size) {
+  const Json tree = TreeOf(device);
+  unsigned int length = 0;
+  const UtilText text = tree ? EncodeTree(tree.get(), &length) : nullptr;
+  if (!text) return nullptr;
+  unsigned char* rawDigest = nullptr;
+  unsigned int digestLen = 0;
+  if (CalculateHash(FILE_HASH_ID, reinterpret_cast<const unsigned char*>(text.get()), length,
+                    &rawDigest, &digestLen) != 1)
+    return nullptr;
+  const LibBytes digest(rawDigest);
+  size = HEADER_SIZE + length + DIGEST_SIZE;
+  UtilBytes image(Allocate<unsigned char>(size, "device"));
+  if (!image || digestLen != DIGEST_SIZE) return nullptr;
+  int2be(device->fileTag, image.get() + TAG_OFFSET);
+  int2be(length, image.get() + LENGTH_OFFSET);
+  memcpy(image.get() + HEADER_SIZE, text.get(), length);
+  memcpy(image.get() + HEADER_SIZE + length, digest.get(), DIGEST_SIZE);
+  return image;
+}
+
+static bool WriteAll(int fd, const unsigned char* bytes, size_t length) {
+  while (length > 0) {
+    const ssize_t written = write(fd, bytes, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes += written;
+    length -= static_cast<size_t>(written);
+  }
+  return fsync(fd) == 0;
+}
+
+// What linking a nameless file can't do here is tried in the plain way.
+static bool NeedsPlainWay(int cause) {
+  return cause == EOPNOTSUPP || cause == EISDIR || cause == ENOENT || cause == EPERM ||
+         cause == EINVAL || cause == ENOSYS;
+}
+
+// 1, 0 with errno set, -6; NOT_HERE when the file system, or a missing /proc, does not allow it.
+static constexpr int NOT_HERE = -31;
+static int WriteNameless(const char* path, const unsigned char* image, size_t size) {
+  const Descriptor file(open(g_keyFolder, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  if (file.fd < 0) return NeedsPlainWay(errno) ? NOT_HERE : VAKRO_FAILED;
+  if (!WriteAll(file.fd, image, size)) return VAKRO_FAILED;
+  char link[40];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", file.fd);
+  if (linkat(AT_FDCWD, link, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0) return VAKRO_OK;
+  if (errno == EEXIST) return VAKRO_ALREADY_EXISTS;
+  return NeedsPlainWay(errno) ? NOT_HERE : VAKRO_FAILED;
+}
+
+static int WriteNamed(const char* path, const unsigned char* image, size_t size) {
+  const Descriptor file(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (file.fd < 0) return errno == EEXIST ? VAKRO_ALREADY_EXISTS : VAKRO_FAILED;
+  if (WriteAll(file.fd, image, size)) return VAKRO_OK;
+  const int cause = errno;
+  unlink(path);
+  errno = cause;
+  return VAKRO_FAILED;
+}
+
+int StoreNewDevice(const Device* device) {
+  if (!MakeFolder(g_keyFolder)) return VAKRO_FAILED;
+  const int room = CheckFolder(device->serialNumber);
+  if (room != VAKRO_OK) return room;
+  // A backup would one day take the place of the file.
+  if (access(device->backupPath, F_OK) == 0) return VAKRO_ALREADY_EXISTS;
+  size_t size = 0;
+  const UtilBytes image = ImageOf(device, size);
+  if (!image) {
+    errno = ENOMEM;
+    return VAKRO_FAILED;
+  }
+  int written = WriteNameless(device->filePath, image.get(), size);
+  if (written == NOT_HERE) written = WriteNamed(device->filePath, image.get(), size);
+  if (written != VAKRO_OK || SyncFolder(device->filePath)) return written;
+  const int cause = errno;
+  unlink(device->filePath);
+  errno = cause;
+  return VAKRO_FAILED;
+}
+
+int CreateDevice(const char* serialNumber, const char* label, const char* pin, char** path) {
+  if (path != nullptr) *path = nullptr;
+  errno = ENOMEM;
+  const OwnedDevice device(NewDeviceRecord(serialNumber, label));
+  if (!device) return VAKRO_FAILED;
+  if (pin != nullptr) {
+    const int anchored = AddAnchor(device.get(), pin);
+    if (anchored != VAKRO_OK) return anchored;
+  }
+  const int stored = StoreNewDevice(device.get());
+  // The record's own copy: it has done its duty.
+  if (path != nullptr) *path = std::exchange(device->filePath, nullptr);
+  return stored;
+}
