@@ -14,8 +14,8 @@ struct Session;
 // threads may use it side by side, without a lock.
 struct Key {
   std::atomic<unsigned int> references{1};
-  Keypair* keypair = nullptr;  // DeviceFreeKeypair; NULL for a public key alone. After a logout
-                               // the device functions answer VAKRO_NOT_VERIFIED.
+  Keypair* keypair = nullptr;      // DeviceFreeKeypair; NULL for a public key alone. After a logout
+                                   // the device functions answer VAKRO_NOT_VERIFIED.
   PublicKey* publicKey = nullptr;  // DeviceFreePublicKey; its curve is known
   KeyKind kind = KeyKind::NONE;
   int bits = 0;

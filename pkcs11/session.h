@@ -13,8 +13,8 @@ struct Search;
 
 struct Session {
   CK_SESSION_HANDLE handle = 0;
-  CK_FLAGS flags = 0;    // CKF_RW_SESSION, CKF_SERIAL_SESSION
-  Slot* slot = nullptr;  // lives until C_Finalize
+  CK_FLAGS flags = 0;                                 // CKF_RW_SESSION, CKF_SERIAL_SESSION
+  Slot* slot = nullptr;                               // lives until C_Finalize
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // taken before any lock of the slot
   std::atomic<unsigned int> references{1};
   bool closed = false;       // under `mutex`; the session may still be held, but is no more
