@@ -14,6 +14,7 @@
 //                a folder must not be scanned while another thread changes a device of it, nor a
 //                list be read while another thread changes it. One recursive lock guards the rest.
 //   Byte order   big-endian wherever a number stands in bytes.
+//   OpenSSL      a thread's queue of errors is left as it was found.
 //
 // Usable from C11 and C++.
 #ifndef VAKRO_DEVICE_H
@@ -60,12 +61,14 @@ enum VakroAlgorithmClass {
   ALGORITHM_CLASS_KEYPAIR = 7,
 };
 
+// WARNING: keypairs on P-192, P-224, P-384 and P-521 are for temporary use only. One that is stored
+// can't be opened again, and after the next load no PIN opens its device, with all its other keys.
 enum VakroCurve {
-  CURVE_P192 = 1,
-  CURVE_P224 = 2,
+  CURVE_P192 = 1,  // temporary keypairs only
+  CURVE_P224 = 2,  // temporary keypairs only
   CURVE_P256 = 3,
-  CURVE_P384 = 4,
-  CURVE_P521 = 5,
+  CURVE_P384 = 4,  // temporary keypairs only
+  CURVE_P521 = 5,  // temporary keypairs only
   CURVE_192 = 6,  // has a size and no group: unusable for keys
   CURVE_SM2 = 7,
 };
@@ -231,12 +234,16 @@ int DeviceDeleteKeypair(Keypair* keypair);
 //   type        the caller's value, not 0; with `label` it is unique on the device
 //   label       NUL-terminated, at most 63 characters
 // Returns 1; -6 type and label exist; -8 PIN not verified; -9 other algorithm; 0 failure, with
-// device and file unchanged. Holds the module lock throughout.
+// device and file unchanged. The module lock is not held while the key is made: what has changed
+// meanwhile counts, so that another thread's keypair of this type and label gives -6 here.
+// WARNING: a stored keypair on P-192, P-224, P-384 or P-521 gives 1 and leaves a device that no PIN
+// opens after the next load (see VakroCurve).
 int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* parameters,
                           unsigned int type, const char* label, Keypair** out);
 
 // DeviceImportKeypair stores a keypair from the crypto library's keypair encoding ("_KEYPAIR",
-// algorithm word, body). Results as DeviceGenerateKeypair; -2 for a NULL device.
+// algorithm word, body). Results as DeviceGenerateKeypair; -2 for a NULL device. Of elliptic curves
+// it takes P-256 and SM2. Holds the module lock throughout.
 int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encodingLen,
                         unsigned int type, const char* label, Keypair** out);
 
@@ -270,8 +277,8 @@ int DeviceGetPublicKeyBits(PublicKey* key);
 //              the modulus size; 2048: ECDSA; 4096: SM2, `data` is the 32-byte digest e
 //   signature  RSA: the modulus size; ECDSA and SM2: DER SEQUENCE { r, s }, big-endian integers
 // Returns 1; -4; -8 PIN not verified; -2 NULL keypair; 0 refused or failed. The size query answers
-// the largest size (SM2: 80); the length after signing is the true one. The module lock is held
-// only while the key is fetched, so threads sign side by side.
+// the largest size (SM2: 80); the length after signing is the true one. Takes no module lock: a
+// signature waits for nobody, and threads sign side by side.
 int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* parameters,
                const unsigned char* data, int dataLen, unsigned char* signature, int size,
                int* length);
