@@ -1,5 +1,6 @@
 // The data-object calls: each reads the list from the device file, works on it, and writes the
 // whole list back if it has changed. They need no PIN.
+#include "core/error_mark.h"
 #include "core/owners.h"
 #include "core/secret.h"
 #include "device/device.h"
@@ -48,6 +49,7 @@ struct DataList {
 }  // namespace
 
 int DeviceCreateData(Device* device, int id, int /*reserved*/, int length) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1 || length < 1) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
@@ -60,6 +62,7 @@ int DeviceCreateData(Device* device, int id, int /*reserved*/, int length) {
 
 int DeviceReadDataEx(Device* device, int id, int offset, unsigned char* buffer, int size,
                      unsigned int* length) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
@@ -83,6 +86,7 @@ static bool Fits(const Data& data, int offset, int length) {
 }
 
 int DeviceWriteDataEx(Device* device, int id, int offset, const unsigned char* bytes, int length) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1 || length < 1 || bytes == nullptr) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
@@ -96,6 +100,7 @@ int DeviceWriteDataEx(Device* device, int id, int offset, const unsigned char* b
 }
 
 int DeviceDeleteData(Device* device, int id) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);

@@ -1,4 +1,5 @@
 // Start and stop of the module, and what becomes of it in a forked child.
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/owners.h"
 #include "device/device.h"
@@ -35,6 +36,7 @@ static bool HandleForks() {
 }
 
 int DeviceInit(void) {
+  const ErrorMark mark;
   const StartLock starting;
   if (g_lock != nullptr) return VAKRO_OK;  // what runs goes on
   if (!HandleForks()) return VAKRO_FAILED;

@@ -1,5 +1,6 @@
 // The PIN: a PIN is right when it decrypts every private key of the device; nothing of it is
 // stored. A verified device keeps its keys and a copy of the PIN until it is freed.
+#include "core/error_mark.h"
 #include "core/openssl_owners.h"
 #include "core/secret.h"
 #include "device/device.h"
@@ -106,6 +107,7 @@ int ChangePin(Device* device, const char* newPin) {
 }
 
 int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_FAILED;
   if (retries != nullptr) *retries = -1;
   if (type != PIN_TYPE_USER) return VAKRO_NOT_SUPPORTED;
@@ -117,6 +119,7 @@ int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries) {
 
 int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* newPin,
                     int* retries) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_FAILED;
   if (type != PIN_TYPE_USER) return VAKRO_NOT_SUPPORTED;
   if (retries != nullptr) *retries = -1;

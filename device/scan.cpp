@@ -4,6 +4,7 @@
 // the backup is stale and goes; where the device file is missing or damaged the backup takes its
 // place. A device file that could not be looked at, for want of memory or a descriptor, counts as
 // neither: its backup is left alone.
+#include "core/error_mark.h"
 #include "core/owners.h"
 #include "device/device.h"
 #include "store/store.h"
@@ -137,4 +138,7 @@ DeviceSet* GetDeviceSetHandle(void) {
   return set.release();
 }
 
-DeviceSet* DeviceGetAllDevices(void) { return GetDeviceSetHandle(); }
+DeviceSet* DeviceGetAllDevices(void) {
+  const ErrorMark mark;
+  return GetDeviceSetHandle();
+}

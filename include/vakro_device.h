@@ -69,7 +69,7 @@ enum VakroCurve {
   CURVE_P256 = 3,
   CURVE_P384 = 4,  // temporary keypairs only
   CURVE_P521 = 5,  // temporary keypairs only
-  CURVE_192 = 6,  // has a size and no group: unusable for keys
+  CURVE_192 = 6,   // has a size and no group: unusable for keys
   CURVE_SM2 = 7,
 };
 

@@ -1,5 +1,6 @@
 // Keypair handles: taken, read, given back; and the deletion of a keypair.
 #include "core/answer.h"
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
@@ -67,6 +68,7 @@ int DeviceFreeKeypair(Keypair* keypair) {
 }
 
 int DeviceDeleteKeypair(Keypair* keypair) {
+  const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
   if (keypair->isTemp != 0) return VAKRO_FAILED;
   const ModuleLock lock;

@@ -1,5 +1,6 @@
 // The certificates of a keypair. The device file is changed first, the list after it.
 #include "core/answer.h"
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
@@ -18,6 +19,7 @@ int DeviceGetCertificate(Keypair* keypair, int index, unsigned char* buffer, int
 }
 
 int DeviceAddCertificate(Keypair* keypair, const unsigned char* bytes, int length) {
+  const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
   if (bytes == nullptr || length < 1) return VAKRO_FAILED;
   OwnedCert cert(NewCert(bytes, length));
@@ -32,6 +34,7 @@ int DeviceAddCertificate(Keypair* keypair, const unsigned char* bytes, int lengt
 }
 
 int DeviceDeleteCertificate(Keypair* keypair, int index) {
+  const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
   const ModuleLock lock;
   // A missing key is reported before anything else, even a lock that failed.

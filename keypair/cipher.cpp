@@ -1,5 +1,6 @@
 // Decryption with a private key and encryption with a public one.
 #include "core/answer.h"
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
@@ -69,6 +70,7 @@ static int FetchUnderModuleLock(const Keypair* keypair, PrivateKey& fetched) {
 int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void* /*parameters*/,
                             const unsigned char* ciphertext, int ciphertextLen,
                             unsigned char* plaintext, int size, int* length) {
+  const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
   PrivateKey fetched;
   const int result = FetchUnderModuleLock(keypair, fetched);
@@ -118,6 +120,7 @@ static int EncryptRSA(const PublicKey* key, int padding, const CipherRequest& re
 int DevicePublicKeyEncrypt(PublicKey* key, unsigned int algorithm, const void* /*parameters*/,
                            const unsigned char* plaintext, int plaintextLen,
                            unsigned char* ciphertext, int size, int* length) {
+  const ErrorMark mark;
   if (key == nullptr || length == nullptr) return VAKRO_FAILED;
   const CipherRequest request = {plaintext, plaintextLen, ciphertext, size, length};
   const Computing computing;

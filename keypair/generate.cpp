@@ -1,4 +1,5 @@
 // Key generation, onto the device or as temporary keypairs.
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/openssl_owners.h"
 #include "keypair/stored.h"
@@ -115,6 +116,7 @@ static int MakeStored(Device* device, const Request& request, const char* label,
 
 int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* parameters,
                           unsigned int type, const char* label, Keypair** out) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_FAILED;
   bool temporary = false;
   switch (algorithm) {

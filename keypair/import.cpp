@@ -1,4 +1,5 @@
 // Import of a keypair from the crypto library's keypair encoding.
+#include "core/error_mark.h"
 #include "core/openssl_owners.h"
 #include "keypair/stored.h"
 #include "sm2/sm2.h"
@@ -38,6 +39,7 @@ static OwnedKeypair Decode(unsigned int algorithm, const unsigned char* encoding
 
 int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encodingLen,
                         unsigned int type, const char* label, Keypair** out) {
+  const ErrorMark mark;
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (out == nullptr || label == nullptr) return VAKRO_FAILED;
   const ModuleLock lock;

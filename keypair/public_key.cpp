@@ -1,5 +1,6 @@
 // Public-key handles, and the RSA side of the public-key encoding.
 #include "core/answer.h"
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/openssl_owners.h"
 #include "keypair/keypair.h"
@@ -37,6 +38,7 @@ static bool CopyEncoding(PublicKey* key, const unsigned char* encoding, int leng
 }
 
 PublicKey* DeviceGetPublicKeyFromKeypair(Keypair* keypair) {
+  const ErrorMark mark;
   if (keypair == nullptr) return nullptr;
   OwnedPublicKey key(NewPublicKey());
   if (!key) return nullptr;
@@ -53,6 +55,7 @@ PublicKey* DeviceGetPublicKeyFromKeypair(Keypair* keypair) {
 
 int DeviceImportPublicKey(Device* /*device*/, const unsigned char* encoding, int encodingLen,
                           PublicKey** out) {
+  const ErrorMark mark;
   if (out == nullptr || encoding == nullptr || encodingLen < KEY_HEADER_SIZE) return VAKRO_FAILED;
   if (memcmp(encoding, PUBLIC_KEY_MAGIC, MAGIC_SIZE) != 0) return VAKRO_FAILED;
   const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);

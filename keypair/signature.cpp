@@ -1,5 +1,6 @@
 // Signing and verification, dispatched on the algorithm and the type of the key.
 #include "core/answer.h"
+#include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
@@ -93,6 +94,7 @@ static int SignSM2(Keypair* keypair, PrivateKey& fetched, const SignRequest& req
 int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameters*/,
                const unsigned char* data, int dataLen, unsigned char* signature, int size,
                int* length) {
+  const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
   PrivateKey fetched;
   const int result = FetchPrivateKey(keypair, fetched);
@@ -137,6 +139,7 @@ static int VerifyECDSA(EVP_PKEY* key, const unsigned char* data, int dataLen,
 int DeviceVerify(PublicKey* key, unsigned int algorithm, const void* /*parameters*/,
                  const unsigned char* data, int dataLen, const unsigned char* signature,
                  int signatureLen) {
+  const ErrorMark mark;
   if (key == nullptr || !IsBlock(data, dataLen) || signature == nullptr || signatureLen < 0)
     return VAKRO_FAILED;
   const Computing computing;
