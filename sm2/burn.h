@@ -22,7 +22,8 @@ __attribute__((noinline)) void ClearStackBelow() {
 }
 
 // CallAndBurn calls `work`, then clears BYTES of the stack where it had its frames: both calls
-// start at the same depth. Whether BYTES are enough is for a test to tell.
+// start at the same depth. Too few BYTES leave secrets behind: tests/secrets_test.cpp looks for
+// them.
 template <size_t BYTES, class Work>
 void CallAndBurn(const Work& work) {
   Call(work);

@@ -5,6 +5,7 @@
 #include "core/openssl_owners.h"
 #include "core/secret.h"
 #include "sm2/multiply.h"
+#include "sm2/scalar.h"
 #include "sm2/sm2.h"
 
 inline constexpr int SM2_AFFINE_SIZE = 2 * SM2_FIELD_SIZE;  // x, y
@@ -13,13 +14,11 @@ using ScalarBytes = Wiped<SM2_FIELD_SIZE>;
 using AffineBytes = Wiped<SM2_AFFINE_SIZE>;
 
 // A number mod n that is wiped at the end.
-struct SecretScalar {
-  SM2Scalar value = {};
-  SecretScalar() = default;
+struct SecretScalar : sm2::U256 {
+  SecretScalar() : sm2::U256{} {}
   SecretScalar(const SecretScalar&) = delete;
   SecretScalar& operator=(const SecretScalar&) = delete;
-  ~SecretScalar() { OPENSSL_cleanse(&value, sizeof(value)); }
-  SM2Scalar* operator&() { return &value; }
+  ~SecretScalar() { OPENSSL_cleanse(limb, sizeof(limb)); }
 };
 
 // RandomScalar draws k, uniform in [1, n - 1]: GB/T 32918.2 A3, GB/T 32918.4 A1.

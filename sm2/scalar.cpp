@@ -1,37 +1,32 @@
 // Numbers modulo the order n.
+#include "sm2/scalar.h"
+
 #include "sm2/burn.h"
 #include "sm2/inverse.h"
-#include "sm2/multiply.h"
 
 #include <string.h>
 
-static sm2::U256 Value(const SM2Scalar* a) {
-  return {{a->limb[0], a->limb[1], a->limb[2], a->limb[3]}};
-}
-
-static void Set(SM2Scalar* a, const sm2::U256& value) {
-  memcpy(a->limb, value.limb, sizeof a->limb);
-}
+namespace sm2 {
+namespace {
 
 // Compute sets `result` to what `value` returns and clears the stack behind it.
 template <class Function>
-static void Compute(SM2Scalar* result, const Function& value) {
-  sm2::CallAndBurn<2048>([&] { Set(result, value()); });
+void Compute(U256& result, const Function& value) {
+  CallAndBurn<2048>([&] { result = value(); });
 }
 
 // A block of 32 bytes mod n. Sets `reduced` when it was not below n.
-static sm2::U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
-  const sm2::U256 value = sm2::LoadBigEndian(bytes);
-  sm2::U256 unused;
-  reduced |= ~sm2::MaskOfBit(Subtract(unused, value, sm2::N.m));
-  return Reduce(0, value, sm2::N);
+U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
+  const U256 value = LoadBigEndian(bytes);
+  U256 unused;
+  reduced |= ~MaskOfBit(Subtract(unused, value, N.m));
+  return Reduce(0, value, N);
 }
 
 // Takes whole blocks, after what is left over in front of them.
-static sm2::U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
-  using sm2::N;
+U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
   const int first = length % 32;
-  sm2::U256 value{};
+  U256 value{};
   if (first > 0) {
     unsigned char block[32] = {};
     memcpy(block + 32 - first, bytes, static_cast<size_t>(first));
@@ -45,33 +40,33 @@ static sm2::U256 Read(const unsigned char* bytes, int length, uint64_t& reduced)
   return value;
 }
 
-int SM2ReadScalar(SM2Scalar* a, const unsigned char* bytes, int length) {
+}  // namespace
+
+bool ReadScalar(U256& a, const unsigned char* bytes, int length) {
   uint64_t reduced = 0;
   Compute(a, [&] { return Read(bytes, length, reduced); });
   return reduced == 0;
 }
 
-void SM2WriteScalar(unsigned char bytes[32], const SM2Scalar* a) {
-  sm2::StoreBigEndian(bytes, Value(a));
+void WriteScalar(unsigned char (&bytes)[32], const U256& a) { StoreBigEndian(bytes, a); }
+
+bool IsZeroScalar(const U256& a) { return MaskOfZero(a) != 0; }
+
+void AddScalars(U256& sum, const U256& a, const U256& b) {
+  Compute(sum, [&] { return ModAdd(a, b, N); });
 }
 
-int SM2IsZeroScalar(const SM2Scalar* a) { return MaskOfZero(Value(a)) != 0; }
-
-void SM2AddScalars(SM2Scalar* sum, const SM2Scalar* a, const SM2Scalar* b) {
-  Compute(sum, [&] { return ModAdd(Value(a), Value(b), sm2::N); });
+void SubtractScalars(U256& difference, const U256& a, const U256& b) {
+  Compute(difference, [&] { return ModSubtract(a, b, N); });
 }
 
-void SM2SubtractScalars(SM2Scalar* difference, const SM2Scalar* a, const SM2Scalar* b) {
-  Compute(difference, [&] { return ModSubtract(Value(a), Value(b), sm2::N); });
+void MultiplyScalars(U256& product, const U256& a, const U256& b) {
+  Compute(product, [&] { return MontgomeryMultiply(MontgomeryMultiply(a, b, N), N.r2, N); });
 }
 
-void SM2MultiplyScalars(SM2Scalar* product, const SM2Scalar* a, const SM2Scalar* b) {
-  using sm2::N;
-  Compute(product,
-          [&] { return MontgomeryMultiply(MontgomeryMultiply(Value(a), Value(b), N), N.r2, N); });
+bool InvertScalar(U256& inverse, const U256& a) {
+  Compute(inverse, [&] { return Invert(a, N); });
+  return !IsZeroScalar(inverse);
 }
 
-int SM2InvertScalar(SM2Scalar* inverse, const SM2Scalar* a) {
-  Compute(inverse, [&] { return sm2::Invert(Value(a), sm2::N); });
-  return !SM2IsZeroScalar(inverse);
-}
+}  // namespace sm2

@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+using sm2::U256;
+
 static constexpr int TRY_AGAIN = -1;
 
 // An empty digest is the number 0; its bytes may be NULL.
@@ -11,14 +13,14 @@ static bool IsDigest(const unsigned char* e, int eLen) {
 }
 
 // The signing factor, (1 + d)^-1 mod n. False when 1 + d has no inverse.
-static bool ComputeFactor(const ScalarBytes& bytes, SecretScalar& factor) {
+static bool ComputeFactor(const ScalarBytes& bytes, U256& factor) {
   static constexpr unsigned char ONE[] = {1};
   SecretScalar scalar;
-  SM2Scalar one;
-  SM2ReadScalar(&scalar, bytes.bytes, SM2_FIELD_SIZE);
-  SM2ReadScalar(&one, ONE, sizeof(ONE));
-  SM2AddScalars(&scalar, &scalar, &one);
-  return SM2InvertScalar(&factor, &scalar) == 1;
+  U256 one;
+  ReadScalar(scalar, bytes.bytes, SM2_FIELD_SIZE);
+  ReadScalar(one, ONE, sizeof(ONE));
+  AddScalars(scalar, scalar, one);
+  return InvertScalar(factor, scalar);
 }
 
 static bool ReadSecret(EVP_PKEY* key, ScalarBytes& bytes) {
@@ -28,11 +30,11 @@ static bool ReadSecret(EVP_PKEY* key, ScalarBytes& bytes) {
 }
 
 // A7. The encoder gets the numbers in their shortest form.
-static bool Encode(const SM2Scalar& r, const SM2Scalar& s, unsigned char** sig, int* sigLen) {
+static bool Encode(const U256& r, const U256& s, unsigned char** sig, int* sigLen) {
   unsigned char rBytes[SM2_FIELD_SIZE];
   unsigned char sBytes[SM2_FIELD_SIZE];
-  SM2WriteScalar(rBytes, &r);
-  SM2WriteScalar(sBytes, &s);
+  WriteScalar(rBytes, r);
+  WriteScalar(sBytes, s);
   const unsigned char* rStart = rBytes;
   const unsigned char* sStart = sBytes;
   while (*rStart == 0) rStart++;  // neither is zero
@@ -45,7 +47,7 @@ static bool Encode(const SM2Scalar& r, const SM2Scalar& s, unsigned char** sig, 
 }
 
 // One attempt, A3 to A7: 1, 0 or TRY_AGAIN.
-static int TrySign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned char** sig,
+static int TrySign(const U256& factor, const unsigned char* e, int eLen, unsigned char** sig,
                    int* sigLen) {
   ScalarBytes kBytes;
   if (!RandomScalar(kBytes)) return 0;  // A3
@@ -53,27 +55,27 @@ static int TrySign(SecretScalar& factor, const unsigned char* e, int eLen, unsig
   AffineBytes point;
   if (SM2MultiplyGenerator(point.bytes, kBytes.bytes) != 1) return TRY_AGAIN;
   // A5: r = (e + x1) mod n
-  SM2Scalar digest;
-  SM2Scalar r;
-  SM2ReadScalar(&digest, e, eLen);
-  SM2ReadScalar(&r, point.bytes, SM2_FIELD_SIZE);
-  SM2AddScalars(&r, &digest, &r);
-  if (SM2IsZeroScalar(&r)) return TRY_AGAIN;
+  U256 digest;
+  U256 r;
+  ReadScalar(digest, e, eLen);
+  ReadScalar(r, point.bytes, SM2_FIELD_SIZE);
+  AddScalars(r, digest, r);
+  if (IsZeroScalar(r)) return TRY_AGAIN;
   // r + k = n, for numbers between 0 and n, is r + k = 0 mod n
   SecretScalar k;
   SecretScalar sum;
-  SM2ReadScalar(&k, kBytes.bytes, SM2_FIELD_SIZE);
-  SM2AddScalars(&sum, &r, &k);
-  if (SM2IsZeroScalar(&sum)) return TRY_AGAIN;
+  ReadScalar(k, kBytes.bytes, SM2_FIELD_SIZE);
+  AddScalars(sum, r, k);
+  if (IsZeroScalar(sum)) return TRY_AGAIN;
   // A6: s = ((1 + d)^-1 * (k - r * d)) mod n, and k - r * d = k + r - r * (1 + d)
-  SM2Scalar s;
-  SM2MultiplyScalars(&s, &sum, &factor);
-  SM2SubtractScalars(&s, &s, &r);
-  if (SM2IsZeroScalar(&s)) return TRY_AGAIN;
+  U256 s;
+  MultiplyScalars(s, sum, factor);
+  SubtractScalars(s, s, r);
+  if (IsZeroScalar(s)) return TRY_AGAIN;
   return Encode(r, s, sig, sigLen) ? 1 : 0;
 }
 
-static int Sign(SecretScalar& factor, const unsigned char* e, int eLen, unsigned char** sig,
+static int Sign(const U256& factor, const unsigned char* e, int eLen, unsigned char** sig,
                 int* sigLen) {
   if (!IsDigest(e, eLen)) return 0;
   int result = TRY_AGAIN;
@@ -105,45 +107,44 @@ int SM2FindFactor(EVP_PKEY* key, SigningFactor* factor, int* isNew) {
   SecretScalar inverse;
   if (!ComputeFactor(bytes, inverse)) return 0;
   memcpy(factor->scalar, bytes.bytes, SM2_FIELD_SIZE);
-  SM2WriteScalar(factor->inverse, &inverse);
+  WriteScalar(factor->inverse, inverse);
   return 1;
 }
 
 int SM2SignWithFactor(const SigningFactor* factor, const unsigned char* e, int eLen,
                       unsigned char** sig, int* sigLen) {
   SecretScalar scalar;
-  SM2ReadScalar(&scalar, factor->inverse, SM2_FIELD_SIZE);
+  ReadScalar(scalar, factor->inverse, SM2_FIELD_SIZE);
   return Sign(scalar, e, eLen, sig, sigLen);
 }
 
 // A component of a signature, a number in [1, n - 1].
-static bool ReadComponent(const unsigned char* bytes, int length, SM2Scalar* number) {
-  return length <= SM2_FIELD_SIZE && SM2ReadScalar(number, bytes, length) == 1 &&
-         !SM2IsZeroScalar(number);
+static bool ReadComponent(const unsigned char* bytes, int length, U256& number) {
+  return length <= SM2_FIELD_SIZE && ReadScalar(number, bytes, length) && !IsZeroScalar(number);
 }
 
-static bool VerifyComponents(const EC_POINT* pub, const unsigned char* e, int eLen,
-                             const SM2Scalar& r, const SM2Scalar& s) {
+static bool VerifyComponents(const EC_POINT* pub, const unsigned char* e, int eLen, const U256& r,
+                             const U256& s) {
   unsigned char point[SM2_AFFINE_SIZE];
   if (!ReadPublicPoint(pub, point)) return false;
   // B5: t = (r + s) mod n
-  SM2Scalar t;
-  SM2AddScalars(&t, &r, &s);
-  if (SM2IsZeroScalar(&t)) return false;
+  U256 t;
+  AddScalars(t, r, s);
+  if (IsZeroScalar(t)) return false;
   // B6: (x1, y1) = [s]G + [t]P
   unsigned char sBytes[SM2_FIELD_SIZE];
   unsigned char tBytes[SM2_FIELD_SIZE];
-  SM2WriteScalar(sBytes, &s);
-  SM2WriteScalar(tBytes, &t);
+  WriteScalar(sBytes, s);
+  WriteScalar(tBytes, t);
   if (SM2MultiplyPublic(point, sBytes, point, tBytes) != 1) return false;
   // B7: R = (e + x1) mod n; R = r
-  SM2Scalar digest;
-  SM2Scalar difference;
-  SM2ReadScalar(&digest, e, eLen);
-  SM2ReadScalar(&difference, point, SM2_FIELD_SIZE);
-  SM2AddScalars(&difference, &digest, &difference);
-  SM2SubtractScalars(&difference, &difference, &r);
-  return SM2IsZeroScalar(&difference) == 1;
+  U256 digest;
+  U256 difference;
+  ReadScalar(digest, e, eLen);
+  ReadScalar(difference, point, SM2_FIELD_SIZE);
+  AddScalars(difference, digest, difference);
+  SubtractScalars(difference, difference, r);
+  return IsZeroScalar(difference);
 }
 
 int SM2Verify(EVP_PKEY* key, const unsigned char* e, int eLen, const unsigned char* sig,
@@ -160,8 +161,8 @@ int SM2Verify(EVP_PKEY* key, const unsigned char* e, int eLen, const unsigned ch
   const LibBytes ownedR(rBytes);
   const LibBytes ownedS(sBytes);
   // B1, B2
-  SM2Scalar r;
-  SM2Scalar s;
-  if (!ReadComponent(rBytes, rLen, &r) || !ReadComponent(sBytes, sLen, &s)) return 0;
+  U256 r;
+  U256 s;
+  if (!ReadComponent(rBytes, rLen, r) || !ReadComponent(sBytes, sLen, s)) return 0;
   return VerifyComponents(pub, e, eLen, r, s) ? 1 : 0;
 }

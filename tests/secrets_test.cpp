@@ -11,6 +11,7 @@
 #include "sm2/multiply.h"
 #include "sm2/multiply_paths.h"
 #include "sm2/parameters.h"
+#include "sm2/scalar.h"
 #include "sm2/sm2.h"
 
 #include <malloc.h>
@@ -204,9 +205,10 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
 namespace {
 // What arithmetic reads and writes: a secret number k, as a scalar too, a point, and the result.
 unsigned char g_k[32], g_point[64];
-alignas(SM2Scalar) unsigned char g_out[64];
-SM2Scalar g_a;
-SM2Scalar& g_r = reinterpret_cast<SM2Scalar&>(g_out);
+alignas(sm2::U256) unsigned char g_out[64];
+sm2::U256 g_a;
+sm2::U256& g_r = reinterpret_cast<sm2::U256&>(g_out);
+auto& g_bytes = reinterpret_cast<unsigned char (&)[32]>(g_out);
 
 using Works = std::vector<std::pair<const char*, std::function<void()>>>;
 
@@ -224,13 +226,13 @@ void AddMultiples(Works& works, const char* generator, const char* point) {
 }
 
 Works Arithmetic() {
-  Works works = {{"reading", [] { SM2ReadScalar(&g_r, g_k, 32); }},
-                 {"writing", [] { SM2WriteScalar(g_out, &g_a); }},
-                 {"is zero", [] { g_out[31] = SM2IsZeroScalar(&g_a) == 1; }},
-                 {"sum", [] { SM2AddScalars(&g_r, &g_a, &g_a); }},
-                 {"difference", [] { SM2SubtractScalars(&g_r, &g_r, &g_a); }},
-                 {"product", [] { SM2MultiplyScalars(&g_r, &g_a, &g_a); }},
-                 {"inverse", [] { SM2InvertScalar(&g_r, &g_a); }}};
+  Works works = {{"reading", [] { ReadScalar(g_r, g_k, 32); }},
+                 {"writing", [] { WriteScalar(g_bytes, g_a); }},
+                 {"is zero", [] { g_out[31] = IsZeroScalar(g_a); }},
+                 {"sum", [] { AddScalars(g_r, g_a, g_a); }},
+                 {"difference", [] { SubtractScalars(g_r, g_r, g_a); }},
+                 {"product", [] { MultiplyScalars(g_r, g_a, g_a); }},
+                 {"inverse", [] { InvertScalar(g_r, g_a); }}};
   AddMultiples<sm2::PortableField>(works, "[k]G, portable", "[k]P, portable");
 #ifdef __x86_64__
   if (ProcessorHasAdx()) AddMultiples<sm2::AdxField>(works, "[k]G, ADX", "[k]P, ADX");
@@ -267,7 +269,7 @@ TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
     std::string left[3];
     for (std::string& stack : left) {
       RAND_bytes(g_k, sizeof(g_k));
-      SM2ReadScalar(&g_a, g_k, sizeof(g_k));
+      ReadScalar(g_a, g_k, sizeof(g_k));
       OnOwnStack(work);
       stack.assign(g_stack, sizeof(g_stack));
     }
