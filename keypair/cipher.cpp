@@ -5,52 +5,29 @@
 #include "core/secret.h"
 #include "keypair/keypair.h"
 #include "keypair/private_key.h"
+#include "keypair/request.h"
 #include "sm2/sm2.h"
 
 #include <limits.h>
 #include <string.h>
 
-// The padding of an RSA encryption algorithm, or 0 for any other.
 static int EncryptionPadding(unsigned int algorithm) {
-  switch (algorithm) {
-    case ALGORITHM_RSA_PKCS1_ENCRYPT:
-      return RSA_PKCS1_PADDING;
-    case ALGORITHM_RSA_RAW_ENCRYPT:
-      return RSA_NO_PADDING;
-    default:
-      return 0;
-  }
+  return RsaPadding(algorithm, ALGORITHM_RSA_PKCS1_ENCRYPT, ALGORITHM_RSA_RAW_ENCRYPT);
 }
 
-namespace {
-// The caller's buffers of an encryption or decryption.
-struct CipherRequest {
-  const unsigned char* input;
-  int inputLen;
-  unsigned char* output;
-  int size;
-  int* length;
-};
-}  // namespace
-
-static int DecryptSM2(EVP_PKEY* key, const CipherRequest& request) {
+static int DecryptSM2(EVP_PKEY* key, const OperationRequest& request) {
   if (request.inputLen <= SM2_CIPHER_OVERHEAD || request.input == nullptr || g_sm2 == nullptr)
     return VAKRO_FAILED;
-  const int plaintextLen = request.inputLen - SM2_CIPHER_OVERHEAD;
-  *request.length = plaintextLen;
-  if (request.output == nullptr) return VAKRO_OK;
-  if (request.size < plaintextLen) return VAKRO_BUFFER_TOO_SMALL;
+  int result = VAKRO_FAILED;
+  if (!request.HasRoom(request.inputLen - SM2_CIPHER_OVERHEAD, result)) return result;
   return SM2Decrypt(key, request.input, request.inputLen, request.output);
 }
 
-static int DecryptRSA(EVP_PKEY* key, unsigned int algorithm, const CipherRequest& request) {
+static int DecryptRSA(EVP_PKEY* key, unsigned int algorithm, const OperationRequest& request) {
   const RsaKey rsa(EVP_PKEY_get1_RSA(key));
   const int modulusSize = rsa ? RSA_size(rsa.get()) : 0;
   if (modulusSize < 1 || request.inputLen != modulusSize) return VAKRO_FAILED;
-  if (request.output == nullptr) {
-    *request.length = modulusSize;
-    return VAKRO_OK;
-  }
+  if (request.output == nullptr) return AnswerSize(modulusSize, request.length);
   const int padding = EncryptionPadding(algorithm);
   if (padding == 0 || request.input == nullptr) return VAKRO_FAILED;
   const auto blockSize = static_cast<size_t>(modulusSize);
@@ -76,7 +53,7 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
   const int result = FetchUnderModuleLock(keypair, fetched);
   if (result != VAKRO_OK) return result;
   if (length == nullptr) return VAKRO_FAILED;
-  const CipherRequest request = {ciphertext, ciphertextLen, plaintext, size, length};
+  const OperationRequest request = {ciphertext, ciphertextLen, plaintext, size, length};
   const Computing computing;
   switch (EVP_PKEY_get_id(fetched.key.get())) {
     case EVP_PKEY_EC:
@@ -89,28 +66,25 @@ int DevicePrivateKeyDecrypt(Keypair* keypair, unsigned int algorithm, const void
   }
 }
 
-static int EncryptSM2(const PublicKey* key, const CipherRequest& request) {
+static int EncryptSM2(const PublicKey* key, const OperationRequest& request) {
   if (EVP_PKEY_get_id(key->key) != EVP_PKEY_EC || key->curve != CURVE_SM2 ||
       request.input == nullptr || request.inputLen < 1 ||
       request.inputLen > INT_MAX - SM2_CIPHER_OVERHEAD)
     return VAKRO_FAILED;
-  const int needed = request.inputLen + SM2_CIPHER_OVERHEAD;
-  *request.length = needed;
-  if (request.output == nullptr) return VAKRO_OK;
-  if (request.size < needed) return VAKRO_BUFFER_TOO_SMALL;
+  int result = VAKRO_FAILED;
+  if (!request.HasRoom(request.inputLen + SM2_CIPHER_OVERHEAD, result)) return result;
   if (g_sm2 == nullptr) return VAKRO_FAILED;  // the size is known without
   return SM2Encrypt(key->key, request.input, request.inputLen, request.output);
 }
 
-static int EncryptRSA(const PublicKey* key, int padding, const CipherRequest& request) {
+static int EncryptRSA(const PublicKey* key, int padding, const OperationRequest& request) {
   if (EVP_PKEY_get_id(key->key) != EVP_PKEY_RSA) return VAKRO_FAILED;
   const RsaKey rsa(EVP_PKEY_get1_RSA(key->key));
   if (!rsa) return VAKRO_FAILED;
   const int modulusSize = RSA_size(rsa.get());
-  *request.length = modulusSize;
-  if (request.output == nullptr) return VAKRO_OK;
-  if (modulusSize > request.size) return VAKRO_BUFFER_TOO_SMALL;
-  if (!IsBlock(request.input, request.inputLen)) return VAKRO_FAILED;
+  int result = VAKRO_FAILED;
+  if (!request.HasRoom(modulusSize, result)) return result;
+  if (!request.HasInput()) return VAKRO_FAILED;
   if (padding == RSA_NO_PADDING && request.inputLen != modulusSize) return VAKRO_FAILED;
   const int written =
       RSA_public_encrypt(request.inputLen, request.input, request.output, rsa.get(), padding);
@@ -122,7 +96,7 @@ int DevicePublicKeyEncrypt(PublicKey* key, unsigned int algorithm, const void* /
                            unsigned char* ciphertext, int size, int* length) {
   const ErrorMark mark;
   if (key == nullptr || length == nullptr) return VAKRO_FAILED;
-  const CipherRequest request = {plaintext, plaintextLen, ciphertext, size, length};
+  const OperationRequest request = {plaintext, plaintextLen, ciphertext, size, length};
   const Computing computing;
   if (algorithm == ALGORITHM_SM2_ENCRYPT) return EncryptSM2(key, request);
   const int padding = EncryptionPadding(algorithm);

@@ -66,7 +66,7 @@ struct BorrowedDevice {
   ~BorrowedDevice() { locked ? ReleaseReferences(device, 1) : LowerReferences(device); }
 };
 
-struct Request {
+struct NewKey {
   unsigned int algorithm;
   int bits;
   const void* params;  // the record that belongs to the algorithm
@@ -74,7 +74,7 @@ struct Request {
 };
 }  // namespace
 
-static int MakeTemp(const Request& request, Keypair** out) {
+static int MakeTemp(const NewKey& request, Keypair** out) {
   if (request.algorithm == ALGORITHM_RSA) {
     // A negative size turns into one that is refused as too large.
     return GenerateTempRSAKeypair(static_cast<unsigned int>(request.bits),
@@ -94,7 +94,7 @@ static int CheckStorable(const Device* device, unsigned int type, const char* la
 // Nobody waits for prime numbers: the key is made while no lock is held. What allowed it may be
 // gone when it is there (the PIN, the room, the label), so that is looked at again. The caller's
 // handle may be gone, too; a reference of our own keeps the device meanwhile.
-static int MakeStored(Device* device, const Request& request, const char* label, Keypair** out) {
+static int MakeStored(Device* device, const NewKey& request, const char* label, Keypair** out) {
   {
     const ModuleLock lock;
     if (!lock.held) return VAKRO_FAILED;
@@ -133,7 +133,7 @@ int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, cons
       return VAKRO_NOT_SUPPORTED;
   }
   if (out == nullptr) return VAKRO_FAILED;
-  const Request request = {algorithm, bits, parameters, type};
+  const NewKey request = {algorithm, bits, parameters, type};
   if (temporary) return MakeTemp(request, out);
   return label == nullptr ? VAKRO_FAILED : MakeStored(device, request, label, out);
 }

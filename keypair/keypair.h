@@ -71,9 +71,4 @@ EVP_PKEY* GetRSAPublicKey(const unsigned char* encoding, int length, int* bits);
 int ToRSAPublicKeyEncode(RSA* rsa, unsigned char** encoding, int* encodingLen);
 
 }  // extern "C"
-
-// IsBlock says whether a caller's bytes can be read; where there are none the pointer may be NULL.
-inline bool IsBlock(const unsigned char* bytes, int length) {
-  return length >= 0 && (bytes != nullptr || length == 0);
-}
 #endif

@@ -5,6 +5,7 @@
 #include "core/secret.h"
 #include "keypair/keypair.h"
 #include "keypair/private_key.h"
+#include "keypair/request.h"
 #include "sm2/sm2.h"
 
 #include <string.h>
@@ -13,70 +14,42 @@ static constexpr int SM2_SIGNATURE_SIZE = 80;  // the answer to a size query
 static constexpr int MAX_ECDSA_BITS = 521;
 static constexpr int MAX_ECDSA_SIGNATURE_SIZE = 160;  // P-521 needs 139
 
-// The padding of an RSA signature algorithm, or 0 for any other.
 static int SignaturePadding(unsigned int algorithm) {
-  switch (algorithm) {
-    case ALGORITHM_RSA_PKCS1_SIGN:
-      return RSA_PKCS1_PADDING;
-    case ALGORITHM_RSA_RAW_SIGN:
-      return RSA_NO_PADDING;
-    default:
-      return 0;
-  }
+  return RsaPadding(algorithm, ALGORITHM_RSA_PKCS1_SIGN, ALGORITHM_RSA_RAW_SIGN);
 }
 
-namespace {
-// The caller's buffers of a signature.
-struct SignRequest {
-  const unsigned char* data;
-  int dataLen;
-  unsigned char* signature;
-  int size;
-  int* length;
-
-  bool HasData() const { return IsBlock(data, dataLen); }
-};
-}  // namespace
-
-static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const SignRequest& request) {
+static int SignRSA(const EVP_PKEY* key, unsigned int algorithm, const OperationRequest& request) {
   const Computing computing;
   const RsaKey rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
   const int padding = SignaturePadding(algorithm);
   if (!rsa || padding == 0) return VAKRO_FAILED;
   const int modulusSize = RSA_size(rsa.get());
-  *request.length = modulusSize;
-  if (request.signature == nullptr) return VAKRO_OK;
-  if (modulusSize > request.size) return VAKRO_BUFFER_TOO_SMALL;
-  if (!request.HasData()) return VAKRO_FAILED;
+  int result = VAKRO_FAILED;
+  if (!request.HasRoom(modulusSize, result)) return result;
+  if (!request.HasInput()) return VAKRO_FAILED;
   const int written =
-      RSA_private_encrypt(request.dataLen, request.data, request.signature, rsa.get(), padding);
+      RSA_private_encrypt(request.inputLen, request.input, request.output, rsa.get(), padding);
   return written == -1 ? VAKRO_FAILED : VAKRO_OK;
 }
 
-static int SignECDSA(const EVP_PKEY* key, const SignRequest& request) {
+static int SignECDSA(const EVP_PKEY* key, const OperationRequest& request) {
   const Computing computing;
   const EcKey ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
   if (!ec) return VAKRO_FAILED;
-  if (request.signature == nullptr) {
-    *request.length = ECDSA_size(ec.get());
-    return VAKRO_OK;
-  }
+  if (request.output == nullptr) return AnswerSize(ECDSA_size(ec.get()), request.length);
   unsigned char signature[MAX_ECDSA_SIGNATURE_SIZE];
   unsigned int length = 0;
-  if (EC_GROUP_order_bits(EC_KEY_get0_group(ec.get())) > MAX_ECDSA_BITS || !request.HasData() ||
-      ECDSA_sign(0, request.data, request.dataLen, signature, &length, ec.get()) != 1)
+  if (EC_GROUP_order_bits(EC_KEY_get0_group(ec.get())) > MAX_ECDSA_BITS || !request.HasInput() ||
+      ECDSA_sign(0, request.input, request.inputLen, signature, &length, ec.get()) != 1)
     return VAKRO_FAILED;
-  return AnswerBytes(signature, static_cast<int>(length), request.signature, request.size,
+  return AnswerBytes(signature, static_cast<int>(length), request.output, request.size,
                      request.length);
 }
 
-static int SignSM2(Keypair* keypair, PrivateKey& fetched, const SignRequest& request) {
-  if (g_sm2 == nullptr || request.dataLen != SM2_FIELD_SIZE) return VAKRO_FAILED;
-  if (request.signature == nullptr) {
-    *request.length = SM2_SIGNATURE_SIZE;
-    return VAKRO_OK;
-  }
-  if (!request.HasData()) return VAKRO_FAILED;
+static int SignSM2(Keypair* keypair, PrivateKey& fetched, const OperationRequest& request) {
+  if (g_sm2 == nullptr || request.inputLen != SM2_FIELD_SIZE) return VAKRO_FAILED;
+  if (request.output == nullptr) return AnswerSize(SM2_SIGNATURE_SIZE, request.length);
+  if (!request.HasInput()) return VAKRO_FAILED;
   const Computing computing;
   // Computing the factor costs an eighth of a signature, so it stays with the record.
   int isNew = 0;
@@ -85,10 +58,10 @@ static int SignSM2(Keypair* keypair, PrivateKey& fetched, const SignRequest& req
   unsigned char* signature = nullptr;
   int length = 0;
   const int result =
-      SM2SignWithFactor(&fetched.factor, request.data, request.dataLen, &signature, &length);
+      SM2SignWithFactor(&fetched.factor, request.input, request.inputLen, &signature, &length);
   if (result != VAKRO_OK) return result;
   const LibBytes owned(signature);
-  return AnswerBytes(signature, length, request.signature, request.size, request.length);
+  return AnswerBytes(signature, length, request.output, request.size, request.length);
 }
 
 int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameters*/,
@@ -100,7 +73,7 @@ int DeviceSign(Keypair* keypair, unsigned int algorithm, const void* /*parameter
   const int result = FetchPrivateKey(keypair, fetched);
   if (result != VAKRO_OK) return result;
   if (length == nullptr) return VAKRO_FAILED;
-  const SignRequest request = {data, dataLen, signature, size, length};
+  const OperationRequest request = {data, dataLen, signature, size, length};
   switch (EVP_PKEY_get_id(fetched.key.get())) {
     case EVP_PKEY_RSA:
       return SignRSA(fetched.key.get(), algorithm, request);
