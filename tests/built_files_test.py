@@ -51,8 +51,8 @@ def check_landing_pads(file, functions):
 
 def check_exports(file, script):
     with open(script) as text:
-        wanted = {(name, node) for node, block in re.findall(r"^(\w+[\w.]*) \{(.*?)^\}", text.read(),
-                                                             re.M | re.S)
+        nodes = re.findall(r"^(\w+[\w.]*) \{(.*?)^\}", text.read(), re.M | re.S)
+        wanted = {(name, node) for node, block in nodes
                   for name in re.findall(r"^    (\w+);", block, re.M)}
     found = {tuple(re.split("@+", line.split()[2])) for line in
              run("nm", "-D", "--defined-only", "--with-symbol-versions", file).splitlines()

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Holds the documents to what is built:
 
-  documents_test.py interface          docs/interface.md has the header's prototypes and numbers
+  documents_test.py interface          docs/interface.md has the header's prototypes and numbers,
+                                       and what is declared is exported
   documents_test.py device-file        the worked example of docs/device-file.md is a device
   documents_test.py names PAGE...      the files, links and functions that pages name are there
   documents_test.py typed PAGE         every command of a page is typed, and prints what it says
@@ -13,9 +14,10 @@ softdevice is found on PATH. How a page is typed:
   ```sh        a script; it has to succeed
   other        is not typed
 
-All blocks of a page run in one shell, in an empty folder, with the PIN typed wherever it is asked
-for. A command that is meant to fail ends in "# fails". What can't be typed here stands in
-ELSEWHERE, each with what does so.
+All blocks of a page run in one shell, in a folder with the project's examples/, include/ and
+build/release/ and nothing else. The PIN is typed wherever it is asked for. A command that is
+meant to fail ends in "# fails". What can't be typed here stands in ELSEWHERE, each with what does
+so.
 """
 import hashlib
 import os
@@ -72,6 +74,9 @@ def test_interface():
     for name, number in numbers.items():
         if not re.search(rf"`{name}`[^\n]*(?<![\d-]){number}\b", page):
             faults.append(f"{name} is not said to be {number}")
+    exported = set(re.findall(r"^    (Device\w+);", read("device/exports.map"), re.M))
+    declared = {re.search(r"(Device\w+)\(", p)[1] for p in prototypes}
+    faults += [f"declared or exported, not both: {name}" for name in declared ^ exported]
     assert len(prototypes) > 40, "the header was not understood"
     return faults
 
@@ -133,8 +138,8 @@ def test_device_file():
 
 
 def test_names(*pages):
-    code = subprocess.run(["git", "-C", ROOT, "grep", "-hoE", r"\w{4,}", "--", "*.h", "*.cpp", "*.c",
-                           "*.cmake", "*CMakeLists.txt"], capture_output=True, text=True).stdout
+    code = subprocess.run(["git", "-C", ROOT, "grep", "-hoE", r"\w{4,}", "--", "*.h", "*.cpp",
+                           "*.c", "*.cmake"], capture_output=True, text=True).stdout
     words = set(code.split())
     faults = []
     for page in pages:
@@ -205,7 +210,7 @@ def type_script(script, folder):
         ["bash", "-c", script], cwd=folder, stdin=side, stdout=subprocess.DEVNULL, stderr=side,
         start_new_session=True,
         preexec_fn=lambda: os.close(os.open(os.ttyname(side), os.O_RDWR)),  # its own terminal
-        env={**os.environ, "LC_ALL": "C.UTF-8", "HOME": folder})
+        env={**os.environ, "LC_ALL": "C.UTF-8", "HOME": folder, "VAKRO_FOLDER": folder + "/keys"})
     os.close(side)
     asked = ""
     while child.poll() is None or select.select([terminal], [], [], 0)[0]:
@@ -226,8 +231,11 @@ def type_script(script, folder):
 def test_typed(name):
     todo = [c for c in commands(read(name)) if not looked_up(c[1])]
     with tempfile.TemporaryDirectory() as scratch:
-        os.makedirs(f"{scratch}/home/log")
-        script = ["cp -r '%s/examples' ." % ROOT, "log=$PWD/log"]
+        os.makedirs(f"{scratch}/log")
+        os.mkdir(f"{scratch}/home")
+        script = [f"cp -r '{ROOT}/examples' .; ln -s '{ROOT}/include' .; mkdir build",
+                  "ln -s \"$(dirname \"$(dirname \"$(command -v softdevice)\")\")\" build/release",
+                  f"log={scratch}/log"]
         for i, (_, command, expected) in enumerate(todo):
             strict = "set -e\n" if expected is None else ""
             script.append(f"{{ {strict}{command}\n}} >$log/{i}.out 2>$log/{i}.err; "
@@ -237,7 +245,7 @@ def test_typed(name):
         for i, (line, command, expected) in enumerate(todo):
             def logged(kind):
                 try:
-                    with open(f"{scratch}/home/log/{i}.{kind}", errors="replace") as file:
+                    with open(f"{scratch}/log/{i}.{kind}", errors="replace") as file:
                         return file.read()
                 except FileNotFoundError:
                     return ""

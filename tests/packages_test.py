@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """The Debian packages hold what they should, and what they hold works: packages_test.py BUILD
 
-Makes the packages of a build, unpacks them into a scratch folder, and there compiles the examples as
-docs/integration.md says (by pkg-config and by CMake), runs them against a device made with the
+Makes the packages of a build, unpacks them into a scratch folder, and there compiles the examples
+as docs/integration.md says (by pkg-config and by CMake), runs them against a device made with the
 unpacked tool, and has openssl check what they signed. Needs no root.
 """
 import glob
@@ -57,12 +57,12 @@ def check_examples(usr, scratch, environment):
         os.remove(f"{scratch}/{name}")
 
     ecdsa = ["dgst", "-sha256", "-verify", "p-256.pem", "-signature", "sig", "document"]
-    sm2 = ["pkeyutl", "-verify", "-pubin", "-inkey", "sm2.pem", "-in", "document", "-sigfile", "sig",
-           "-rawin", "-digest", "sm3", "-pkeyopt", "distid:1234567812345678"]
+    sm2 = ["pkeyutl", "-verify", "-pubin", "-inkey", "sm2.pem", "-in", "document", "-sigfile",
+           "sig", "-rawin", "-digest", "sm3", "-pkeyopt", "distid:1234567812345678"]
     options = {"cwd": scratch, "env": environment, "input": PIN}
     with open(f"{EXAMPLES}/sign.c") as source:
-        by_hand = re.search(r"// +(cc .*)", source.read())[1].replace("sign.c", f"{EXAMPLES}/sign.c")
-    run("sh", "-c", by_hand, **options)
+        by_hand = re.search(r"// +(cc .*)", source.read())[1]
+    run("sh", "-c", by_hand.replace("sign.c", f"{EXAMPLES}/sign.c"), **options)
     run("cmake", "-S", EXAMPLES, "-B", "build", f"-DCMAKE_PREFIX_PATH={usr}", cwd=scratch)
     run("cmake", "--build", "build", cwd=scratch)
     for sign, keypair, verify in (("./sign", "p-256", ecdsa), ("build/sign", "sm2", sm2)):
