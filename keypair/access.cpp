@@ -35,7 +35,6 @@ void KeepSigningFactor(Keypair* keypair, const PrivateKey& fetched) {
   const KeyLock lock;
   if (lock.held && GetPrivateKey(keypair) == fetched.key.get())
     keypair->signingFactor = fetched.factor;
-  ShieldSecret(&keypair->signingFactor, sizeof(keypair->signingFactor));
 }
 
 int DeleteKeypairFromDevice(Device* device, Keypair* keypair) {

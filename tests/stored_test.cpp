@@ -112,12 +112,13 @@ TEST_F(RecordTest, TakesEverythingFromTheFile) {
   EXPECT_TRUE(second.algorithm == 4 && second.bits == 256 && second.certCount == 0);
 }
 
+// A keypair that is there already is stored once.
 TEST_F(RecordTest, KnowsTheWholeText) {
   unsigned char* raw = nullptr;
   EXPECT_DONE(GetDeviceDataFromFile(closed_, &raw, &size_));
   const UtilBytes text(raw);
   EXPECT_EQ(Bytes(raw, size_), text_);
-  EXPECT_DONE(AddhKeypairToFile(device_.get(), p256_));  // it is there already
+  for (Keypair* const k : {rsa_, p256_, sm2_}) EXPECT_DONE(AddhKeypairToFile(device_.get(), k));
   Json more(vakro_json_decode("[1]", 3));
   const Json tree(UpdateData2DeviceJson(device_.get(), more.get()));
   unsigned int length = 0;
