@@ -16,6 +16,7 @@ PROTECTED SM2Info* g_sm2 = nullptr;
 struct SmallLocks {
   pthread_mutex_t start = PTHREAD_MUTEX_INITIALIZER;
   pthread_mutex_t key = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_t shield = PTHREAD_MUTEX_INITIALIZER;
   // Threads that compute hold it for reading. A fork that waits goes first, or it would wait for as
   // long as others sign without a pause.
   pthread_rwlock_t computing = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
@@ -50,6 +51,11 @@ KeyLock::~KeyLock() {
   if (held) pthread_mutex_unlock(&g_small.key);
 }
 
+ShieldLock::ShieldLock() : held(pthread_mutex_lock(&g_small.shield) == 0) {}
+ShieldLock::~ShieldLock() {
+  if (held) pthread_mutex_unlock(&g_small.shield);
+}
+
 // Between prepare and what follows in the same thread; guarded by the start lock.
 static bool g_heldForFork = false;
 static VakroLock* g_childsLock = nullptr;   // made before the fork: a child should not allocate
@@ -61,9 +67,11 @@ void HoldLocksForFork(void) {
   g_childsLock = g_heldForFork ? vakro_lock_new() : nullptr;
   pthread_rwlock_wrlock(&g_small.computing);
   pthread_mutex_lock(&g_small.key);
+  pthread_mutex_lock(&g_small.shield);
 }
 
 void GiveLocksBackInParent(void) {
+  pthread_mutex_unlock(&g_small.shield);
   pthread_mutex_unlock(&g_small.key);
   pthread_rwlock_unlock(&g_small.computing);
   VakroLock* const spare = std::exchange(g_childsLock, nullptr);

@@ -1,6 +1,7 @@
 // The module's process-wide state and the scopes of its locks.
 //
-// Whoever holds more than one takes them in this order: StartLock, ModuleLock, Computing, KeyLock.
+// Whoever holds more than one takes them in this order: StartLock, ModuleLock, Computing, KeyLock,
+// ShieldLock.
 #ifndef VAKRO_CORE_LOCK_H
 #define VAKRO_CORE_LOCK_H
 
@@ -75,6 +76,15 @@ struct KeyLock {
   KeyLock(const KeyLock&) = delete;
   KeyLock& operator=(const KeyLock&) = delete;
   ~KeyLock();
+};
+
+// ShieldLock guards the list of core/shield.h.
+struct ShieldLock {
+  const bool held;
+  ShieldLock();
+  ShieldLock(const ShieldLock&) = delete;
+  ShieldLock& operator=(const ShieldLock&) = delete;
+  ~ShieldLock();
 };
 
 // What a fork asks of the locks, in the forking thread: to take them all before, and afterwards to

@@ -2,6 +2,7 @@
 #include "core/lock.h"
 #include "core/owners.h"
 #include "core/secret.h"
+#include "core/shield.h"
 
 #include <openssl/evp.h>
 
@@ -36,7 +37,10 @@ void FreeDevice(Device* device) {
 }
 
 void FreePin(Device* device) {
-  if (device->pin != nullptr) OPENSSL_cleanse(device->pin, strlen(device->pin));
+  if (device->pin != nullptr) {
+    OPENSSL_cleanse(device->pin, strlen(device->pin));
+    UnshieldSecret(device->pin);
+  }
   FreeIfSet<vakro_free>(device->pin);
   device->pin = nullptr;
 }
@@ -63,6 +67,7 @@ void FreeKeypair(Keypair* keypair) {
   FreeIfSet<VakroPKICryptoFreeMemory>(keypair->publicKey);
   EVP_PKEY_free(keypair->privateKey);
   OPENSSL_cleanse(&keypair->signingFactor, sizeof(keypair->signingFactor));
+  UnshieldSecret(&keypair->signingFactor);
   vakro_free(keypair);
 }
 

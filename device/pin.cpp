@@ -3,6 +3,7 @@
 #include "core/error_mark.h"
 #include "core/openssl_owners.h"
 #include "core/secret.h"
+#include "core/shield.h"
 #include "device/device.h"
 #include "keypair/keypair.h"
 #include "store/store.h"
@@ -12,7 +13,9 @@
 static char* CopyPin(const char* pin) {
   const size_t size = strlen(pin) + 1;
   char* copy = Allocate<char>(size, "device");
-  if (copy != nullptr) memcpy(copy, pin, size);
+  if (copy == nullptr) return nullptr;
+  ShieldSecret(copy, size);
+  memcpy(copy, pin, size);
   return copy;
 }
 

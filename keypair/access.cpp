@@ -35,6 +35,7 @@ void KeepSigningFactor(Keypair* keypair, const PrivateKey& fetched) {
   const KeyLock lock;
   if (lock.held && GetPrivateKey(keypair) == fetched.key.get())
     keypair->signingFactor = fetched.factor;
+  ShieldSecret(&keypair->signingFactor, sizeof(keypair->signingFactor));
 }
 
 int DeleteKeypairFromDevice(Device* device, Keypair* keypair) {

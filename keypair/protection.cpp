@@ -96,7 +96,7 @@ static int EncryptEncoding(Device* device, Keypair* keypair, const Encode& encod
   unsigned char* encoding = nullptr;
   int encodingLen = 0;
   if (encode(&encoding, &encodingLen) != 1) return 0;
-  const SecretLibBytes owned(encoding, static_cast<size_t>(encodingLen));
+  const KeyLibBytes owned(encoding, static_cast<size_t>(encodingLen));
   keypair->salt = salt.get();
   keypair->saltLen = SALT_SIZE;
   keypair->iv = iv.get();
@@ -130,7 +130,7 @@ int EncryptECCKeypair(Device* device, Keypair* keypair) {
 int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {
   const int size = i2d_RSAPrivateKey(rsa, nullptr);
   if (size <= 0) return 0;
-  const SecretUtilBytes der(NewBytes(static_cast<size_t>(size)), static_cast<size_t>(size));
+  const KeyUtilBytes der(NewBytes(static_cast<size_t>(size)), static_cast<size_t>(size));
   if (der.bytes == nullptr) return 0;
   unsigned char* at = der.bytes;
   if (i2d_RSAPrivateKey(rsa, &at) != size) return 0;
@@ -146,7 +146,7 @@ EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const c
   CipherInputs inputs;
   if (!inputs.Derive(pin, keypair->device->fileTag, keypair)) return nullptr;
   const size_t size = static_cast<size_t>(keypair->encryptedPrivateKeyLen) + CIPHER_SLACK;
-  const SecretUtilBytes output(NewBytes(size), size);
+  const KeyUtilBytes output(NewBytes(size), size);
   if (output.bytes == nullptr) return nullptr;
   unsigned int outputLen = 0;
   if (CalculateCipher(0, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE,
@@ -161,7 +161,7 @@ static EVP_PKEY* DecodeRSAEncoding(const unsigned char* encoding, int length) {
   unsigned char* der = nullptr;
   int derLen = 0;
   if (VakroPKICryptoRSAPrivKeyToDER(encoding, length, &der, &derLen) != 1) return nullptr;
-  const SecretLibBytes owned(der, static_cast<size_t>(derLen));
+  const KeyLibBytes owned(der, static_cast<size_t>(derLen));
   return DecodeRSAPair(der, derLen);
 }
 

@@ -110,7 +110,7 @@ EVP_PKEY* DecodeECCPair(const unsigned char* data, int len, int* curve) {
   *curve = decodedCurve;
   const LibBytes ownedX(x);
   const LibBytes ownedY(y);
-  const SecretLibBytes ownedD(d, static_cast<size_t>(dLen));
+  const KeyLibBytes ownedD(d, static_cast<size_t>(dLen));
   const EcKey key = NewKeyOn(decodedCurve);
   if (!key || !SetPoint(key.get(), x, xLen, y, yLen) || !SetScalar(key.get(), d, dLen))
     return nullptr;

@@ -55,12 +55,12 @@ const Blow BLOWS[] = {
 };
 void PrintTo(const Blow& blow, std::ostream* out) { *out << blow.what; }
 
-// Behind these a call that changes the file may go on: what closes, locks, tidies up or gives an
-// owner, what reads a backup, and what reads keypairs only to compare them.
+// Behind these a call that changes the file may go on: what closes, locks, tidies up, shields or
+// gives an owner, what reads a backup, and what reads keypairs only to compare them.
 constexpr char DISPENSABLE[] =
     "@(fclose|flock|?(f)open|remove|fchmod|fchown|?(f)stat|fread|fseek|ftell|vakro_malloc|"
     "vakro_*decode|VakroPKICryptoNewHash|VakroPKICryptoHash*|EVP_MD_CTX_new|EVP_Digest*|"
-    "OPENSSL_malloc)";
+    "OPENSSL_malloc|pthread_mutex_lock|mlock|munlock|madvise|mincore)";
 
 // The hook that deals the blow.
 struct Strike {

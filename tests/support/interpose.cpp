@@ -156,7 +156,7 @@ void WrapAll() {
        EVP_DecryptFinal_ex>();
   Wrap<MINUS_ONE, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt, RSA_public_decrypt,
        BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init, pthread_mutexattr_settype,
-       pthread_mutex_init, pthread_mutex_lock>();
+       pthread_mutex_init, pthread_mutex_lock, mlock, munlock, madvise, mincore>();
   Wrap<READS, Open, fopen, fclose, fseek, ftell, fread, fsync, fdatasync, opendir, readdir, stat,
        lstat, fstat, access, flock>();
   Wrap<MODIFIES, fwrite, fflush, rename, remove, fchmod, fchown, write, mkdir, unlink, linkat>();
@@ -170,11 +170,10 @@ void WrapAll() {
 // Never fail, or only for a wrong argument. ImportsTest tells of functions that stand neither above
 // nor here.
 constexpr char NEVER_FAIL[] =
-    "@(_*|ERR_set_mark|ERR_pop_to_mark|mem*|str*|snprintf|close*|fileno|malloc|getpid|vakro_malloc|"
-    "vakro_json_get*|*[Ff]ree*|*_"
-    "get0_*|"
-    "*_unlock|pthread_rwlock_*|pthread_setcancelstate|BN_GENCB_set|*_destroy|*_size|BN_bn2bin|BN_"
-    "is_zero|BN_num_bits|BN_value_one|BN_is_negative|"
+    "@(_*|ERR_set_mark|ERR_pop_to_mark|mem*|str*|snprintf|close*|fileno|malloc|getpid|mmap|munmap|"
+    "sysconf|vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|pthread_rwlock_*|"
+    "pthread_setcancelstate|*_destroy|*_size|BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_num_bits|"
+    "BN_value_one|BN_is_negative|"
     "CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
     "EVP_aes_256_gcm|EVP_PKEY_get_id|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen)";
 
