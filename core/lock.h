@@ -9,6 +9,8 @@
 #include "vakro_device.h"
 #include "vakro_util.h"
 
+#include <pthread.h>
+
 struct SM2Info;  // sm2/sm2.h
 
 // A program that reads a global of the library must do so where it stands. Left to itself, g++ has
@@ -31,8 +33,19 @@ VAKRO_GLOBAL SM2Info* g_sm2;     // NULL also when SM2 is not available
 
 }  // extern "C"
 
+// For a scope no other thread can end this one with pthread_cancel, as it could in the middle of a
+// file call, with a lock held and a file half written. Scopes nest.
+struct NoCancellation {
+  int before = PTHREAD_CANCEL_ENABLE;
+  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
+  NoCancellation(const NoCancellation&) = delete;
+  NoCancellation& operator=(const NoCancellation&) = delete;
+  ~NoCancellation() { pthread_setcancelstate(before, nullptr); }
+};
+
 // The module lock for a scope. Check `held` before anything else.
 struct ModuleLock {
+  const NoCancellation uncancelled;
   const bool held;
   ModuleLock() : held(DeviceLockDevice(nullptr) == 1) {}
   ModuleLock(const ModuleLock&) = delete;

@@ -75,6 +75,9 @@ struct Device {
   // First word of the device file; refreshed when the file's text is read, written back by every
   // rewrite, and bound into each private key's associated data.
   unsigned int fileTag;
+  // After a change of the PIN that could not be written: the digest of the file, which still holds
+  // the keys under the old PIN, so that the change can be made again. Zeros else.
+  unsigned char unwrittenOver[64];
   char* filePath;    // vakro_free
   char* backupPath;  // vakro_free; filePath and BACKUP_SUFFIX
 };

@@ -5,7 +5,7 @@
 
 #include "device/anchor.h"
 #include "device/device.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <openssl/rand.h>
 
@@ -94,39 +94,6 @@ static int CheckFolder(const char* serialNumber) {
   return result;
 }
 
-static Json TreeOf(const Device* device) {
-  Json root(vakro_json_newarray());
-  const Json keypairs(vakro_json_newarray());
-  if (!root || !keypairs) return nullptr;
-  for (int i = 0; i < device->keypairCount; i++)
-    if (!AddItem(keypairs.get(), Json(Keypair2Json(device->keypairs[i])))) return nullptr;
-  if (!AddName(root.get(), device->serialNumber) || !AddName(root.get(), device->label) ||
-      !AddItem(root.get(), keypairs))
-    return nullptr;
-  return root;
-}
-
-static UtilBytes ImageOf(const Device* device, size_t& size) {
-  const Json tree = TreeOf(device);
-  unsigned int length = 0;
-  const UtilText text = tree ? EncodeTree(tree.get(), &length) : nullptr;
-  if (!text) return nullptr;
-  unsigned char* rawDigest = nullptr;
-  unsigned int digestLen = 0;
-  if (CalculateHash(FILE_HASH_ID, reinterpret_cast<const unsigned char*>(text.get()), length,
-                    &rawDigest, &digestLen) != 1)
-    return nullptr;
-  const LibBytes digest(rawDigest);
-  size = HEADER_SIZE + length + DIGEST_SIZE;
-  UtilBytes image(Allocate<unsigned char>(size, "device"));
-  if (!image || digestLen != DIGEST_SIZE) return nullptr;
-  int2be(device->fileTag, image.get() + TAG_OFFSET);
-  int2be(length, image.get() + LENGTH_OFFSET);
-  memcpy(image.get() + HEADER_SIZE, text.get(), length);
-  memcpy(image.get() + HEADER_SIZE + length, digest.get(), DIGEST_SIZE);
-  return image;
-}
-
 static bool WriteAll(int fd, const unsigned char* bytes, size_t length) {
   while (length > 0) {
     const ssize_t written = write(fd, bytes, length);
@@ -173,8 +140,8 @@ int StoreNewDevice(const Device* device) {
   if (room != VAKRO_OK) return room;
   // A backup would one day take the place of the file.
   if (access(device->backupPath, F_OK) == 0) return VAKRO_ALREADY_EXISTS;
-  size_t size = 0;
-  const UtilBytes image = ImageOf(device, size);
+  unsigned int size = 0;
+  const UtilBytes image = MakeRecordImage(device, &size);
   if (!image) {
     errno = ENOMEM;
     return VAKRO_FAILED;

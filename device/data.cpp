@@ -4,30 +4,32 @@
 #include "core/owners.h"
 #include "core/secret.h"
 #include "device/device.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <string.h>
 
 namespace {
-// The module lock, the folder lock and the list, for the length of one call.
+// The module lock, the file in hand, and the list, for the length of one call.
 struct DataList {
   const ModuleLock lock;
-  const FolderLock folder;
   Device* const device;
-  Json root;
+  FileChange change;
   Data** datas = nullptr;
   unsigned int count = 0;
 
-  explicit DataList(Device* of) : folder(of->filePath), device(of) {}
+  explicit DataList(Device* of) : device(of) {}
   DataList(const DataList&) = delete;
   DataList& operator=(const DataList&) = delete;
   ~DataList() { FreeDatas(datas, static_cast<int>(count)); }
 
   bool Read() {
-    if (lock.held) root = ReadStoredTree(device);
-    return root && ReadDatas(root, &datas, &count);
+    if (lock.held) change.root = ReadStoredTree(device);
+    return change.root && ReadDatas(change.root, &datas, &count);
   }
-  bool Write() { return WriteDatas(device, std::move(root), datas, count); }
+  bool ReadToWrite() {
+    return lock.held && BeginDataChange(device, &change) && ReadDatas(change.root, &datas, &count);
+  }
+  bool Write() { return WriteDatas(&change, device, datas, count); }
 
   // The index of the first object with this id, or -1.
   int Find(int id) const {
@@ -53,8 +55,9 @@ int DeviceCreateData(Device* device, int id, int /*reserved*/, int length) {
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1 || length < 1) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
-  if (!list.Read()) return VAKRO_FAILED;
+  if (!list.ReadToWrite()) return VAKRO_FAILED;
   if (list.Find(id) >= 0) return VAKRO_ALREADY_EXISTS;
+  if (!HasRoomForData(list.change, length)) return VAKRO_FAILED;
   OwnedData data(newData(id, length));
   if (!data || !list.Append(std::move(data))) return VAKRO_FAILED;
   return list.Write() ? VAKRO_OK : VAKRO_FAILED;
@@ -90,7 +93,7 @@ int DeviceWriteDataEx(Device* device, int id, int offset, const unsigned char* b
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1 || length < 1 || bytes == nullptr) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
-  if (!list.Read()) return VAKRO_FAILED;
+  if (!list.ReadToWrite()) return VAKRO_FAILED;
   const int index = list.Find(id);
   if (index < 0) return VAKRO_NO_SUCH_DATA;
   const Data& data = *list.datas[index];
@@ -104,7 +107,7 @@ int DeviceDeleteData(Device* device, int id) {
   if (device == nullptr) return VAKRO_NULL_HANDLE;
   if (id < 1) return VAKRO_INVALID_ARGUMENT;
   DataList list(device);
-  if (!list.Read()) return VAKRO_FAILED;
+  if (!list.ReadToWrite()) return VAKRO_FAILED;
   const int index = list.Find(id);
   if (index < 0) return VAKRO_NO_SUCH_DATA;
   removeData(list.datas, static_cast<int>(list.count), index);

@@ -4,6 +4,7 @@
 #include "core/owners.h"
 #include "device/device.h"
 #include "sm2/sm2.h"
+#include "store/lock.h"
 
 #include <pthread.h>
 #include <string.h>
@@ -28,10 +29,24 @@ int DeviceSetKeyFolder(const char* folder) {
 
 // A fork waits for the threads inside the module, so that the child inherits it between two calls
 // and can use it. The handlers stay for as long as the library is loaded, and go with it.
+static void Prepare() {
+  HoldLocksForFork();
+  PrepareLocksForFork();
+}
+
+static void ResumeInParent() {
+  ResumeLocksInParent();
+  GiveLocksBackInParent();
+}
+
+static void ResumeInChild() {
+  CloseInheritedLocks();
+  RenewLocksInChild();
+}
+
 static bool HandleForks() {
   static bool handled = false;
-  if (!handled)
-    handled = pthread_atfork(HoldLocksForFork, GiveLocksBackInParent, RenewLocksInChild) == 0;
+  if (!handled) handled = pthread_atfork(Prepare, ResumeInParent, ResumeInChild) == 0;
   return handled;
 }
 

@@ -6,7 +6,7 @@
 #include "core/shield.h"
 #include "device/device.h"
 #include "keypair/keypair.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <string.h>
 
@@ -120,6 +120,20 @@ int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries) {
   return VerifyPin(device, pin);
 }
 
+// TakeOthersCerts gives each keypair the certificates that the file has for it; on false the record
+// is as it was. What the record had is in `lists` then.
+static bool TakeOthersCerts(const FileChange& change, Device* device, CertList* lists) {
+  bool others[MAX_KEYPAIRS] = {};
+  for (int i = 0; i < device->keypairCount; i++) {
+    const Found found = ReadOthersCerts(change, device->keypairs[i], &lists[i]);
+    if (found == Found::UNKNOWN) return false;
+    others[i] = found == Found::GOOD;
+  }
+  for (int i = 0; i < device->keypairCount; i++)
+    if (others[i]) ExchangeCerts(device->keypairs[i], &lists[i]);
+  return true;
+}
+
 int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* newPin,
                     int* retries) {
   const ErrorMark mark;
@@ -131,9 +145,19 @@ int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* ne
   if (!lock.held) return VAKRO_FAILED;
   const int verified = VerifyPin(device, oldPin);
   if (verified != VAKRO_OK) return verified;
+  FileChange change;
+  CertList certs[MAX_KEYPAIRS];
+  const Found found = BeginFileChange(device, Reading::RESTORED, &change);
+  // Where there is no file any more nothing of another process can be undone.
+  const bool isGone = found == Found::MISSING_OR_DAMAGED && !change.lock.IsHeld();
+  if (!isGone && (found != Found::GOOD || StoredKeypairs(change) == nullptr ||
+                  !HoldsSameKeypairs(change, device) || !TakeOthersCerts(change, device, certs)))
+    return VAKRO_FAILED;
   const int changed = ChangePin(device, newPin);
   if (changed != VAKRO_OK) return changed;
   // From here on the record holds the new PIN, whether the file can be written or not; until it is
   // written the old PIN is the one that the next scan will need.
-  return UpdateDeviceDataToFile(device) == 1 ? VAKRO_OK : VAKRO_FAILED;
+  const bool isWritten = WriteRecord(&change, device) == 1;
+  if (!isGone) NoteWritten(change, device, isWritten);
+  return isWritten ? VAKRO_OK : VAKRO_FAILED;
 }

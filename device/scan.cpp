@@ -3,16 +3,19 @@
 // A rewrite (store/rewrite.cpp) that stopped half-way leaves a backup. Beside a good device file
 // the backup is stale and goes; where the device file is missing or damaged the backup takes its
 // place. A device file that could not be looked at, for want of memory or a descriptor, counts as
-// neither: its backup is left alone.
+// neither: its backup is left alone. Each file is put in order under its own lock; what another
+// process has in hand is read and not touched.
 #include "core/error_mark.h"
 #include "core/owners.h"
 #include "device/device.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+static constexpr int MOST_LOOKS = 3;  // at a file that changes all the while
 
 static char* CopyText(const char* text, size_t length, const char* suffix) {
   const size_t suffixLen = strlen(suffix);
@@ -23,32 +26,7 @@ static char* CopyText(const char* text, size_t length, const char* suffix) {
   return copy;
 }
 
-static Found LoadFile(const char* path, OwnedDevice& device) {
-  unsigned char* image = nullptr;
-  unsigned int size = 0;
-  const Found read = ReadImage(path, &image, &size);
-  if (read != Found::GOOD) return read;
-  const UtilBytes owned(image);
-  Device* loaded = nullptr;
-  const Found found = LoadImage(image, &loaded);
-  if (found == Found::GOOD) device.reset(loaded);
-  return found;
-}
-
-// remove() would take an empty folder too.
-static bool IsFile(const char* path) {
-  struct stat info;
-  return lstat(path, &info) == 0 && !S_ISDIR(info.st_mode);
-}
-
-static void RemoveFile(const char* path) {
-  if (IsFile(path)) remove(path);
-}
-
-// A good device file may still be in memory only, if the process that wrote it has died.
-static void RemoveStaleBackup(const char* backupPath, const char* path) {
-  if (IsFile(backupPath) && SyncFile(path)) remove(backupPath);
-}
+static bool IsThere(const char* path) { return access(path, F_OK) == 0; }
 
 static void AddToSet(DeviceSet* set, OwnedDevice& device, UtilText& filePath,
                      UtilText& backupPath) {
@@ -58,22 +36,47 @@ static void AddToSet(DeviceSet* set, OwnedDevice& device, UtilText& filePath,
   set->count++;
 }
 
-// Adds the device of a device file to the set and removes its stale backup.
-static Found AddFromDeviceFile(DeviceSet* set, const char* path) {
-  OwnedDevice device;
-  const Found found = LoadFile(path, device);
-  if (found != Found::GOOD) return found;
-  UtilText filePath(CopyText(path, strlen(path), ""));
-  UtilText backupPath(CopyText(path, strlen(path), BACKUP_SUFFIX));
-  if (!filePath || !backupPath) return Found::UNKNOWN;
-  RemoveStaleBackup(backupPath.get(), path);
-  AddToSet(set, device, filePath, backupPath);
-  return Found::GOOD;
+// HasChanged says whether a file that has been looked at is another by now.
+static bool HasChanged(const char* path, const FileImage& image) {
+  struct stat now;
+  const struct stat& then = image.status;
+  return stat(path, &now) == 0 &&
+         (now.st_ino != then.st_ino || now.st_size != then.st_size ||
+          now.st_mtim.tv_sec != then.st_mtim.tv_sec || now.st_mtim.tv_nsec != then.st_mtim.tv_nsec);
+}
+
+// ReadFromFolder reads a file of which nothing is known; the folder may hold a hundred thousand
+// that are no devices. One that looks damaged may be a device file that is being written: then a
+// backup lies beside it, or it changes under the look.
+static Found ReadFromFolder(const char* path, const char* backupPath, FileImage* image) {
+  Found found = ReadImage(path, image);
+  for (int look = 0; look < MOST_LOOKS && found == Found::MISSING_OR_DAMAGED; look++) {
+    if (IsThere(backupPath)) {
+      FileLock lock;
+      const LockResult result = lock.Try(path);
+      if (result == LockResult::HELD) return ReadImage(path, image);
+      if (result != LockResult::BUSY) return found;
+      found = ReadImage(backupPath, image);
+      if (found == Found::GOOD) return found;
+    } else if (!HasChanged(path, *image) && (look > 0 || !image->bytes)) {
+      return found;
+    }
+    found = ReadImage(path, image);
+  }
+  return found;
 }
 
 static void AddFromName(DeviceSet* set, const char* name) {
-  const UtilText path(GetFilePath(g_keyFolder, name));
-  if (path) AddFromDeviceFile(set, path.get());
+  UtilText path(GetFilePath(g_keyFolder, name));
+  if (!path) return;
+  UtilText backupPath(CopyText(path.get(), strlen(path.get()), BACKUP_SUFFIX));
+  FileImage image;
+  if (!backupPath || ReadFromFolder(path.get(), backupPath.get(), &image) != Found::GOOD) return;
+  Device* loaded = nullptr;
+  if (LoadImage(image.bytes.get(), &loaded) != Found::GOOD) return;
+  OwnedDevice device(loaded);
+  if (IsThere(backupPath.get())) RemoveStaleBackup(path.get(), backupPath.get());
+  AddToSet(set, device, path, backupPath);
 }
 
 static bool Holds(const DeviceSet* set, const char* path) {
@@ -83,13 +86,16 @@ static bool Holds(const DeviceSet* set, const char* path) {
   return false;
 }
 
-// A crash between any two steps leaves the content in the backup, the device file or both.
-static void RestoreFromBackup(const char* backupPath, const char* path) {
-  if (rename(backupPath, path) == 0) {
-    SyncFolder(path);
-    return;
-  }
-  if (CopyFileData(backupPath, path) == 1) RemoveFile(backupPath);
+// IsBackupOfAnother says of a name that ends like a backup whether a device could be lost, were
+// "x.bak.bak" to become "x.bak": where there is a device file "x", or a device in "x.bak" already,
+// that would be taken for the backup of "x".
+static bool IsBackupOfAnother(const char* path) {
+  if (!string_endwiths(path, BACKUP_SUFFIX)) return false;
+  const UtilText shorter(CopyText(path, strlen(path) - strlen(BACKUP_SUFFIX), ""));
+  struct stat info;
+  FileImage image;
+  return !shorter || lstat(shorter.get(), &info) == 0 ||
+         ReadDeviceImage(path, &image) != Found::MISSING_OR_DAMAGED;
 }
 
 static void AddFromBackup(DeviceSet* set, const char* name) {
@@ -99,17 +105,18 @@ static void AddFromBackup(DeviceSet* set, const char* name) {
   if (!backupPath) return;
   const size_t pathLen = strlen(backupPath.get()) - strlen(BACKUP_SUFFIX);
   UtilText path(CopyText(backupPath.get(), pathLen, ""));
-  if (!path || string_endwiths(path.get(), BACKUP_SUFFIX)) return;
-  if (access(backupPath.get(), F_OK) != 0) return;
-  if (Holds(set, path.get())) return;  // stale, and could not be removed
-  OwnedDevice device;
-  if (LoadFile(backupPath.get(), device) != Found::GOOD) return;
-  // Look at the device file again, now that a device has just been loaded without trouble: only a
-  // file that is surely missing or damaged gives way to an older one.
-  if (AddFromDeviceFile(set, path.get()) != Found::MISSING_OR_DAMAGED) return;
+  if (!path || !IsThere(backupPath.get())) return;
+  if (Holds(set, path.get()) || IsBackupOfAnother(path.get())) return;
+  FileImage image;
+  if (ReadDeviceImage(backupPath.get(), &image) != Found::GOOD) return;
+  // Only a file that is surely missing or damaged gives way to an older one.
+  if (ReadCurrent(path.get(), backupPath.get(), false, ReadDeviceImage, &image) != Found::GOOD)
+    return;
+  Device* loaded = nullptr;
+  if (LoadImage(image.bytes.get(), &loaded) != Found::GOOD) return;
+  OwnedDevice device(loaded);
+  if (IsThere(backupPath.get())) RemoveStaleBackup(path.get(), backupPath.get());
   AddToSet(set, device, path, backupPath);
-  const Device* added = set->devices[set->count - 1];
-  RestoreFromBackup(added->backupPath, added->filePath);
 }
 
 static void AddEach(DeviceSet* set, const char* names, unsigned int length,
@@ -120,9 +127,7 @@ static void AddEach(DeviceSet* set, const char* names, unsigned int length,
 }
 
 DeviceSet* GetDeviceSetHandle(void) {
-  const UtilText folder(GetFilePath(g_keyFolder, ""));
-  if (!folder) return nullptr;
-  const FolderLock folderLock(folder.get());
+  const NoCancellation uncancelled;
   char* files = nullptr;
   char* backups = nullptr;
   unsigned int filesLen = 0;

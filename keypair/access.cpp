@@ -5,7 +5,7 @@
 #include "core/secret.h"
 #include "keypair/keypair.h"
 #include "keypair/private_key.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <string.h>
 
@@ -76,7 +76,10 @@ int DeviceDeleteKeypair(Keypair* keypair) {
   if (!lock.held) return VAKRO_FAILED;
   if (GetPrivateKey(keypair) == nullptr) return VAKRO_NOT_VERIFIED;
   Device* const device = keypair->device;
-  if (device == nullptr || DeleteKeypairFromFile(keypair) != 1) return VAKRO_FAILED;
+  FileChange change;
+  if (device == nullptr || !BeginCheckedChange(device, &change) ||
+      DeleteKeypairFromChange(&change, keypair) != 1)
+    return VAKRO_FAILED;
   DeleteKeypairFromDevice(device, keypair);
   keypair->device = nullptr;
   ReleaseReferences(device, 2);  // its place on the device, and the caller's handle

@@ -4,7 +4,7 @@
 #include "core/lock.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
-#include "store/store.h"
+#include "store/change.h"
 
 int DeviceGetCertificateCount(Keypair* keypair) {
   return keypair == nullptr ? VAKRO_NULL_HANDLE : keypair->certCount;
@@ -18,19 +18,57 @@ int DeviceGetCertificate(Keypair* keypair, int index, unsigned char* buffer, int
   return AnswerBytes(cert->data, cert->length, buffer, size, length);
 }
 
+namespace {
+// A change of the certificates of one keypair. The record has the file's list while it is under
+// way, if another process has changed that; unless it is kept the record gets its own back.
+struct CertChange {
+  Keypair* const keypair;
+  FileChange file;
+  CertList list;
+  bool isOthers = false;
+  bool isKept = false;
+
+  explicit CertChange(Keypair* of) : keypair(of) {}
+  CertChange(const CertChange&) = delete;
+  CertChange& operator=(const CertChange&) = delete;
+  ~CertChange() {
+    if (isOthers && !isKept) ExchangeCerts(keypair, &list);
+  }
+
+  bool Begin() {
+    if (keypair->device == nullptr || !BeginCheckedChange(keypair->device, &file)) return false;
+    const Found found = ReadOthersCerts(file, keypair, &list);
+    isOthers = found == Found::GOOD;
+    if (isOthers) ExchangeCerts(keypair, &list);
+    return found != Found::UNKNOWN;
+  }
+};
+}  // namespace
+
 int DeviceAddCertificate(Keypair* keypair, const unsigned char* bytes, int length) {
   const ErrorMark mark;
   if (keypair == nullptr) return VAKRO_NULL_HANDLE;
-  if (bytes == nullptr || length < 1) return VAKRO_FAILED;
+  if (bytes == nullptr || length < 1 || ReadShared(keypair->certCount) >= MAX_CERTS)
+    return VAKRO_FAILED;
   OwnedCert cert(NewCert(bytes, length));
   if (!cert) return VAKRO_FAILED;
   const ModuleLock lock;
-  if (!lock.held || keypair->certCount >= MAX_CERTS) return VAKRO_FAILED;
+  if (!lock.held) return VAKRO_FAILED;
   if (GetPrivateKey(keypair) == nullptr) return VAKRO_NOT_VERIFIED;
-  if (keypair->device == nullptr || AddCertToFile(keypair, cert.get()) != 1) return VAKRO_FAILED;
+  CertChange change(keypair);
+  if (!change.Begin() || keypair->certCount >= MAX_CERTS) return VAKRO_FAILED;
+  if (AddCertToChange(&change.file, keypair, cert.get()) != 1) return VAKRO_FAILED;
+  change.isKept = true;
   keypair->certs[keypair->certCount] = cert.release();
-  keypair->certCount++;
+  WriteShared(keypair->certCount, keypair->certCount + 1);
   return VAKRO_OK;
+}
+
+// IndexOf returns where the list has this certificate, by its bytes, or -1.
+static int IndexOf(const Keypair* keypair, const Cert* cert) {
+  for (int i = 0; i < keypair->certCount; i++)
+    if (IsSameCert(keypair->certs[i], cert)) return i;
+  return -1;
 }
 
 int DeviceDeleteCertificate(Keypair* keypair, int index) {
@@ -40,11 +78,18 @@ int DeviceDeleteCertificate(Keypair* keypair, int index) {
   // A missing key is reported before anything else, even a lock that failed.
   if (GetPrivateKey(keypair) == nullptr) return VAKRO_NOT_VERIFIED;
   if (!lock.held || index < 0 || index >= keypair->certCount) return VAKRO_FAILED;
-  Cert* const cert = keypair->certs[index];
-  if (keypair->device == nullptr || DeleteCertFromFile(keypair, cert) != 1) return VAKRO_FAILED;
-  keypair->certCount--;
-  for (int i = index; i < keypair->certCount; i++) keypair->certs[i] = keypair->certs[i + 1];
+  const Cert* const cert = keypair->certs[index];
+  CertChange change(keypair);
+  if (!change.Begin() || DeleteCertFromChange(&change.file, keypair, cert) != 1)
+    return VAKRO_FAILED;
+  change.isKept = true;
+  // In the file's list it may stand elsewhere, or be gone already.
+  const int at = change.isOthers ? IndexOf(keypair, cert) : index;
+  if (at < 0) return VAKRO_OK;
+  Cert* const deleted = keypair->certs[at];
+  WriteShared(keypair->certCount, keypair->certCount - 1);
+  for (int i = at; i < keypair->certCount; i++) keypair->certs[i] = keypair->certs[i + 1];
   keypair->certs[keypair->certCount] = nullptr;
-  FreeCert(cert);
+  FreeCert(deleted);
   return VAKRO_OK;
 }

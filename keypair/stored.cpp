@@ -2,7 +2,7 @@
 #include "keypair/stored.h"
 
 #include "core/openssl_owners.h"
-#include "store/store.h"
+#include "store/change.h"
 
 #include <string.h>
 
@@ -16,34 +16,23 @@ int CheckOwner(const Device* device, const char* label) {
   return strlen(label) < NAME_SIZE ? VAKRO_OK : VAKRO_FAILED;
 }
 
-static bool HasBlob(const Device* device, const Keypair* stored) {
-  for (int i = 0; i < device->keypairCount; i++) {
-    const Keypair* keypair = device->keypairs[i];
-    if (keypair->encryptedPrivateKeyLen == stored->encryptedPrivateKeyLen &&
-        memcmp(keypair->encryptedPrivateKey, stored->encryptedPrivateKey,
-               static_cast<size_t>(stored->encryptedPrivateKeyLen)) == 0)
-      return true;
-  }
-  return false;
-}
-
-// OpensStored says whether the device's PIN opens what its file holds by now. A record that was
+// OpensFile says whether the device's PIN opens what its file holds by now. A record that was
 // loaded when the file held no keypairs has taken any PIN for its own; a keypair stored under it
-// beside another process's would leave a device that no PIN opens. Caller holds the folder lock.
-static bool OpensStored(const Device* device) {
-  unsigned char* raw = nullptr;
-  unsigned int size = 0;
-  const Found found = ReadImage(device->filePath, &raw, &size);
-  if (found != Found::GOOD) return found == Found::MISSING_OR_DAMAGED;  // then nothing opens it
-  const UtilBytes image(raw);
-  const OwnedDevice stored(GetDeviceHandleFromData(raw, size));
-  if (!stored) return false;
-  for (int i = 0; i < stored->keypairCount; i++)
-    if (HasBlob(device, stored->keypairs[i])) return true;
-  if (stored->keypairCount == 0) return true;
-  Keypair* first = stored->keypairs[0];
+// beside another process's would leave a device that no PIN opens.
+static bool OpensFile(const FileChange& change, Device* device) {
+  switch (WhosePin(change, device)) {
+    case FilePin::OURS:
+      return true;
+    case FilePin::ANOTHERS:
+      return false;
+    case FilePin::UNTOLD:
+      break;
+  }
+  const OwnedKeypair first = LoadFirstKeypair(change);
+  if (!first) return false;
+  first->device = device;
   int curve = 0;
-  const EvpKey key(DecryptKeyPair(first->algorithm, first, device->pin, &curve));
+  const EvpKey key(DecryptKeyPair(first->algorithm, first.get(), device->pin, &curve));
   return key != nullptr;
 }
 
@@ -53,8 +42,12 @@ int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypai
                             ? EncryptECCKeypair(device, keypair.get())
                             : EncryptRSAKeypair(device, keypair.get());
   if (encrypted != 1) return VAKRO_FAILED;
-  const FolderLock lock(device->filePath);
-  if (!OpensStored(device) || AddhKeypairToFile(device, keypair.get()) != 1) return VAKRO_FAILED;
+  FileChange change;
+  if (!BeginCheckedChange(device, &change)) return VAKRO_FAILED;
+  if (HoldsKeypair(change, keypair->type, label)) return VAKRO_ALREADY_EXISTS;
+  if (CountKeypairs(change) >= device->maxKeypairs || !OpensFile(change, device) ||
+      AddKeypairToChange(&change, device, keypair.get()) != 1)
+    return VAKRO_FAILED;
   // The file holds the keypair; nothing below can fail.
   keypair->isTemp = 0;
   keypair->device = device;

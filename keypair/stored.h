@@ -12,8 +12,9 @@ int CheckRoom(const Device* device, unsigned int type, const char* label);
 int CheckOwner(const Device* device, const char* label);
 
 // StoreKeypair encrypts a new keypair, writes it to the device file and puts it on the device, with
-// the caller's handle in *out. Returns 1; 0 with device and file unchanged. Caller locks and has
-// made both checks.
+// the caller's handle in *out. Returns 1; -6 when the file holds a keypair of this type and label
+// that the record does not know of; 0. Device and file are then unchanged. Caller locks and has made
+// both checks.
 int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypair** out);
 
 #endif

@@ -1,6 +1,6 @@
 // The container of the device file: header words, text, digest; its check and its writer. What the
 // text holds is reader.cpp's.
-#include "store/store.h"
+#include "store/inside.h"
 
 static_assert(HEADER_SIZE == LENGTH_OFFSET + 4 && LENGTH_OFFSET == TAG_OFFSET + 4);
 
@@ -8,42 +8,77 @@ std::string_view ImageText(const unsigned char* image) {
   return {reinterpret_cast<const char*>(image) + HEADER_SIZE, be2int(image + LENGTH_OFFSET)};
 }
 
-// Digest hashes a text; NULL also when the hash is not as long as the container wants it.
+// Digest hashes a text; NULL also when the hash is shorter than the container wants it. What it
+// has beyond DIGEST_SIZE bytes counts for nothing.
 static LibBytes Digest(const unsigned char* text, unsigned int length) {
   unsigned char* raw = nullptr;
   unsigned int rawLength = 0;
   if (CalculateHash(FILE_HASH_ID, text, length, &raw, &rawLength) != 1) return nullptr;
   LibBytes digest(raw);
-  if (rawLength != DIGEST_SIZE) return nullptr;
-  return digest;
+  return rawLength >= DIGEST_SIZE ? std::move(digest) : nullptr;
 }
 
-Found ReadImage(const char* path, unsigned char** image, unsigned int* size) {
-  UtilBytes data;
-  unsigned int length = 0;
-  struct stat status;
-  const Found read = ReadFile(path, &data, &length, &status);
-  if (read != Found::GOOD) return read;
-
-  if (length < HEADER_SIZE + DIGEST_SIZE) return Found::MISSING_OR_DAMAGED;
-  const unsigned int textLength = length - HEADER_SIZE - DIGEST_SIZE;
-  if (be2int(data.get() + LENGTH_OFFSET) != textLength) return Found::MISSING_OR_DAMAGED;
-
-  const unsigned char* text = data.get() + HEADER_SIZE;
+Found CheckImage(const FileImage& image) {
+  constexpr unsigned int FRAME = HEADER_SIZE + DIGEST_SIZE;
+  if (image.size < FRAME) return Found::MISSING_OR_DAMAGED;
+  const unsigned int textLength = image.size - FRAME;
+  if (be2int(image.bytes.get() + LENGTH_OFFSET) != textLength) return Found::MISSING_OR_DAMAGED;
+  const unsigned char* text = image.bytes.get() + HEADER_SIZE;
   const LibBytes digest = Digest(text, textLength);
   if (!digest) return Found::UNKNOWN;
-  if (memcmp(text + textLength, digest.get(), DIGEST_SIZE) != 0) return Found::MISSING_OR_DAMAGED;
-  *image = data.release();
-  *size = length;
-  return Found::GOOD;
+  const bool same = memcmp(text + textLength, digest.get(), DIGEST_SIZE) == 0;
+  return same ? Found::GOOD : Found::MISSING_OR_DAMAGED;
+}
+
+Found ReadImage(const char* path, FileImage* image) {
+  image->bytes.reset();
+  File file;
+  const Found opened = OpenRegularFile(path, &file, &image->status);
+  if (opened != Found::GOOD) return opened;
+  const off_t size = image->status.st_size;
+  if (size < off_t{HEADER_SIZE + DIGEST_SIZE} || size > off_t{MAX_FILE_SIZE})
+    return Found::MISSING_OR_DAMAGED;
+  image->size = static_cast<unsigned int>(size);
+
+  // Any file may stand in the folder, of any size: of one that is no container only this is read.
+  unsigned char header[HEADER_SIZE];
+  Found read = ReadBytes(file, header, HEADER_SIZE);
+  if (read != Found::GOOD) return read;
+  if (be2int(header + LENGTH_OFFSET) != image->size - HEADER_SIZE - DIGEST_SIZE)
+    return Found::MISSING_OR_DAMAGED;
+
+  image->bytes.reset(static_cast<unsigned char*>(vakro_malloc(image->size, "json", __LINE__)));
+  if (!image->bytes) return Found::UNKNOWN;
+  memcpy(image->bytes.get(), header, HEADER_SIZE);
+  read = ReadBytes(file, image->bytes.get() + HEADER_SIZE, image->size - HEADER_SIZE);
+  return read == Found::GOOD ? CheckImage(*image) : read;
+}
+
+UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size) {
+  if (text.size() > MAX_TEXT_SIZE) return nullptr;
+  const auto length = static_cast<unsigned int>(text.size());
+  const LibBytes digest = Digest(reinterpret_cast<const unsigned char*>(text.data()), length);
+  UtilBytes image(static_cast<unsigned char*>(
+      vakro_malloc(HEADER_SIZE + length + DIGEST_SIZE, "json", __LINE__)));
+  if (!digest || !image) return nullptr;
+  int2be(tag, image.get() + TAG_OFFSET);
+  int2be(length, image.get() + LENGTH_OFFSET);
+  memcpy(image.get() + HEADER_SIZE, text.data(), length);
+  memcpy(image.get() + HEADER_SIZE + length, digest.get(), DIGEST_SIZE);
+  *size = HEADER_SIZE + length + DIGEST_SIZE;
+  return image;
 }
 
 int VerifyDeviceFile(const char* path, unsigned char** image, unsigned int* size) {
-  return ReadImage(path, image, size) == Found::GOOD ? 1 : 0;
+  FileImage read;
+  if (ReadImage(path, &read) != Found::GOOD) return 0;
+  *image = read.bytes.release();
+  *size = read.size;
+  return 1;
 }
 
 int WriteDeviceDataToFile(Device* device, const unsigned char* text, unsigned int length) {
-  if (device == nullptr || length > MAX_FILE_SIZE - HEADER_SIZE - DIGEST_SIZE) return 0;
+  if (device == nullptr || length > MAX_TEXT_SIZE) return 0;
   const LibBytes digest = Digest(text, length);
   if (!digest) return 0;
 

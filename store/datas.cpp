@@ -1,6 +1,6 @@
 // The data objects in the device file: reading the list, writing it back, and the conversions of
 // one object. They are not kept in memory between calls.
-#include "store/store.h"
+#include "store/inside.h"
 
 static constexpr int SPARE_SLOTS = 8;  // a caller appends without growing the array
 
@@ -75,9 +75,26 @@ bool ReadDatas(const Json& root, Data*** list, unsigned int* count) {
   return true;
 }
 
+Json ReadStoredTree(Device* device) {
+  if (device == nullptr) return nullptr;
+  FileImage image;
+  if (ReadCurrent(device->filePath, device->backupPath, true, ReadImage, &image) != Found::GOOD)
+    return nullptr;
+  device->fileTag = be2int(image.bytes.get() + TAG_OFFSET);
+  Json root;
+  DecodeText(ImageText(image.bytes.get()), &root);
+  return IsArray(root.get()) ? std::move(root) : nullptr;
+}
+
 int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count) {
   const Json root = ReadStoredTree(device);
   return root && ReadDatas(root, list, count) ? 1 : 0;
+}
+
+bool BeginDataChange(Device* device, FileChange* change) {
+  if (BeginFileChange(device, Reading::RESTORED, change) != Found::GOOD) return false;
+  device->fileTag = be2int(change->image.bytes.get() + TAG_OFFSET);
+  return IsArray(change->root.get());
 }
 
 // PutDatas makes `datas` the data objects of the tree; NULL when memory is out.
@@ -99,17 +116,21 @@ VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas) {
   return root && datas != nullptr ? PutDatas(std::move(root), datas).release() : nullptr;
 }
 
-bool WriteDatas(Device* device, Json root, Data** list, unsigned int count) {
+bool WriteDatas(FileChange* change, Device* device, Data** list, unsigned int count) {
   if (count > INT_MAX) return false;
   const Json datas(Datas2Json(list, static_cast<int>(count)));
   if (!datas) return false;
-  Json tree = PutDatas(std::move(root), datas.get());
-  return tree && RewriteDeviceFile(device, tree.release()) == 1;
+  Json tree = PutDatas(std::move(change->root), datas.get());
+  return tree && RewriteFile(change, device, std::move(tree)) == 1;
+}
+
+bool HasRoomForData(const FileChange& change, int length) {
+  constexpr unsigned int SHORTEST_ITEM = sizeof("[1,1,0,0,\"\"]") - 1;
+  const unsigned int taken = change.image.size - HEADER_SIZE - DIGEST_SIZE + SHORTEST_ITEM;
+  return taken <= MAX_TEXT_SIZE && static_cast<unsigned int>(length) <= (MAX_TEXT_SIZE - taken) / 2;
 }
 
 int WriteAllDatasToFile(Device* device, Data** list, unsigned int count) {
-  if (device == nullptr) return 0;
-  const FolderLock lock(device->filePath);
-  Json root = ReadStoredTree(device);
-  return root && WriteDatas(device, std::move(root), list, count) ? 1 : 0;
+  FileChange change;
+  return BeginDataChange(device, &change) && WriteDatas(&change, device, list, count) ? 1 : 0;
 }

@@ -1,6 +1,6 @@
 // Whole files: reading, copying, and writing to stable storage without ever opening the content to
 // more people than before. What the bytes mean is container.cpp's.
-#include "store/store.h"
+#include "store/inside.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -8,37 +8,50 @@
 static constexpr mode_t OWNER_ONLY = S_IRUSR | S_IWUSR;
 static constexpr mode_t PERMISSIONS = S_IRWXU | S_IRWXG | S_IRWXO;
 
-Found ReadFile(const char* path, UtilBytes* data, unsigned int* length, struct stat* status) {
+// What the failure to look at or open a file says of it.
+static Found WhyNoFile() {
+  const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
+  return missing ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+}
+
+Found OpenRegularFile(const char* path, File* file, struct stat* status) {
   if (path == nullptr) return Found::MISSING_OR_DAMAGED;
-  // Look before opening: opening a pipe would wait for a writer.
-  if (stat(path, status) != 0) {
-    const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
-    return missing ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
-  }
+  // Look before opening: that alone can do something to what is not a file.
+  if (stat(path, status) != 0) return WhyNoFile();
   if (!S_ISREG(status->st_mode)) return Found::MISSING_OR_DAMAGED;
-
-  const File file(fopen(path, "rbe"));
-  if (!file || fstat(fileno(file.get()), status) != 0) return Found::UNKNOWN;
-  if (fseek(file.get(), 0, SEEK_END) != 0) return Found::UNKNOWN;
-  const long size = ftell(file.get());
-  if (size < 0 || fseek(file.get(), 0, SEEK_SET) != 0) return Found::UNKNOWN;
-  if (size == 0 || size > static_cast<long>(MAX_FILE_SIZE)) return Found::MISSING_OR_DAMAGED;
-
-  const auto wanted = static_cast<size_t>(size);
-  UtilBytes bytes(static_cast<unsigned char*>(vakro_malloc(wanted, "json", __LINE__)));
-  if (!bytes || fread(bytes.get(), 1, wanted, file.get()) != wanted) return Found::UNKNOWN;
-  *data = std::move(bytes);
-  *length = static_cast<unsigned int>(wanted);
+  // Without O_NONBLOCK a pipe that has taken the file's place since would be waited for.
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return WhyNoFile();
+  file->reset(fdopen(fd, "rb"));
+  if (!*file) close(fd);
+  if (!*file || fstat(fd, status) != 0) return Found::UNKNOWN;
+  if (!S_ISREG(status->st_mode)) return Found::MISSING_OR_DAMAGED;
   return Found::GOOD;
 }
 
+Found ReadBytes(const File& file, void* bytes, size_t length) {
+  if (fread(bytes, 1, length, file.get()) == length) return Found::GOOD;
+  // Somebody who rewrites the file has emptied it since its size was taken.
+  return feof(file.get()) != 0 ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+}
+
+Found ReadFile(const char* path, FileImage* image) {
+  File file;
+  const Found opened = OpenRegularFile(path, &file, &image->status);
+  if (opened != Found::GOOD) return opened;
+  const off_t size = image->status.st_size;
+  if (size == 0 || size > off_t{MAX_FILE_SIZE}) return Found::MISSING_OR_DAMAGED;
+  image->size = static_cast<unsigned int>(size);
+  image->bytes.reset(static_cast<unsigned char*>(vakro_malloc(image->size, "json", __LINE__)));
+  if (!image->bytes) return Found::UNKNOWN;
+  return ReadBytes(file, image->bytes.get(), image->size);
+}
+
 int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length) {
-  UtilBytes bytes;
-  unsigned int size = 0;
-  struct stat status;
-  if (ReadFile(path, &bytes, &size, &status) != Found::GOOD) return 0;
-  *data = bytes.release();
-  *length = size;
+  FileImage image;
+  if (ReadFile(path, &image) != Found::GOOD) return 0;
+  *data = image.bytes.release();
+  *length = image.size;
   return 1;
 }
 
@@ -58,41 +71,51 @@ static bool TakeOwnerAndMode(int fd, const struct stat& like) {
   return fchmod(fd, mode) == 0 || (now.st_mode & PERMISSIONS & ~mode) == 0;
 }
 
-File OpenEmptied(const char* path, const struct stat* like) {
+// OpenTarget opens a regular file for writing, of the final owner and mode before it is emptied.
+// Without `like` a file that exists keeps its own.
+static File OpenTarget(const char* path, int flags, const struct stat* like) {
   if (path == nullptr) return nullptr;
-  const Descriptor target(
-      open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, OWNER_ONLY));
+  const int fd =
+      open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags, OWNER_ONLY);
+  if (fd < 0) return nullptr;
+  File file(fdopen(fd, "wb"));
+  if (!file) close(fd);
   struct stat status;
-  if (target.fd < 0 || fstat(target.fd, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
-  // Closed to others before it is opened by name, and of the final mode before the first byte.
-  if (like != nullptr && (status.st_mode & PERMISSIONS & ~OWNER_ONLY) != 0)
-    static_cast<void>(fchmod(target.fd, OWNER_ONLY));  // TakeOwnerAndMode decides
-  File file(fopen(path, "wbe"));
-  if (!file) return nullptr;
-  if (like != nullptr && !TakeOwnerAndMode(fileno(file.get()), *like)) return nullptr;
+  if (!file || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+  if (like != nullptr && !TakeOwnerAndMode(fd, *like)) return nullptr;
+  if (status.st_size != 0 && ftruncate(fd, 0) != 0) return nullptr;
   return file;
+}
+
+File OpenEmptied(const char* path, const struct stat* like) { return OpenTarget(path, 0, like); }
+
+// Nothing that has the name is written to, be it a link to another file or a file with other names.
+File OpenFresh(const char* path, const struct stat* like) {
+  struct stat status;
+  if (path == nullptr) return nullptr;
+  if (lstat(path, &status) == 0 && (S_ISDIR(status.st_mode) || remove(path) != 0)) return nullptr;
+  return OpenTarget(path, O_EXCL, like);
 }
 
 bool WriteBytes(const File& file, const void* bytes, size_t length) {
   return fwrite(bytes, 1, length, file.get()) == length;
 }
 
-// Sync waits until the descriptor's data is on stable storage.
+// Sync waits until what the descriptor stands for is on stable storage. Where the file system has
+// no way to sync it nothing more can be done.
 template <class Call>
 static bool Sync(Call call, int fd) {
   int result = 0;
   do result = call(fd);
   while (result != 0 && errno == EINTR);
-  return result == 0;
+  return result == 0 || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS;
 }
 
 bool FlushToStorage(const File& file) {
   return fflush(file.get()) == 0 && Sync(fdatasync, fileno(file.get()));
 }
 
-bool WriteWholeFile(const char* path, const unsigned char* data, unsigned int length,
-                    const struct stat* like) {
-  const File file = OpenEmptied(path, like);
+bool WriteOut(const File& file, const unsigned char* data, unsigned int length) {
   return file && WriteBytes(file, data, length) && FlushToStorage(file);
 }
 
@@ -111,11 +134,8 @@ int OpenFolderOf(const char* path) {
   return open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-// SyncAll syncs a descriptor; a file system that does not sync such files is as good as it gets.
-static bool SyncAll(int fd) {
-  return Sync(fsync, fd) || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS ||
-         errno == EROFS;
-}
+// Of what this process has not just written, a read-only file system need not be told.
+static bool SyncAll(int fd) { return Sync(fsync, fd) || errno == EROFS; }
 
 bool SyncFolder(const char* path) {
   const Descriptor folder(OpenFolderOf(path));
@@ -128,10 +148,9 @@ bool SyncFile(const char* path) {
 }
 
 int CopyFileData(const char* source, const char* destination) {
-  UtilBytes data;
-  unsigned int length = 0;
-  struct stat status;
-  if (ReadFile(source, &data, &length, &status) != Found::GOOD) return 0;
-  if (!WriteWholeFile(destination, data.get(), length, &status)) return 0;
+  FileImage image;
+  if (ReadFile(source, &image) != Found::GOOD) return 0;
+  const File file = OpenEmptied(destination, &image.status);
+  if (!WriteOut(file, image.bytes.get(), image.size)) return 0;
   return SyncFolder(destination) ? 1 : 0;
 }

@@ -1,19 +1,36 @@
 // JSON values: reading and appending single items, the copies of an array with one item changed,
 // and the equality that identifies keypairs and certificates.
-#include "store/store.h"
+#include "store/inside.h"
 
+#include <errno.h>
 #include <math.h>
 
-bool IsArray(const VakroJson* value) { return vakro_json_gettype(value) == VAKRO_JSON_ARRAY; }
+// The decoder says by errno why there is no tree: everything but EINVAL is no fault of the text.
+Found DecodeText(std::string_view text, Json* tree) {
+  errno = 0;
+  tree->reset(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
+  if (*tree) return Found::GOOD;
+  return errno == EINVAL ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+}
+
+static bool HasType(const VakroJson* value, VakroJsonType type) {
+  return value != nullptr && vakro_json_gettype(value) == type;
+}
+
+bool IsArray(const VakroJson* value) { return HasType(value, VAKRO_JSON_ARRAY); }
+
+static int SizeOf(const VakroJson* value) {
+  return IsArray(value) ? vakro_json_getarraysize(value) : 0;
+}
 
 bool JsonString(const VakroJson* value, std::string_view* text) {
-  if (vakro_json_gettype(value) != VAKRO_JSON_STRING) return false;
+  if (!HasType(value, VAKRO_JSON_STRING)) return false;
   *text = {vakro_json_getstring(value), vakro_json_getstringlength(value)};
   return true;
 }
 
 bool JsonNumber(const VakroJson* value, int* number) {
-  if (vakro_json_gettype(value) != VAKRO_JSON_NUMBER) return false;
+  if (!HasType(value, VAKRO_JSON_NUMBER)) return false;
   const double held = vakro_json_getnumber(value);
   if (isnan(held))
     *number = 0;
@@ -52,7 +69,7 @@ UtilText EncodeTree(const VakroJson* tree, unsigned int* length) {
 
 // CopyArrayBut copies an array with `item` in place of the one at `index`, or without it for NULL.
 static VakroJson* CopyArrayBut(VakroJson* array, int index, const VakroJson* item) {
-  const int size = vakro_json_getarraysize(array);
+  const int size = SizeOf(array);
   if (index < 0 || index >= size) return nullptr;
   Json copy(vakro_json_newarray());
   if (!copy) return nullptr;
@@ -84,7 +101,7 @@ VakroJson* UpdateJsonCertsToKeypair(VakroJson* keypairItem, VakroJson* certs) {
 static bool ScalarEqual(const VakroJson* a, const VakroJson* b) {
   std::string_view left, right;
   if (JsonString(a, &left)) return JsonString(b, &right) && left == right;
-  return vakro_json_gettype(a) == VAKRO_JSON_NUMBER && vakro_json_gettype(b) == VAKRO_JSON_NUMBER &&
+  return HasType(a, VAKRO_JSON_NUMBER) && HasType(b, VAKRO_JSON_NUMBER) &&
          vakro_json_getnumber(a) == vakro_json_getnumber(b);
 }
 
@@ -98,21 +115,21 @@ static bool ItemsEqual(VakroJson* a, VakroJson* b, int count) {
 // Alike says whether two values have the same type and, as arrays, the same size.
 static bool Alike(const VakroJson* a, const VakroJson* b) {
   return a != nullptr && b != nullptr && vakro_json_gettype(a) == vakro_json_gettype(b) &&
-         vakro_json_getarraysize(a) == vakro_json_getarraysize(b);
+         SizeOf(a) == SizeOf(b);
 }
 
 int KeypairJsonEqual(VakroJson* a, VakroJson* b) {
-  return Alike(a, b) && ItemsEqual(a, b, vakro_json_getarraysize(a) - 1) ? 1 : 0;
+  return Alike(a, b) && ItemsEqual(a, b, SizeOf(a) - 1) ? 1 : 0;
 }
 
 int CertJsonEqual(VakroJson* a, VakroJson* b) {
   if (!Alike(a, b)) return 0;
-  if (IsArray(a)) return ItemsEqual(a, b, vakro_json_getarraysize(a)) ? 1 : 0;
+  if (IsArray(a)) return ItemsEqual(a, b, SizeOf(a)) ? 1 : 0;
   return ScalarEqual(a, b) ? 1 : 0;
 }
 
 VakroJson* UpdateJsonKeypairToKeypairs(VakroJson* keypairs, VakroJson* keypairItem) {
-  const int count = vakro_json_getarraysize(keypairs);
+  const int count = SizeOf(keypairs);
   for (int i = 0; i < count; i++)
     if (KeypairJsonEqual(vakro_json_getarrayitem(keypairs, i), keypairItem))
       return VakroJsonUpdateArrayItem(keypairs, i, keypairItem);
@@ -120,7 +137,7 @@ VakroJson* UpdateJsonKeypairToKeypairs(VakroJson* keypairs, VakroJson* keypairIt
 }
 
 int AddJsonCertToCerts(VakroJson* certs, VakroJson* cert) {
-  const int count = vakro_json_getarraysize(certs);
+  const int count = SizeOf(certs);
   for (int i = 0; i < count; i++) {
     VakroJson* stored = vakro_json_getarrayitem(certs, i);
     if (stored == nullptr) return 0;
@@ -130,7 +147,7 @@ int AddJsonCertToCerts(VakroJson* certs, VakroJson* cert) {
 }
 
 VakroJson* DeleteJsonCertToCerts(VakroJson* certs, VakroJson* cert) {
-  const int count = vakro_json_getarraysize(certs);
+  const int count = SizeOf(certs);
   for (int i = 0; i < count; i++) {
     VakroJson* stored = vakro_json_getarrayitem(certs, i);
     if (stored == nullptr) return nullptr;

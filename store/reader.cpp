@@ -1,6 +1,6 @@
 // The records in the text: the reader of a device, and beside it the builders that write keypairs
 // and certificates in the same layout. Data objects are datas.cpp's.
-#include "store/store.h"
+#include "store/inside.h"
 
 #include <array>
 
@@ -28,7 +28,13 @@ static bool AddNonZero(VakroJson* array, unsigned int field) {
 static bool ReadHex(const VakroJson* item, unsigned char** bytes, int* length) {
   std::string_view text;
   if (!JsonString(item, &text) || text.size() > INT_MAX) return false;
-  return vakro_hexdecode(text.data(), static_cast<int>(text.size()), bytes, length) == 1;
+  unsigned char* decoded = nullptr;
+  int decodedLength = 0;
+  if (vakro_hexdecode(text.data(), static_cast<int>(text.size()), &decoded, &decodedLength) != 1)
+    return false;
+  *bytes = decoded;
+  *length = decodedLength;
+  return true;
 }
 
 static bool AddHex(VakroJson* array, const unsigned char* bytes, int length) {
@@ -73,17 +79,32 @@ bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length) {
 
 // --- Certificates --------------------------------------------------------------------------------
 
-// Json2Cert makes a certificate of a stored string; NULL for anything else.
-static Cert* Json2Cert(const VakroJson* item) {
+// IsBase64 says whether a text is what the encoder writes: padded, and nothing but digits.
+static bool IsBase64(std::string_view text) {
+  constexpr std::string_view DIGITS =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  if (text.size() % 4 != 0) return false;
+  size_t padding = 0;
+  for (; padding < 2 && text.ends_with('='); padding++) text.remove_suffix(1);
+  if (text.find_first_not_of(DIGITS) != text.npos) return false;
+  const size_t unused = padding == 0 ? 1 : size_t{1} << (2 * padding);
+  return text.empty() ? padding == 0 : DIGITS.find(text.back()) % unused == 0;
+}
+
+Found ReadCert(const VakroJson* item, Cert** out) {
   std::string_view text;
-  if (!JsonString(item, &text) || text.size() > INT_MAX) return nullptr;
+  if (!JsonString(item, &text) || text.size() > INT_MAX) return Found::MISSING_OR_DAMAGED;
   OwnedCert cert(static_cast<Cert*>(vakro_malloc(sizeof(Cert), "json", __LINE__)));
-  if (!cert) return nullptr;
+  if (!cert) return Found::UNKNOWN;
   *cert = {};
-  if (vakro_base64decode(2, text.data(), static_cast<int>(text.size()), &cert->data,
-                         &cert->length) != 1)
-    return nullptr;
-  return cert.release();
+  unsigned char* data = nullptr;
+  int length = 0;
+  if (vakro_base64decode(2, text.data(), static_cast<int>(text.size()), &data, &length) != 1)
+    return IsBase64(text) ? Found::UNKNOWN : Found::MISSING_OR_DAMAGED;  // the decoder does not say
+  cert->data = data;
+  cert->length = length;
+  *out = cert.release();
+  return Found::GOOD;
 }
 
 VakroJson* Cert2Json(const Cert* cert) {
@@ -101,8 +122,8 @@ static bool ReadCerts(VakroJson* list, Keypair* keypair) {
   for (int i = 0; i < count; i++) {
     const VakroJson* item = vakro_json_getarrayitem(list, i);
     if (item == nullptr) return false;
-    Cert* cert = Json2Cert(item);
-    if (cert != nullptr) keypair->certs[keypair->certCount++] = cert;
+    Cert* cert = nullptr;
+    if (ReadCert(item, &cert) == Found::GOOD) keypair->certs[keypair->certCount++] = cert;
   }
   return true;
 }
@@ -123,8 +144,7 @@ static bool HasCertList(VakroJson* item) {
   return IsArray(list) && vakro_json_getarraysize(list) <= MAX_CERTS;
 }
 
-// Json2Keypair makes a keypair of a stored item; NULL for one that breaks the layout.
-static Keypair* Json2Keypair(VakroJson* item) {
+Keypair* Json2Keypair(VakroJson* item) {
   if (!IsArray(item) || vakro_json_getarraysize(item) != KEYPAIR_ITEMS) return nullptr;
   OwnedKeypair keypair(NewKeypair());
   if (!keypair) return nullptr;
@@ -175,33 +195,34 @@ bool IsKeypairItem(VakroJson* item) {
   return HasCertList(item);
 }
 
+bool IsItemNamed(VakroJson* item, unsigned int type, const char* label) {
+  char storedLabel[NAME_SIZE];
+  unsigned int storedType = 0;
+  return IsArray(item) && ReadName(vakro_json_getarrayitem(item, KEYPAIR_LABEL), storedLabel) &&
+         strcmp(storedLabel, label) == 0 &&
+         ReadNumber(vakro_json_getarrayitem(item, KEYPAIR_TYPE), &storedType) && storedType == type;
+}
+
 bool IsItemOf(VakroJson* item, const Keypair* keypair) {
-  char label[NAME_SIZE];
-  unsigned int type = 0;
-  return ReadName(vakro_json_getarrayitem(item, KEYPAIR_LABEL), label) &&
-         strcmp(label, keypair->label) == 0 &&
-         ReadNumber(vakro_json_getarrayitem(item, KEYPAIR_TYPE), &type) && type == keypair->type &&
+  return IsItemNamed(item, keypair->type, keypair->label) &&
          HexEquals(vakro_json_getarrayitem(item, KEYPAIR_PUBLIC_KEY), keypair->publicKey,
                    keypair->publicKeyLen);
 }
 
-// --- Devices -------------------------------------------------------------------------------------
-
-// DecodeText decodes a text whose digest is right. The library answers exhausted memory and broken
-// text alike, and a good file must not be called broken: the text is to blame only when it fails
-// twice while there is room, before and after the second attempt, for more than it can take.
-static Found DecodeText(std::string_view text, Json* tree) {
-  constexpr size_t BYTES_PER_CHARACTER = 64;
-  constexpr size_t SLACK = 65536;
-  for (int attempt = 0; attempt < 2; attempt++) {
-    tree->reset(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
-    if (*tree) return Found::GOOD;
-    const UtilBytes room(static_cast<unsigned char*>(
-        vakro_malloc(text.size() * BYTES_PER_CHARACTER + SLACK, "json", __LINE__)));
-    if (!room) return Found::UNKNOWN;
+bool HasTwin(const Keypair* keypair) {
+  const Device* device = keypair->device;
+  for (int i = 0; i < device->keypairCount; i++) {
+    const Keypair* other = device->keypairs[i];
+    if (other != keypair && other->type == keypair->type &&
+        strcmp(other->label, keypair->label) == 0 && other->publicKeyLen == keypair->publicKeyLen &&
+        memcmp(other->publicKey, keypair->publicKey, static_cast<size_t>(keypair->publicKeyLen)) ==
+            0)
+      return true;
   }
-  return Found::MISSING_OR_DAMAGED;
+  return false;
 }
+
+// --- Devices -------------------------------------------------------------------------------------
 
 Found LoadImage(const unsigned char* image, Device** out) {
   if (image == nullptr) return Found::MISSING_OR_DAMAGED;

@@ -1,44 +1,29 @@
-// The updates of keypairs and certificates in the device file: read the stored tree, change the one
-// item, write the tree back. The records themselves are changed by the callers, after a success.
-#include "store/store.h"
+// The updates of keypairs and certificates in the device file, each of one item. The records
+// themselves are changed by the callers, after a success.
+#include "store/inside.h"
 
-// The device file as one update found it; `keypairs` is borrowed from `root`.
-struct StoredFile {
-  UtilBytes image;
-  unsigned int length = 0;
-  Json root;
-  VakroJson* keypairs = nullptr;
-};
-
-// ReadStored reads and decodes the device file. The digest is not checked and the backup not looked
-// at: the rewrite refuses to give up a valid backup for a damaged file.
-static bool ReadStored(const Device* device, StoredFile* stored) {
-  unsigned char* bytes = nullptr;
-  if (device == nullptr || ReadWholeFile(device->filePath, &bytes, &stored->length) != 1)
-    return false;
-  stored->image.reset(bytes);
-  if (stored->length < HEADER_SIZE) return false;
-  const std::string_view text = ImageText(bytes);
-  if (text.size() > stored->length - HEADER_SIZE) return false;
-  stored->root.reset(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
-  VakroJson* root = stored->root.get();
-  if (!IsArray(root) || vakro_json_getarraysize(root) < DEVICE_ITEMS) return false;
-  stored->keypairs = vakro_json_getarrayitem(root, DEVICE_KEYPAIRS);
-  return IsArray(stored->keypairs);
+VakroJson* StoredKeypairs(const FileChange& change) {
+  VakroJson* root = change.root.get();
+  if (!IsArray(root) || vakro_json_getarraysize(root) < DEVICE_ITEMS) return nullptr;
+  VakroJson* keypairs = vakro_json_getarrayitem(root, DEVICE_KEYPAIRS);
+  return IsArray(keypairs) ? keypairs : nullptr;
 }
 
-static bool HoldsDatas(const StoredFile& stored) {
-  return vakro_json_getarraysize(stored.root.get()) > DEVICE_ITEMS;
+static bool HoldsDatas(const FileChange& change) {
+  return vakro_json_getarraysize(change.root.get()) > DEVICE_ITEMS;
 }
 
-// WriteBack rewrites the device file with `keypairs` in place of the stored ones. What was read is
-// given back before the rewrite: its memory serves the copies that the rewrite makes.
-static int WriteBack(Device* device, StoredFile stored, Json keypairs) {
+// Begin is the first step of every update here: the file as it stands, its digest unchecked.
+static bool Begin(const Device* device, FileChange* change) {
+  return BeginFileChange(device, Reading::UNCHECKED, change) == Found::GOOD &&
+         StoredKeypairs(*change) != nullptr;
+}
+
+// WriteBack rewrites the device file with `keypairs` in place of the stored ones.
+static int WriteBack(FileChange* change, Device* device, Json keypairs) {
   if (!keypairs) return 0;
-  Json root(UpdateJsonKeypairsToDevice(stored.root.get(), keypairs.get()));
-  keypairs.reset();
-  stored = {};
-  return root ? RewriteDeviceFile(device, root.release()) : 0;
+  Json root(UpdateJsonKeypairsToDevice(change->root.get(), keypairs.get()));
+  return root ? RewriteFile(change, device, std::move(root)) : 0;
 }
 
 // FindKeypair returns the index of the first stored item that equals `item`, or -1.
@@ -49,104 +34,103 @@ static int FindKeypair(VakroJson* keypairs, VakroJson* item) {
   return -1;
 }
 
-// IsAnotherPins says whether a stored item is of a keypair of the record, but enciphered otherwise.
-// A file may hold a key twice; then the record does, too.
-static bool IsAnotherPins(VakroJson* item, const Device* device) {
-  bool known = false;
-  for (int k = 0; k < device->keypairCount; k++) {
-    const Keypair* keypair = device->keypairs[k];
-    if (!IsItemOf(item, keypair)) continue;
-    if (HexEquals(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY),
-                  keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen))
-      return false;
-    known = true;
-  }
-  return known;
-}
+// --- Keypairs ------------------------------------------------------------------------------------
 
-// SamePin is false when another process has changed the PIN since the record was read.
-static bool SamePin(const Device* device, VakroJson* keypairs) {
-  const int count = vakro_json_getarraysize(keypairs);
-  for (int i = 0; i < count; i++)
-    if (IsAnotherPins(vakro_json_getarrayitem(keypairs, i), device)) return false;
-  return true;
+int AddKeypairToChange(FileChange* change, Device* device, const Keypair* keypair) {
+  VakroJson* keypairs = StoredKeypairs(*change);
+  const Json item(Keypair2Json(keypair));
+  if (!item) return 0;
+  const bool isStored = FindKeypair(keypairs, item.get()) >= 0;
+  if (!isStored && !AddItem(keypairs, item)) return 0;
+  return RewriteFile(change, device, std::move(change->root));
 }
 
 int AddhKeypairToFile(Device* device, Keypair* keypair) {
-  if (device == nullptr) return 0;
-  const FolderLock lock(device->filePath);
-  StoredFile stored;
-  if (!ReadStored(device, &stored) || !SamePin(device, stored.keypairs)) return 0;
-  const Json item(Keypair2Json(keypair));
-  if (!item) return 0;
-  const bool isStored = FindKeypair(stored.keypairs, item.get()) >= 0;
-  if (!isStored && !AddItem(stored.keypairs, item)) return 0;
-  return RewriteDeviceFile(device, stored.root.release());
+  FileChange change;
+  return Begin(device, &change) ? AddKeypairToChange(&change, device, keypair) : 0;
 }
 
 int DeleteKeypairFromFile(Keypair* keypair) {
-  if (keypair == nullptr || keypair->device == nullptr) return 0;
-  const FolderLock lock(keypair->device->filePath);
-  StoredFile stored;
-  if (!ReadStored(keypair->device, &stored) || HoldsDatas(stored)) return 0;
+  FileChange change;
+  if (keypair == nullptr || !Begin(keypair->device, &change) || HoldsDatas(change)) return 0;
   const Json item(Keypair2Json(keypair));
   if (!item) return 0;
-  const int index = FindKeypair(stored.keypairs, item.get());
-  if (index < 0) return RewriteDeviceFile(keypair->device, stored.root.release());
-  Json left(VakroJsonDeleteArrayItem(stored.keypairs, index));
-  return WriteBack(keypair->device, std::move(stored), std::move(left));
+  VakroJson* keypairs = StoredKeypairs(change);
+  const int index = FindKeypair(keypairs, item.get());
+  if (index < 0) return RewriteFile(&change, keypair->device, std::move(change.root));
+  return WriteBack(&change, keypair->device, Json(VakroJsonDeleteArrayItem(keypairs, index)));
 }
+
+int DeleteKeypairFromChange(FileChange* change, Keypair* keypair) {
+  if (HoldsDatas(*change)) return 0;
+  const Json item(Keypair2Json(keypair));
+  Json left(vakro_json_newarray());
+  VakroJson* keypairs = StoredKeypairs(*change);
+  if (!item || !left) return 0;
+  // Its twin has an item of its own, which stays.
+  const int only = HasTwin(keypair) ? FindKeypair(keypairs, item.get()) : -1;
+  const int count = vakro_json_getarraysize(keypairs);
+  for (int i = 0; i < count; i++) {
+    VakroJson* stored = vakro_json_getarrayitem(keypairs, i);
+    if (stored == nullptr) return 0;
+    const bool goes = only >= 0 ? i == only : IsItemOf(stored, keypair);
+    if (!goes && vakro_json_addarrayitem(left.get(), stored) != 1) return 0;
+  }
+  return WriteBack(change, keypair->device, std::move(left));
+}
+
+int UpdateKeypairToFile(Keypair* keypair) {
+  FileChange change;
+  if (keypair == nullptr || !Begin(keypair->device, &change) || HoldsDatas(change)) return 0;
+  const Json item(Keypair2Json(keypair));
+  if (!item) return 0;
+  const Json keypairs(UpdateJsonKeypairToKeypairs(StoredKeypairs(change), item.get()));
+  if (!keypairs) return 0;
+  const Json root(UpdateJsonKeypairsToDevice(change.root.get(), keypairs.get()));
+  if (!root) return 0;
+  unsigned int length = 0;
+  const UtilText text = EncodeTree(root.get(), &length);
+  if (!text || length > MAX_TEXT_SIZE) return 0;
+  auto* const bytes = reinterpret_cast<unsigned char*>(text.get());
+  if (WriteDeviceDataToFile(keypair->device, bytes, length) == 1) return 1;
+  PutBack(change, keypair->device);  // without a backup the image in memory is the only good copy
+  return 0;
+}
+
+// --- Certificates --------------------------------------------------------------------------------
 
 // ReplaceItem rewrites the device file with `item` in place of the stored item it equals.
-static int ReplaceItem(Device* device, StoredFile stored, const Json& item) {
+static int ReplaceItem(FileChange* change, Device* device, const Json& item) {
   if (!item) return 0;
-  Json keypairs(UpdateJsonKeypairToKeypairs(stored.keypairs, item.get()));
-  return WriteBack(device, std::move(stored), std::move(keypairs));
+  return WriteBack(change, device,
+                   Json(UpdateJsonKeypairToKeypairs(StoredKeypairs(*change), item.get())));
 }
 
-int AddCertToFile(Keypair* keypair, Cert* cert) {
-  if (keypair == nullptr || keypair->device == nullptr) return 0;
-  const FolderLock lock(keypair->device->filePath);
-  StoredFile stored;
-  if (!ReadStored(keypair->device, &stored)) return 0;
+int AddCertToChange(FileChange* change, Keypair* keypair, const Cert* cert) {
   const Json item(Keypair2Json(keypair));
   const Json text(Cert2Json(cert));
   if (!item || !text) return 0;
   VakroJson* certs = vakro_json_getarrayitem(item.get(), KEYPAIR_CERTS);
   if (AddJsonCertToCerts(certs, text.get()) != 1) return 0;
-  return ReplaceItem(keypair->device, std::move(stored), item);
+  return ReplaceItem(change, keypair->device, item);
 }
 
-int DeleteCertFromFile(Keypair* keypair, Cert* cert) {
-  if (keypair == nullptr || keypair->device == nullptr) return 0;
-  const FolderLock lock(keypair->device->filePath);
-  StoredFile stored;
-  if (!ReadStored(keypair->device, &stored)) return 0;
+int AddCertToFile(Keypair* keypair, Cert* cert) {
+  FileChange change;
+  if (keypair == nullptr || !Begin(keypair->device, &change)) return 0;
+  return AddCertToChange(&change, keypair, cert);
+}
+
+int DeleteCertFromChange(FileChange* change, Keypair* keypair, const Cert* cert) {
   const Json item(Keypair2Json(keypair));
   const Json text(Cert2Json(cert));
   if (!item || !text) return 0;
   const Json without(DeleteJsonCertToKeypair(item.get(), text.get()));
-  return ReplaceItem(keypair->device, std::move(stored), without);
+  return ReplaceItem(change, keypair->device, without);
 }
 
-int UpdateKeypairToFile(Keypair* keypair) {
-  if (keypair == nullptr || keypair->device == nullptr) return 0;
-  Device* device = keypair->device;
-  const FolderLock lock(device->filePath);
-  StoredFile stored;
-  if (!ReadStored(device, &stored) || HoldsDatas(stored)) return 0;
-  const Json item(Keypair2Json(keypair));
-  if (!item) return 0;
-  const Json keypairs(UpdateJsonKeypairToKeypairs(stored.keypairs, item.get()));
-  if (!keypairs) return 0;
-  const Json root(UpdateJsonKeypairsToDevice(stored.root.get(), keypairs.get()));
-  if (!root) return 0;
-  unsigned int length = 0;
-  const UtilText text = EncodeTree(root.get(), &length);
-  if (!text) return 0;
-  if (WriteDeviceDataToFile(device, reinterpret_cast<unsigned char*>(text.get()), length) == 1)
-    return 1;
-  // Without a backup the old image in memory is the only good copy.
-  WriteWholeFile(device->filePath, stored.image.get(), stored.length, nullptr);
-  return 0;
+int DeleteCertFromFile(Keypair* keypair, Cert* cert) {
+  FileChange change;
+  if (keypair == nullptr || !Begin(keypair->device, &change)) return 0;
+  return DeleteCertFromChange(&change, keypair, cert);
 }

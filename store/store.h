@@ -5,7 +5,8 @@
 // What every function shares: 1 is success and 0 failure unless another result is given;
 // out-arguments are written on success only; a new JSON value belongs to the caller and goes back
 // with vakro_json_free; a function that fails has released what it made. Nothing here takes the
-// module lock: whoever rewrites a device file holds it from the read to the end of the rewrite.
+// module lock: whoever works on a record holds it. What changes a device file takes the file's own
+// lock (lock.h) for itself, from the read to the end of the rewrite.
 #ifndef VAKRO_STORE_STORE_H
 #define VAKRO_STORE_STORE_H
 
@@ -13,8 +14,6 @@
 #include "core/owners.h"
 
 #include <limits.h>
-#include <sys/stat.h>
-#include <string_view>
 
 // --- The layout, named once ----------------------------------------------------------------------
 
@@ -28,6 +27,7 @@ inline constexpr int FILE_HASH_ID = VAKRO_HASH_SHA512;
 
 // Lengths are `int` in both libraries, so no file beyond this can be hashed or written.
 inline constexpr unsigned int MAX_FILE_SIZE = INT_MAX;
+inline constexpr unsigned int MAX_TEXT_SIZE = MAX_FILE_SIZE - HEADER_SIZE - DIGEST_SIZE;
 
 // Positions in the root, with the number of items that every device file has.
 enum { DEVICE_SERIAL_NUMBER, DEVICE_LABEL, DEVICE_KEYPAIRS, DEVICE_ITEMS, DEVICE_DATAS = 3 };
@@ -46,10 +46,6 @@ enum {
 };
 
 enum { DATA_ID, DATA_LENGTH, DATA_RESERVED1, DATA_RESERVED2, DATA_VALUE };
-
-// What a look at a file or an image says. UNKNOWN is a passing failure (memory, a descriptor, a
-// read error): the file may well be good, so nothing may take its place.
-enum class Found { MISSING_OR_DAMAGED = 0, GOOD = 1, UNKNOWN = -1 };
 
 extern "C" {
 
@@ -86,10 +82,6 @@ int CalculateCipher(int encrypt, unsigned int algorithm, const unsigned char* ke
 
 // --- Container (container.cpp) -------------------------------------------------------------------
 
-// ReadImage reads and checks a device file as VerifyDeviceFile does, and tells a bad file from a
-// failure to look. On GOOD *image (vakro_free) and *size are set.
-Found ReadImage(const char* path, unsigned char** image, unsigned int* size);
-
 // VerifyDeviceFile reads a file and checks container and digest; on 1 *image is the whole file
 // (vakro_free) of *size bytes.
 int VerifyDeviceFile(const char* path, unsigned char** image, unsigned int* size);
@@ -101,10 +93,6 @@ int WriteDeviceDataToFile(Device* device, const unsigned char* text, unsigned in
 
 // --- Records from and to JSON (reader.cpp) -------------------------------------------------------
 
-// LoadImage builds the device record of a checked image as GetDeviceHandleFromData does, and tells
-// an image that is no device from exhausted memory. On GOOD *out is set.
-Found LoadImage(const unsigned char* image, Device** out);
-
 // GetDeviceHandleFromData builds a device record from a checked image; the paths are not set.
 // `size` is not read. NULL for an image that is no device, or without memory. A keypair item that
 // breaks the layout is passed over, so is a certificate; keypairs beyond the 64th are ignored.
@@ -113,36 +101,21 @@ Device* GetDeviceHandleFromData(const unsigned char* image, unsigned int size);
 VakroJson* Keypair2Json(const Keypair* keypair);  // NULL also for one with an empty field
 VakroJson* Cert2Json(const Cert* cert);
 
-// --- Processes (folder_lock.cpp) -----------------------------------------------------------------
-
-// LockFolder takes an advisory lock (flock) on the folder of the file at `path`, so that processes
-// never interleave in a read-change-write or a recovery; UnlockFolder gives it back. They nest
-// within a thread, where the outermost path counts. Where the folder can't be opened or its file
-// system has no such lock the work goes on without it. Taken after the module lock, never before.
-void LockFolder(const char* path);
-void UnlockFolder(void);
-
-// --- Reading the text and the backed-up rewrite (rewrite.cpp) ------------------------------------
+// --- Reading the text, and writing the whole record (whole_record.cpp) ---------------------------
 
 // GetDeviceDataFromFile hands out the JSON text of the device file (vakro_free), recovers the file
 // from its backup if it is missing or damaged, and sets the device's fileTag from the file.
 int GetDeviceDataFromFile(Device* device, unsigned char** text, unsigned int* length);
 
-// RewriteDeviceFile is the backed-up rewrite: it takes over `tree`, encodes it and replaces the
-// device file's content with it. Refuses to give up a valid backup for a device file that is not.
-int RewriteDeviceFile(Device* device, VakroJson* tree);
-
-// UpdateDeviceDataToFile writes the whole record to its file and keeps the stored data objects.
-// Refuses a device without keypairs, and a file that holds a keypair the record does not know.
+// UpdateDeviceDataToFile writes the whole record to its file, whatever keypairs the file holds, and
+// keeps the stored data objects. Refuses a device without keypairs.
 int UpdateDeviceDataToFile(Device* device);
 
 // --- Keypairs and certificates in the file (records.cpp) -----------------------------------------
 // All find the file through the device and put the keypair's item, built from the record, in place
 // of the stored item with the same identity: the first eight items.
 
-// AddhKeypairToFile appends the item, unless one with its identity is stored. Refuses a file in
-// which a keypair of the device is enciphered otherwise than in the record: under a PIN that was
-// changed elsewhere, which would then no longer open every keypair.
+// AddhKeypairToFile appends the item, unless one with its identity is stored.
 int AddhKeypairToFile(Device* device, Keypair* keypair);
 
 int DeleteKeypairFromFile(Keypair* keypair);           // refuses a file with a data-object item
@@ -181,84 +154,5 @@ VakroJson* Datas2Json(Data** list, int count);
 VakroJson* UpdateData2DeviceJson(Device* device, VakroJson* datas);
 
 }  // extern "C"
-
-// ReadStoredTree is GetDeviceDataFromFile and the decoder (rewrite.cpp). The tree is an array; NULL
-// on any failure.
-Json ReadStoredTree(Device* device);
-
-// The two halves of a change of data objects, between which the folder lock is held: the file is
-// read, checked and decoded once. Of GetAllDatasFromFile and WriteAllDatasToFile each does it anew.
-bool ReadDatas(const Json& root, Data*** list, unsigned int* count);
-bool WriteDatas(Device* device, Json root, Data** list, unsigned int count);
-
-// The folder lock for a scope.
-struct FolderLock {
-  explicit FolderLock(const char* path) { LockFolder(path); }
-  FolderLock(const FolderLock&) = delete;
-  FolderLock& operator=(const FolderLock&) = delete;
-  ~FolderLock() { UnlockFolder(); }
-};
-
-// --- Shared within the store ---------------------------------------------------------------------
-
-// file.cpp
-
-// ReadFile is ReadWholeFile; it tells a bad file (missing, not a regular one, empty, too large)
-// from a failure to read, and hands out the file's owner and mode.
-Found ReadFile(const char* path, UtilBytes* data, unsigned int* length, struct stat* status);
-
-// OpenEmptied opens a file for writing and empties it; one that does not exist is made for its
-// owner alone. With `like` the file takes that one's owner and mode before a byte is written. NULL
-// on failure, also when the file would stay open to more people than `like`.
-File OpenEmptied(const char* path, const struct stat* like);
-
-bool WriteBytes(const File& file, const void* bytes, size_t length);
-bool FlushToStorage(const File& file);
-
-// WriteWholeFile replaces a file's content, bytes on stable storage. `like` as above, may be NULL.
-bool WriteWholeFile(const char* path, const unsigned char* data, unsigned int length,
-                    const struct stat* like);
-
-int OpenFolderOf(const char* path);  // a descriptor of the folder that holds the file, or -1
-
-// SyncFolder puts the file's name on stable storage. A folder that can't be read, and a file system
-// that does not sync folders, are as good as it gets.
-bool SyncFolder(const char* path);
-
-// SyncFile puts bytes and name of a file on stable storage that another process may have left
-// unsynced: one that reads well need not be on the disk yet.
-bool SyncFile(const char* path);
-
-// json.cpp
-
-bool IsArray(const VakroJson* value);
-bool JsonString(const VakroJson* value, std::string_view* text);  // false for any other type
-
-// JsonNumber reads a number, truncated toward zero; beyond the range of `int` it is the nearest
-// `int`, and 0 for what is not a number at all. False for any other type.
-bool JsonNumber(const VakroJson* value, int* number);
-
-// The Add… append to an array; false for a NULL item too.
-bool AddItem(VakroJson* array, const Json& item);
-bool AddString(VakroJson* array, std::string_view text);
-bool AddNumber(VakroJson* array, int number);
-bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]);
-
-UtilText EncodeTree(const VakroJson* tree, unsigned int* length);  // NULL on failure
-
-// container.cpp
-
-// ImageText is the text of an image whose length word has been checked.
-std::string_view ImageText(const unsigned char* image);
-
-// reader.cpp
-
-// IsKeypairItem says whether the reader makes a keypair of a stored item, whatever the memory.
-bool IsKeypairItem(VakroJson* item);
-
-// IsItemOf says whether a stored item is this keypair's: same label, type and public key. These
-// stay when the PIN changes.
-bool IsItemOf(VakroJson* item, const Keypair* keypair);
-bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length);
 
 #endif

@@ -1,5 +1,5 @@
 // The JSON of the store: arrays with one item changed, equality, and what stands for records.
-#include "store/store.h"
+#include "store/inside.h"
 #include "tests/support/world.h"
 
 using JsonItemsTest = ModuleTest;

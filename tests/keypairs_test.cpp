@@ -157,8 +157,10 @@ TEST_F(KeypairsTest, AreFoundByTheFirstEightItems) {
     EXPECT_REFUSED(0, DeviceDeleteCertificate(p256_, 0));
     EXPECT_REFUSED(0, UpdateKeypairToFile(p256_));
   }
-  // The last is p256 under another PIN, beside which nothing is stored.
-  EXPECT_REFUSED(0, AddhKeypairToFile(device_.get(), rsa_));
+  // The last is p256 under another PIN, beside which nothing new is stored.
+  EXPECT_DONE(AddhKeypairToFile(device_.get(), rsa_));
+  const std::string pair = TestSm2().pair;
+  EXPECT_REFUSED(0, Import(device_.get(), Raw(pair), Len(pair), 9, "new"));
 }
 
 TEST_F(KeypairsTest, NeedAFileThatIsADevice) {

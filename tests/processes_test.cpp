@@ -3,7 +3,7 @@
 // killed is the part of power_cut_test.cpp.
 #include "tests/support/calls.h"
 
-#include "store/store.h"
+#include "store/lock.h"
 
 #include <signal.h>
 
@@ -29,22 +29,23 @@ TEST_F(ProcessesTest, LoseNothing) {
 TEST_F(ProcessesTest, AForkedChildWorks) {
   const DeviceHandle device = Load();
   EXPECT_EQ(DeviceCreateData(device.get(), 1, 0, 1), 1);
-  LockFolder(device->filePath);
-  const pid_t other = Fork([] { UnlockFolder(); });  // a scope ends that was open at the fork
+  FileLock lock;
+  EXPECT_EQ(lock.Try(device->filePath), LockResult::HELD);
+  const pid_t other = Fork([&] { lock.GiveBack(); });  // a scope ends that was open at the fork
   EXPECT_EQ(WaitFor(other), 0);
-  EXPECT_FALSE(IsFolderFree());
+  EXPECT_FALSE(AreFilesFree());
   const pid_t idle = Fork([] { pause(); });
   const pid_t user = Fork([&] {
     EXPECT_EQ(DeviceDeleteData(device.get(), 1), 1);
     EXPECT_EQ(DeviceEnd(), 1);
   });
-  usleep(50000);  // it must not read the list before we have written it
+  usleep(50000);  // it waits for us
+  lock.GiveBack();
   EXPECT_EQ(DeviceCreateData(device.get(), 2, 0, 1), 1);
-  UnlockFolder();
   EXPECT_EQ(WaitFor(user), 0);
   EXPECT_EQ(DeviceReadDataEx(device.get(), 1, 0, nullptr, 0, nullptr), -7);
   EXPECT_EQ(DeviceReadDataEx(device.get(), 2, 0, nullptr, 0, nullptr), 1);
-  EXPECT_TRUE(IsFolderFree());
+  EXPECT_TRUE(AreFilesFree());
   kill(idle, SIGKILL);
   EXPECT_EQ(WaitFor(idle), SIGKILL);
 }

@@ -1,7 +1,7 @@
 // What a device file holds: how its text is read, and what is written of a whole record. What
 // single changes write is with the calls that make them.
 #include "keypair/keypair.h"
-#include "store/store.h"
+#include "store/inside.h"
 #include "tests/support/answers.h"
 
 using StoredTest = ModuleTest;
@@ -157,8 +157,11 @@ TEST_F(RecordTest, IsWrittenWithTheDataObjectsWhateverTheyAreAndNoFurtherItem) {
   EXPECT_EQ(TextOf(Read("dev")), text_);
 }
 
-// A keypair that the record does not know is not lost.
-TEST_F(RecordTest, IsNotWrittenOverAKeypairThatItDoesNotKnow) {
+// The function of the store writes the record; that no other's keypair is lost is seen to by the
+// call in front of it.
+TEST_F(RecordTest, IsWrittenWhateverKeypairsTheFileHolds) {
   WriteText(Replaced(text_, "[[", R"([["unknown",1,4,256,"00","00","00","00",[]],[)"));
-  EXPECT_REFUSED(0, UpdateDeviceDataToFile(device_.get()));
+  EXPECT_REFUSED(0, DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr));
+  EXPECT_WRITTEN(UpdateDeviceDataToFile(device_.get()));
+  EXPECT_EQ(TextOf(Read("dev")), text_);
 }

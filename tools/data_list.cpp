@@ -1,6 +1,7 @@
 // Looking at, and dropping, the fourth item of a device file's root.
 #include "tools/data_list.h"
 
+#include "store/change.h"
 #include "store/store.h"
 
 static constexpr int LIST_ITEM = 3;  // of the root
@@ -30,8 +31,8 @@ int StoredObjects(Device* device) {
 void ForgetEmptyList(Device* device) {
   const ModuleLock lock;
   if (!lock.held) throw Failure("The module can't be locked.");
-  const FolderLock alone(device->filePath);
-  const Json root = ReadRoot(device);
+  FileChange change;
+  const Json root(BeginDataChange(device, &change) ? std::move(change.root) : nullptr);
   const int objects = CountObjects(root.get());
   if (objects == -2) throw Failure("The device file can't be read.");
   if (objects == -1) {
@@ -45,7 +46,7 @@ void ForgetEmptyList(Device* device) {
   if (vakro_json_getarraysize(root.get()) != LIST_ITEM + 1) {
     throw Failure("The device file holds more than this tool knows; it is left as it is.");
   }
-  VakroJson* rest = VakroJsonDeleteArrayItem(root.get(), LIST_ITEM);
-  RequireChange(rest == nullptr ? VAKRO_FAILED : RewriteDeviceFile(device, rest),
+  Json rest(VakroJsonDeleteArrayItem(root.get(), LIST_ITEM));
+  RequireChange(rest == nullptr ? VAKRO_FAILED : RewriteFile(&change, device, std::move(rest)),
                 "rewrite the device file");
 }

@@ -1,4 +1,5 @@
 // create, list, pin change: the commands about whole devices.
+#include "store/change.h"
 #include "store/store.h"
 #include "tools/data_list.h"
 #include "tools/keys.h"
@@ -110,7 +111,6 @@ static void Create(const Target& target, CreateOptions options) {
   const std::string folder = FolderOf(target);
   const std::string name = FileName(options.serialNumber);
   MakeFolder(folder);
-  const FolderLock lock((folder + name).c_str());
   const Folder open(target);  // also puts devices back from backups without a device file
   DeviceSet* devices = open.devices.get();
   Device** const end = devices->devices + devices->count;

@@ -1,7 +1,7 @@
 // Starting the module, choosing device and keypair, verifying the PIN.
 #include "tools/session.h"
 
-#include "store/store.h"
+#include "store/change.h"
 #include "tools/files.h"
 
 #include <string.h>
@@ -108,10 +108,8 @@ KeypairSession::KeypairSession(const Target& target)
 
 static std::string WhyPassedOver(const std::string& path) {
   if (access(path.c_str(), R_OK) != 0) return SystemError();
-  unsigned char* raw = nullptr;
-  unsigned int size = 0;
-  const Found found = ReadImage(path.c_str(), &raw, &size);
-  const UtilBytes image(raw);
+  FileImage image;
+  const Found found = ReadImage(path.c_str(), &image);
   if (found == Found::UNKNOWN) return "could not be read";
   return found == Found::GOOD ? "not loaded" : "damaged, or no device file";
 }

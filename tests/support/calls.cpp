@@ -1,10 +1,7 @@
 #include "tests/support/calls.h"
 
-#include "store/store.h"
-
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <filesystem>
@@ -191,9 +188,14 @@ Files CallsTest::Get() const {
   return files;
 }
 
-bool CallsTest::IsFolderFree() const {
-  const Descriptor fd(open(folder_.c_str(), O_RDONLY | O_DIRECTORY));
-  return flock(fd.fd, LOCK_EX | LOCK_NB) == 0;
+bool CallsTest::AreFilesFree() const {
+  for (const char* name : {"dev", "dev.bak"}) {
+    const Descriptor file(open(Path(name).c_str(), O_RDWR));
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    if (file.fd >= 0 && fcntl(file.fd, F_OFD_SETLK, &whole) != 0) return false;
+  }
+  return true;
 }
 
 const std::string& CallsTest::Found(const Files& files) {

@@ -30,7 +30,7 @@ class CallsTest : public ModuleTest {
     Put(call.start);
     return Rescan(PIN);
   }
-  bool IsFolderFree() const;  // of its lock
+  bool AreFilesFree() const;  // neither the device file nor its backup is locked
 
   // The bytes of the device that a scan finds in a folder of these files. It is the only one, opens
   // with a PIN of the calls, nothing lies beside it afterwards, and the next scan finds the same.

@@ -1,0 +1,104 @@
+// What the files of store/ share among themselves.
+#ifndef VAKRO_STORE_INSIDE_H
+#define VAKRO_STORE_INSIDE_H
+
+#include "store/change.h"
+#include "store/store.h"
+
+// --- file.cpp ------------------------------------------------------------------------------------
+
+// OpenRegularFile opens a regular file for reading and hands out its owner, mode and size.
+Found OpenRegularFile(const char* path, File* file, struct stat* status);
+
+// ReadBytes reads the next `length` bytes. MISSING_OR_DAMAGED when the file ends before.
+Found ReadBytes(const File& file, void* bytes, size_t length);
+
+// ReadFile is ReadWholeFile; it tells a bad file (missing, not a regular one, empty, too large)
+// from a failure to read.
+Found ReadFile(const char* path, FileImage* image);
+
+// OpenEmptied opens a file for writing and empties it; one that does not exist is made for its
+// owner alone. With `like` the file has that one's owner and mode before a byte goes. NULL on
+// failure, also when the file would stay open to more people than `like`; it has its content then.
+File OpenEmptied(const char* path, const struct stat* like);
+
+// OpenFresh is OpenEmptied for a file that is always made new, in the place of whatever has the
+// name. NULL for a folder.
+File OpenFresh(const char* path, const struct stat* like);
+
+bool WriteBytes(const File& file, const void* bytes, size_t length);
+bool FlushToStorage(const File& file);
+
+// WriteOut writes all that a file is to hold and puts it on stable storage. False for no file.
+bool WriteOut(const File& file, const unsigned char* data, unsigned int length);
+
+int OpenFolderOf(const char* path);  // a descriptor of the folder that holds the file, or -1
+
+// --- json.cpp ------------------------------------------------------------------------------------
+
+// DecodeText decodes a text. MISSING_OR_DAMAGED when it is not JSON, UNKNOWN for want of memory.
+Found DecodeText(std::string_view text, Json* tree);
+
+bool IsArray(const VakroJson* value);
+bool JsonString(const VakroJson* value, std::string_view* text);  // false for any other type
+
+// JsonNumber reads a number, truncated toward zero; beyond the range of `int` it is the nearest
+// `int`, and 0 for what is not a number at all. False for any other type.
+bool JsonNumber(const VakroJson* value, int* number);
+
+// The Add… append to an array; false for a NULL item too.
+bool AddItem(VakroJson* array, const Json& item);
+bool AddString(VakroJson* array, std::string_view text);
+bool AddNumber(VakroJson* array, int number);
+bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]);
+
+UtilText EncodeTree(const VakroJson* tree, unsigned int* length);  // NULL on failure
+
+// --- container.cpp -------------------------------------------------------------------------------
+
+// CheckImage checks container and digest of a file that has been read.
+Found CheckImage(const FileImage& image);
+
+// MakeImage puts a text into its container; NULL on failure.
+UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size);
+
+// ImageText is the text of an image whose length word has been checked.
+std::string_view ImageText(const unsigned char* image);
+
+// --- reader.cpp ----------------------------------------------------------------------------------
+
+Keypair* Json2Keypair(VakroJson* item);  // NULL for an item that breaks the layout
+
+// ReadCert makes a certificate of a stored string. MISSING_OR_DAMAGED for anything else, UNKNOWN
+// for want of memory.
+Found ReadCert(const VakroJson* item, Cert** out);
+
+// IsKeypairItem says whether the reader makes a keypair of a stored item, whatever the memory.
+bool IsKeypairItem(VakroJson* item);
+
+bool IsItemNamed(VakroJson* item, unsigned int type, const char* label);
+
+// IsItemOf says whether a stored item is this keypair's: same label, type and public key. These
+// stay when the PIN changes.
+bool IsItemOf(VakroJson* item, const Keypair* keypair);
+bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length);
+
+// HasTwin says whether the record holds another keypair of the same label, type and public key: the
+// file held it twice when it was loaded.
+bool HasTwin(const Keypair* keypair);
+
+// --- rewrite.cpp ---------------------------------------------------------------------------------
+
+// PutBack writes the device file as it was when the change began.
+void PutBack(const FileChange& change, const Device* device);
+
+// --- current.cpp ---------------------------------------------------------------------------------
+
+// LockCurrent locks a device file, waiting for another holder, and reads it as ReadCurrent does.
+Found LockCurrent(const char* path, const char* backupPath, FileLock* lock, FileImage* image);
+
+// --- lock.cpp ------------------------------------------------------------------------------------
+
+void Pause(long milliseconds);
+
+#endif
