@@ -14,7 +14,8 @@ int CalculateHash(unsigned int algorithm, const unsigned char* data, unsigned in
   if (VakroPKICryptoHashUpdate(hash.get(), data, static_cast<int>(length)) != 1) return 0;
   unsigned char* value = nullptr;
   int valueLength = 0;
-  if (VakroPKICryptoHashFinal(hash.get(), &value, &valueLength) != 1) return 0;
+  const int finished = VakroPKICryptoHashFinal(hash.get(), &value, &valueLength);
+  if (finished != 1) return finished;
   *digest = value;
   *digestLength = static_cast<unsigned int>(valueLength);
   return 1;
