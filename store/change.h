@@ -135,6 +135,23 @@ Found ReadOthersCerts(const FileChange& change, const Keypair* keypair, CertList
 void ExchangeCerts(Keypair* keypair, CertList* list);
 bool IsSameCert(const Cert* a, const Cert* b);
 
+// --- A record that is edited (edit.cpp) ----------------------------------------------------------
+
+// What a change's tree was loaded as: the record, its keypairs, and where in the file they stand.
+struct EditedRecord {
+  Device* device = nullptr;  // the caller's
+  Keypair* keypairs[MAX_KEYPAIRS] = {};
+  int positions[MAX_KEYPAIRS] = {};
+  int count = 0;
+};
+
+// LoadRecord makes a fresh record of a change's tree, its paths not set.
+Found LoadRecord(const FileChange& change, EditedRecord* edited);
+
+// WriteEdited writes names and keypairs of the record, as they are by now, over those that were
+// loaded; all else of the file stays. The change is over then.
+int WriteEdited(FileChange* change, const EditedRecord& edited);
+
 // --- Data objects (datas.cpp) --------------------------------------------------------------------
 
 // ReadStoredTree is GetDeviceDataFromFile and the decoder. The tree is an array; NULL on any
@@ -155,6 +172,10 @@ bool HasRoomForData(const FileChange& change, int length);
 // SyncFolder puts the file's name on stable storage. A folder that can't be read, and a file system
 // that does not sync folders, are let pass: nothing more can be done.
 bool SyncFolder(const char* path);
+
+// WriteNewFile writes an image to a file that does not exist yet, its owner's alone, bytes and name
+// on stable storage. Returns 1; -6 when there is one; -1, and nothing is left.
+int WriteNewFile(const char* path, const FileImage& image);
 
 // SyncFile puts bytes and name of a file on stable storage that another process may have left
 // unsynced: one that reads well need not be on the disk yet.

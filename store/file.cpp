@@ -147,6 +147,18 @@ bool SyncFile(const char* path) {
   return file.fd >= 0 && SyncAll(file.fd) && SyncFolder(path);
 }
 
+int WriteNewFile(const char* path, const FileImage& image) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
+  if (fd < 0) return errno == EEXIST ? VAKRO_ALREADY_EXISTS : -1;
+  File file(fdopen(fd, "wb"));
+  if (!file) close(fd);
+  if (WriteOut(file, image.bytes.get(), image.size) && SyncFolder(path)) return 1;
+  const int why = errno;
+  remove(path);
+  errno = why;
+  return -1;
+}
+
 int CopyFileData(const char* source, const char* destination) {
   FileImage image;
   if (ReadFile(source, &image) != Found::GOOD) return 0;

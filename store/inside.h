@@ -67,6 +67,9 @@ std::string_view ImageText(const unsigned char* image);
 
 // --- reader.cpp ----------------------------------------------------------------------------------
 
+// LoadTree is LoadImage for a text that has been decoded.
+Found LoadTree(VakroJson* root, unsigned int tag, Device** out);
+
 Keypair* Json2Keypair(VakroJson* item);  // NULL for an item that breaks the layout
 
 // ReadCert makes a certificate of a stored string. MISSING_OR_DAMAGED for anything else, UNKNOWN

@@ -197,6 +197,7 @@ LockResult FileLock::Take(const char* path, const char* backupPath) {
       last = now;
       since = Now();
     } else if (Now() - since >= g_lockPatience) {
+      errno = ETIMEDOUT;
       return LockResult::BUSY;
     }
   }

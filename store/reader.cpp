@@ -224,12 +224,7 @@ bool HasTwin(const Keypair* keypair) {
 
 // --- Devices -------------------------------------------------------------------------------------
 
-Found LoadImage(const unsigned char* image, Device** out) {
-  if (image == nullptr) return Found::MISSING_OR_DAMAGED;
-  Json owner;
-  const Found decoded = DecodeText(ImageText(image), &owner);
-  if (decoded != Found::GOOD) return decoded;
-  VakroJson* root = owner.get();
+Found LoadTree(VakroJson* root, unsigned int tag, Device** out) {
   if (!IsArray(root) || vakro_json_getarraysize(root) < DEVICE_ITEMS)
     return Found::MISSING_OR_DAMAGED;
 
@@ -250,9 +245,17 @@ Found LoadImage(const unsigned char* image, Device** out) {
     device->keypairs[device->keypairCount++] = keypair;
     device->refCount++;
   }
-  device->fileTag = be2int(image + TAG_OFFSET);
+  device->fileTag = tag;
   *out = device.release();
   return Found::GOOD;
+}
+
+Found LoadImage(const unsigned char* image, Device** out) {
+  if (image == nullptr) return Found::MISSING_OR_DAMAGED;
+  Json root;
+  const Found decoded = DecodeText(ImageText(image), &root);
+  if (decoded != Found::GOOD) return decoded;
+  return LoadTree(root.get(), be2int(image + TAG_OFFSET), out);
 }
 
 Device* GetDeviceHandleFromData(const unsigned char* image, unsigned int /*size*/) {

@@ -2,6 +2,8 @@
 // backup. What a change does to the tree is records.cpp's, datas.cpp's and whole_record.cpp's.
 #include "store/inside.h"
 
+#include <errno.h>
+
 // ReadUnchecked reads a device file of which only the length word must fit.
 static Found ReadUnchecked(const char* path, FileImage* image) {
   const Found read = ReadFile(path, image);
@@ -69,7 +71,9 @@ int RewriteFile(FileChange* change, Device* device, Json tree) {
   if (!change->lock.Names(device->filePath) || !MayReplaceBackup(*change, device)) return 0;
   if (!WriteBackup(*change, device)) return 0;
   if (WriteDeviceDataToFile(device, reinterpret_cast<unsigned char*>(text.get()), length) != 1) {
+    const int why = errno;
     PutBack(*change, device);  // else the next read does it
+    errno = why;
     return 0;
   }
   remove(device->backupPath);
