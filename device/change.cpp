@@ -4,6 +4,7 @@
 #include "core/openssl_owners.h"
 #include "keypair/keypair.h"
 #include "store/change.h"
+#include "store/store.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -105,6 +106,7 @@ static void Close(DeviceChange& change) {
 
 DeviceChange::~DeviceChange() {
   FreeDevice(device);
+  FreeDatas(datas, static_cast<int>(dataCount));
   Close(*this);
 }
 
@@ -120,6 +122,7 @@ int BeginChange(const char* path, DeviceChange& change) {
   found = LoadRecord(change.file->change, &change.file->edited);
   if (found != Found::GOOD) return ToResult(found);
   change.device = change.file->edited.device;
+  change.datasKnown = ReadDatas(change.file->change.root, &change.datas, &change.dataCount);
   std::swap(change.device->filePath, paths->filePath);
   std::swap(change.device->backupPath, paths->backupPath);
   return 1;
@@ -134,11 +137,15 @@ static bool HasNamesakes(const Device* device) {
   return false;
 }
 
+static int Write(DeviceChange& change) {
+  if (!change.datasChanged) return WriteEdited(&change.file->change, change.file->edited, nullptr);
+  const Json datas(Datas2Json(change.datas, static_cast<int>(change.dataCount)));
+  return datas ? WriteEdited(&change.file->change, change.file->edited, datas.get()) : VAKRO_FAILED;
+}
+
 int CommitChange(DeviceChange& change) {
   if (change.device == nullptr || change.file == nullptr) return VAKRO_FAILED;
-  const int result = HasNamesakes(change.device)
-                         ? VAKRO_ALREADY_EXISTS
-                         : WriteEdited(&change.file->change, change.file->edited);
+  const int result = HasNamesakes(change.device) ? VAKRO_ALREADY_EXISTS : Write(change);
   const int why = errno;
   Close(change);
   errno = why;

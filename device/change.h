@@ -26,6 +26,12 @@ int TakeOverKeys(Device* fresh, Device* verified);
 struct OpenFile;
 struct DeviceChange {
   Device* device = nullptr;  // the fresh record, the change's own; see CommitChange
+  // The data objects, in file order, with room for one more; `datasKnown` is false, and there are
+  // none, where the file's can't be read. Written if `datasChanged`.
+  Data** datas = nullptr;  // FreeDatas
+  unsigned int dataCount = 0;
+  bool datasKnown = false;
+  bool datasChanged = false;
   OpenFile* file = nullptr;  // with its lock
 
   DeviceChange() = default;
@@ -45,6 +51,8 @@ int BeginChange(const char* path, DeviceChange& change);
 //   a keypair taken out of the list (DeleteKeypairFromDevice, FreeKeypair): it goes, whatever data
 //     objects there are
 //   a complete keypair put behind the others: it is appended
+//   salt, iv and private keys of all keypairs, enciphered anew by ChangePin
+//   the data objects
 // Returns 1; -6 for two keypairs of one type and label; 0.
 int CommitChange(DeviceChange& change);
 

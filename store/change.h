@@ -149,8 +149,9 @@ struct EditedRecord {
 Found LoadRecord(const FileChange& change, EditedRecord* edited);
 
 // WriteEdited writes names and keypairs of the record, as they are by now, over those that were
-// loaded; all else of the file stays. The change is over then.
-int WriteEdited(FileChange* change, const EditedRecord& edited);
+// loaded, and `datas`, unless it is NULL, over the data objects; all else of the file stays. The
+// change is over then.
+int WriteEdited(FileChange* change, const EditedRecord& edited, const VakroJson* datas);
 
 // --- Data objects (datas.cpp) --------------------------------------------------------------------
 

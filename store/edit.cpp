@@ -79,7 +79,7 @@ static Json EditedKeypairs(const FileChange& change, const EditedRecord& edited)
   return list;
 }
 
-int WriteEdited(FileChange* change, const EditedRecord& edited) {
+int WriteEdited(FileChange* change, const EditedRecord& edited, const VakroJson* datas) {
   VakroJson* root = change->root.get();
   const Json keypairs = EditedKeypairs(*change, edited);
   Json tree(vakro_json_newarray());
@@ -87,7 +87,8 @@ int WriteEdited(FileChange* change, const EditedRecord& edited) {
       !AddName(tree.get(), edited.device->label) || !AddItem(tree.get(), keypairs))
     return 0;
   const int count = vakro_json_getarraysize(root);
-  for (int i = DEVICE_ITEMS; i < count; i++) {
+  if (datas != nullptr && vakro_json_addarrayitem(tree.get(), datas) != 1) return 0;
+  for (int i = datas == nullptr ? DEVICE_ITEMS : DEVICE_DATAS + 1; i < count; i++) {
     const VakroJson* item = vakro_json_getarrayitem(root, i);
     if (item == nullptr || vakro_json_addarrayitem(tree.get(), item) != 1) return 0;
   }
