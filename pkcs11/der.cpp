@@ -25,7 +25,7 @@ bool TakeTagged(Span& rest, unsigned char tag, DerElement& element) {
   return true;
 }
 
-bool AppendElement(Bytes& to, unsigned char tag, Span content) {
+bool AppendElement(Buffer& to, unsigned char tag, Span content) {
   unsigned char header[6] = {tag};
   size_t used = 2;
   const size_t length = content.size();

@@ -24,7 +24,7 @@ bool TakeElement(Span& rest, DerElement& element);
 bool TakeTagged(Span& rest, unsigned char tag, DerElement& element);
 
 // AppendElement appends a header and the content.
-bool AppendElement(Bytes& to, unsigned char tag, Span content);
+bool AppendElement(Buffer& to, unsigned char tag, Span content);
 
 // The parts of an X.509 certificate that attributes and searches ask for; they point into it.
 struct CertificateParts {

@@ -67,7 +67,7 @@ struct List {
   T& operator[](size_t index) const { return items[index]; }
 };
 
-struct Bytes : List<unsigned char> {
+struct Buffer : List<unsigned char> {
   bool Append(Span more) {
     if (!Reserve(more.size())) return false;
     if (!more.empty()) memcpy(items + count, more.data(), more.size());
@@ -83,7 +83,6 @@ struct Bytes : List<unsigned char> {
     int2be(word, bytes);
     return Append(bytes);
   }
-  operator Span() const { return {items, count}; }
 };
 
 // New<T> and Delete<T>: records that are not plain.

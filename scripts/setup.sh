@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build git                      # build
   libssl-dev rapidjson-dev libcli11-dev          # libraries
+  libnss3-dev                                    # declarations of PKCS #11
   libgtest-dev libbenchmark-dev                  # tests and benches
   clang-14 libclang-rt-14-dev                    # fuzz targets
   valgrind openssl python3                       # what tests and the demo run

@@ -1,0 +1,71 @@
+// The attributes of objects: one table, one row an attribute.
+#ifndef VAKRO_PKCS11_ATTRIBUTE_H
+#define VAKRO_PKCS11_ATTRIBUTE_H
+
+#include "pkcs11/object.h"
+
+// Who may give an attribute a value, and when.
+enum class Change {
+  NEVER,      // it follows from the object; a template may name the value that it has
+  CREATION,   // when the object is made
+  LATER,      // then, and by C_SetAttributeValue
+  TOLERATED,  // at any time, to no effect: the object says what it is
+};
+
+enum class Form { FLAG, NUMBER, BYTES, DATE };
+
+// The value of an attribute: bytes of the object, or a few of its own.
+struct Value {
+  Span bytes;
+  union {
+    CK_BBOOL flag;
+    CK_ULONG number;
+  } own = {};
+  Buffer made;
+
+  void Set(bool flag);
+  void Set(CK_ULONG number);
+};
+
+struct Attribute {
+  CK_ATTRIBUTE_TYPE type;
+  unsigned int classes;  // bits of ClassBit
+  Form form;
+  Change change;
+  bool secret;                                         // exists, and is never handed out
+  bool (*derive)(const Object& object, Value& value);  // what holds where nothing is set; false:
+                                                       // memory, or not to be had now
+};
+
+// FindAttribute returns the row of a type that objects of this class have, or NULL.
+const Attribute* FindAttribute(CK_OBJECT_CLASS cls, CK_ATTRIBUTE_TYPE type);
+
+// GetValue gives the value of an attribute that is not secret; false when memory is out or it can't
+// be had now.
+bool GetValue(const Object& object, const Attribute& attribute, Value& value);
+
+// Matches says whether an object has all the values of a template; one that it has no attribute
+// for, or that is secret, it does not have.
+bool Matches(const Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count);
+
+// CheckValue checks the form of a value in a template.
+CK_RV CheckValue(const Attribute& attribute, const CK_ATTRIBUTE& value);
+
+// ApplyTemplate gives an object the values of a template. What the object is made from (`isInput`:
+// the class, key parts, a certificate's bytes) is passed over. CKR_OK, or
+// CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_VALUE_INVALID, CKR_ATTRIBUTE_READ_ONLY,
+// CKR_TEMPLATE_INCONSISTENT, CKR_HOST_MEMORY; the object is spoilt then.
+CK_RV ApplyTemplate(Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count, bool creation);
+
+// AnswerAttributes is C_GetAttributeValue.
+CK_RV AnswerAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG count);
+
+// A template's parts. The getters give false when it is not there or has another form.
+bool IsTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count);  // no NULL where bytes should be
+const CK_ATTRIBUTE* FindIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type);
+bool NumberIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type,
+              CK_ULONG* number);
+bool FlagIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type, bool otherwise);
+Span BytesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type);
+
+#endif

@@ -1,0 +1,398 @@
+// Devices as PKCS #11 tokens: how a token comes to its PIN, what clients set and find again, how
+// objects go one by one, and what processes, threads, forks and the end of a program do to it.
+#include "tests/support/token.h"
+
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+
+namespace {
+constexpr char SO_PIN[] = "87654321", USER_PIN[] = "123456";
+
+// A template in the making; values live as long as it does.
+struct Wanted {
+  std::vector<CK_ATTRIBUTE> list;
+  std::vector<std::unique_ptr<std::string>> values;
+  Wanted& Text(CK_ATTRIBUTE_TYPE type, std::string_view value) {
+    values.push_back(std::make_unique<std::string>(value));
+    list.push_back({type, values.back()->data(), value.size()});
+    return *this;
+  }
+  Wanted& Number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
+    return Text(type, {reinterpret_cast<char*>(&value), sizeof value});
+  }
+  Wanted& Flag(CK_ATTRIBUTE_TYPE type, bool value) { return Text(type, {value ? "\1" : "\0", 1}); }
+  CK_ULONG count() const { return list.size(); }
+};
+
+constexpr std::string_view P256("\x06\x08\x2a\x86\x48\xce\x3d\x03\x01\x07", 10);
+
+// A session on the folder's one token, logged in unless the PIN is empty.
+struct Client {
+  const Library& p11;
+  CK_SESSION_HANDLE session = 0;
+
+  explicit Client(const Library& library, std::string_view pin = USER_PIN,
+                  CK_USER_TYPE user = CKU_USER)
+      : p11(library) {
+    const auto slots = p11.Slots();
+    EXPECT_EQ(slots.size(), 1u);
+    if (slots.empty()) return;
+    EXPECT_EQ(p11->C_OpenSession(slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
+                                 &session),
+              CKR_OK);
+    if (pin.empty()) return;
+    EXPECT_EQ(Login(pin, user), CKR_OK);
+  }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  ~Client() { p11->C_CloseSession(session); }
+
+  CK_RV Login(std::string_view pin, CK_USER_TYPE user = CKU_USER) const {
+    return p11->C_Login(session, user, Bytes(pin), pin.size());
+  }
+  CK_RV Generate(const std::string& id, CK_OBJECT_HANDLE* priv, CK_OBJECT_HANDLE* pub) const {
+    Wanted publicKey, privateKey;
+    publicKey.Flag(CKA_TOKEN, true).Text(CKA_EC_PARAMS, P256).Text(CKA_ID, id);
+    privateKey.Flag(CKA_TOKEN, true).Text(CKA_ID, id).Text(CKA_LABEL, "same for all");
+    CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+    return p11->C_GenerateKeyPair(session, &mechanism, publicKey.list.data(), publicKey.count(),
+                                  privateKey.list.data(), privateKey.count(), pub, priv);
+  }
+  std::vector<CK_OBJECT_HANDLE> Find(const Wanted& wanted) const {
+    std::vector<CK_OBJECT_HANDLE> found(300);
+    CK_ULONG count = 0;
+    EXPECT_EQ(p11->C_FindObjectsInit(session, const_cast<CK_ATTRIBUTE*>(wanted.list.data()),
+                                     wanted.count()),
+              CKR_OK);
+    EXPECT_EQ(p11->C_FindObjects(session, found.data(), 300, &count), CKR_OK);
+    EXPECT_EQ(p11->C_FindObjectsFinal(session), CKR_OK);
+    found.resize(count);
+    return found;
+  }
+  size_t Count(CK_OBJECT_CLASS cls) const { return Find(Wanted().Number(CKA_CLASS, cls)).size(); }
+  std::string Get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
+    char value[4096];
+    CK_ATTRIBUTE asked = {type, value, sizeof value};
+    EXPECT_EQ(p11->C_GetAttributeValue(session, object, &asked, 1), CKR_OK) << type;
+    return asked.ulValueLen > sizeof value ? "none" : std::string(value, asked.ulValueLen);
+  }
+  CK_RV Set(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::string_view value) const {
+    Wanted wanted;
+    wanted.Text(type, value);
+    return p11->C_SetAttributeValue(session, object, wanted.list.data(), 1);
+  }
+  CK_OBJECT_HANDLE Create(Wanted& wanted, CK_RV want = CKR_OK) const {
+    CK_OBJECT_HANDLE made = 0;
+    EXPECT_EQ(p11->C_CreateObject(session, wanted.list.data(), wanted.count(), &made), want);
+    return made;
+  }
+  CK_RV Sign(CK_OBJECT_HANDLE key) const {
+    CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
+    CK_BYTE digest[32] = {}, signature[64];
+    CK_ULONG length = sizeof signature;
+    const CK_RV begun = p11->C_SignInit(session, &mechanism, key);
+    return begun == CKR_OK ? p11->C_Sign(session, digest, 32, signature, &length) : begun;
+  }
+};
+
+// An empty folder, and tokens made in it.
+class Pkcs11Test : public testing::Test {
+ protected:
+  Pkcs11Test() { EXPECT_NE(mkdtemp(folder_.data()), nullptr), folder_ += '/'; }
+  ~Pkcs11Test() override { std::filesystem::remove_all(folder_); }
+
+  static CK_RV InitToken(const Library& p11, CK_SLOT_ID slot, std::string_view pin) {
+    CK_UTF8CHAR label[32];
+    memset(label, ' ', sizeof label);
+    memcpy(label, "office", 6);
+    return p11->C_InitToken(slot, Bytes(pin), pin.size(), label);
+  }
+  static void MakeToken(const Library& p11) {
+    EXPECT_EQ(InitToken(p11, 0, SO_PIN), CKR_OK);
+    const Client officer(p11, SO_PIN, CKU_SO);
+    EXPECT_EQ(p11->C_InitPIN(officer.session, Bytes(USER_PIN), strlen(USER_PIN)), CKR_OK);
+  }
+  std::string FileBytes() const {
+    std::string all;
+    for (const auto& file : std::filesystem::directory_iterator(folder_)) {
+      std::ifstream in(file.path(), std::ios::binary);
+      all += file.path().string() + std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    return all;
+  }
+
+  std::string folder_ = "/tmp/pkcs11-XXXXXX";
+};
+
+// Runs in a child process; its result is the number of failures.
+template <class Body>
+int InChild(Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    body();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
+}
+}  // namespace
+
+TEST_F(Pkcs11Test, ATokenComesToItsPin) {
+  CK_SLOT_ID slot = 0;
+  {
+    const Library p11(folder_);
+    EXPECT_EQ(p11.Slots().size(), 0u);
+    EXPECT_EQ(InitToken(p11, 0, "123"), CKR_PIN_LEN_RANGE);
+    ASSERT_EQ(InitToken(p11, 0, SO_PIN), CKR_OK);
+    slot = p11.Slots().at(0);
+    EXPECT_EQ(InitToken(p11, slot, "a wrong one"), CKR_PIN_INCORRECT);
+    EXPECT_EQ(InitToken(p11, slot, SO_PIN), CKR_OK) << "it holds no keys";
+    const Client client(p11, "");
+    EXPECT_EQ(client.Login(SO_PIN), CKR_USER_PIN_NOT_INITIALIZED);
+    EXPECT_EQ(client.Login("12345678", CKU_SO), CKR_PIN_INCORRECT);
+    EXPECT_EQ(client.Login(SO_PIN, CKU_SO), CKR_OK);
+    EXPECT_EQ(p11->C_InitPIN(client.session, Bytes(USER_PIN), 6), CKR_OK);
+    EXPECT_EQ(p11->C_Logout(client.session), CKR_OK);
+    EXPECT_EQ(client.Login(SO_PIN), CKR_PIN_INCORRECT);
+    EXPECT_EQ(client.Login(SO_PIN, CKU_SO), CKR_USER_TYPE_INVALID) << "has none any more";
+  }
+  const Library p11(folder_);
+  EXPECT_EQ(p11.Slots().at(0), slot) << "the same after every start";
+  const Client client(p11);
+  EXPECT_EQ(client.Login(USER_PIN), CKR_USER_ALREADY_LOGGED_IN);
+  EXPECT_EQ(p11->C_SetPIN(client.session, Bytes("wrong1"), 6, Bytes("new one"), 7),
+            CKR_PIN_INCORRECT);
+  EXPECT_EQ(p11->C_SetPIN(client.session, Bytes(USER_PIN), 6, Bytes("new one"), 7), CKR_OK);
+  CK_OBJECT_HANDLE priv = 0, pub = 0;
+  EXPECT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
+  EXPECT_EQ(p11->C_CloseAllSessions(slot), CKR_OK);
+  const std::string before = FileBytes();
+  EXPECT_EQ(InitToken(p11, slot, "new one"), CKR_FUNCTION_FAILED) << "it holds a key";
+  EXPECT_EQ(FileBytes(), before);
+  EXPECT_EQ(Client(p11, "").Login("new one"), CKR_OK);
+}
+
+TEST_F(Pkcs11Test, WhatWasSetReadsBack) {
+  std::map<CK_OBJECT_CLASS, std::map<CK_ATTRIBUTE_TYPE, std::string>> want;
+  {
+    const Library p11(folder_);
+    MakeToken(p11);
+    const Client client(p11);
+    CK_OBJECT_HANDLE priv = 0, pub = 0, other = 0;
+    ASSERT_EQ(client.Generate("\1\2", &priv, &pub), CKR_OK);
+    ASSERT_EQ(client.Generate("", &other, &other), CKR_OK) << "of the same label";
+    EXPECT_EQ(client.Set(priv, CKA_SUBJECT, "not DER"), CKR_OK);
+    EXPECT_EQ(client.Set(pub, CKA_LABEL, "public"), CKR_OK);
+    EXPECT_EQ(client.Set(pub, CKA_EC_POINT, "x"), CKR_ATTRIBUTE_READ_ONLY);
+    EXPECT_EQ(client.Set(pub, CKA_PRIME_1, "x"), CKR_ATTRIBUTE_TYPE_INVALID);
+    Wanted data, secret;
+    data.Number(CKA_CLASS, CKO_DATA).Flag(CKA_TOKEN, true).Text(CKA_LABEL, "note");
+    data.Text(CKA_VALUE, "open").Text(CKA_APPLICATION, "app").Text(CKA_OBJECT_ID, "\6\1\5");
+    const CK_OBJECT_HANDLE made = client.Create(data);
+    EXPECT_EQ(client.Set(made, CKA_VALUE, "another, longer one"), CKR_OK);
+    secret.Number(CKA_CLASS, CKO_DATA).Flag(CKA_TOKEN, true).Flag(CKA_PRIVATE, true);
+    client.Create(secret.Text(CKA_VALUE, "unmistakable").Text(CKA_LABEL, "secret"));
+    EXPECT_EQ(FileBytes().find("756e6d697374616b61626c65"), std::string::npos) << "in the clear";
+    want[CKO_PRIVATE_KEY] = {{CKA_ID, "\1\2"},         {CKA_LABEL, "same for all"},
+                             {CKA_SUBJECT, "not DER"}, {CKA_LOCAL, "\1"},
+                             {CKA_SENSITIVE, "\1"},    {CKA_EXTRACTABLE, std::string(1, '\0')}};
+    want[CKO_PUBLIC_KEY] = {{CKA_ID, "\1\2"}, {CKA_LABEL, "public"}, {CKA_SUBJECT, ""}};
+    want[CKO_DATA] = {{CKA_LABEL, "note"},
+                      {CKA_APPLICATION, "app"},
+                      {CKA_OBJECT_ID, "\6\1\5"},
+                      {CKA_VALUE, "another, longer one"}};
+  }
+  const std::string copy = folder_ + "copy/";
+  std::filesystem::create_directory(copy);
+  for (const auto& file : std::filesystem::directory_iterator(folder_))
+    if (file.is_regular_file()) std::filesystem::copy(file.path(), copy);
+  for (const std::string& folder : {folder_, copy}) {
+    const Library p11(folder);
+    const Client client(p11);
+    for (const auto& [cls, attributes] : want) {
+      Wanted wanted;
+      wanted.Number(CKA_CLASS, cls);
+      for (const auto& [type, value] : attributes) wanted.Text(type, value);
+      EXPECT_EQ(client.Find(wanted).size(), 1u) << cls;
+    }
+    const auto secrets = client.Find(Wanted().Text(CKA_LABEL, "secret"));
+    ASSERT_EQ(secrets.size(), 1u);
+    EXPECT_EQ(client.Get(secrets[0], CKA_VALUE), "unmistakable");
+    EXPECT_EQ(p11->C_Logout(client.session), CKR_OK);
+    EXPECT_EQ(client.Find(Wanted().Text(CKA_LABEL, "secret")).size(), 0u);
+    EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), 0u);
+    EXPECT_EQ(client.Count(CKO_PUBLIC_KEY), 2u);
+  }
+}
+
+TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client client(p11);
+  CK_OBJECT_HANDLE priv = 0, pub = 0, priv2 = 0, pub2 = 0;
+  ASSERT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
+  ASSERT_EQ(client.Generate("2", &priv2, &pub2), CKR_OK);
+  Wanted data;
+  data.Number(CKA_CLASS, CKO_DATA).Flag(CKA_TOKEN, true).Text(CKA_VALUE, "x");
+  const CK_OBJECT_HANDLE note = client.Create(data);
+  EXPECT_EQ(p11->C_DestroyObject(client.session, pub2), CKR_OK) << "hidden";
+  EXPECT_EQ(client.Sign(priv2), CKR_OK);
+  const std::string point = client.Get(pub, CKA_EC_POINT);
+  EXPECT_EQ(p11->C_DestroyObject(client.session, priv), CKR_OK);
+  EXPECT_EQ(client.Sign(priv), CKR_KEY_HANDLE_INVALID);
+  EXPECT_EQ(client.Get(pub, CKA_EC_POINT), point) << "the handle is still good";
+  EXPECT_EQ(client.Get(pub, CKA_ID), "1");
+  EXPECT_EQ(client.Get(note, CKA_VALUE), "x");
+  EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), 1u);
+  EXPECT_EQ(client.Count(CKO_PUBLIC_KEY), 1u);
+  for (const CK_OBJECT_HANDLE object : {pub, priv2, note})
+    EXPECT_EQ(p11->C_DestroyObject(client.session, object), CKR_OK);
+  EXPECT_EQ(client.Find({}).size(), 0u);
+  EXPECT_EQ(p11->C_DestroyObject(client.session, note), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_EQ(client.Login(USER_PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
+}
+
+// Everyone makes keys, takes every second one away again, and signs with what is left.
+TEST_F(Pkcs11Test, ProcessesLoseNothing) {
+  MakeToken(Library(folder_));
+  constexpr int PROCESSES = 3, KEYS = 4;
+  std::vector<pid_t> children;
+  for (int i = 0; i < PROCESSES; i++) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    const Library p11(folder_);
+    const Client client(p11);
+    for (int k = 0; k < KEYS; k++) {
+      CK_OBJECT_HANDLE priv = 0, pub = 0;
+      EXPECT_EQ(client.Generate(std::to_string(i) + std::to_string(k), &priv, &pub), CKR_OK);
+      EXPECT_EQ(client.Sign(priv), CKR_OK);
+      if (k % 2 == 1) {
+        EXPECT_EQ(p11->C_DestroyObject(client.session, priv), CKR_OK);
+        EXPECT_EQ(p11->C_DestroyObject(client.session, pub), CKR_OK);
+      }
+    }
+    _exit(HasFailure() ? 1 : 0);
+  }
+  for (const pid_t child : children) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+  const Library p11(folder_);
+  const Client client(p11);
+  EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), size_t{PROCESSES * KEYS / 2});
+  std::set<std::string> ids;
+  for (const auto key : client.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY))) {
+    EXPECT_EQ(client.Sign(key), CKR_OK);
+    ids.insert(client.Get(key, CKA_ID));
+  }
+  EXPECT_EQ(ids.size(), size_t{PROCESSES * KEYS / 2}) << "each has the id that it was given";
+}
+
+// All functions, in the order of the list, called with nothing but zeros, and with a session.
+TEST_F(Pkcs11Test, NullIsACode) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client client(p11);
+  using Any = CK_RV (*)(CK_ULONG, void*, void*, void*, void*, void*, void*, void*, void*, void*);
+  constexpr size_t FIRST = offsetof(CK_FUNCTION_LIST, C_Initialize);
+  std::vector<Any> functions((sizeof(CK_FUNCTION_LIST) - FIRST) / sizeof(Any));
+  const auto* const list = reinterpret_cast<const char*>(&*p11.operator->());
+  memcpy(functions.data(), list + FIRST, functions.size() * sizeof(Any));
+  constexpr size_t FINALIZE = 1, GET_SLOT_LIST = 4, CLOSE_SESSION = 13;
+  for (size_t i = 0; i < functions.size(); i++) {
+    SCOPED_TRACE(i);
+    for (const CK_ULONG first : {CK_ULONG{0}, client.session, ~CK_ULONG{0}}) {
+      if (i == FINALIZE) continue;                    // NULL is all that it takes
+      if (i < GET_SLOT_LIST && first != 0) continue;  // these begin with a pointer
+      if (i == CLOSE_SESSION && first == client.session) continue;
+      functions[i](first, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                   nullptr);
+    }
+  }
+  EXPECT_EQ(p11->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
+  EXPECT_EQ(p11->C_Finalize(&functions), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(Client(p11).Find({}).size(), 0u) << "still works";
+}
+
+TEST_F(Pkcs11Test, FinalizeWaitsForThoseInside) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; i++)
+    threads.emplace_back([&] {
+      while (!stop) {
+        CK_SLOT_ID slots[4];
+        CK_ULONG count = 4;
+        CK_SESSION_HANDLE session = 0;
+        if (p11->C_GetSlotList(CK_TRUE, slots, &count) != CKR_OK) continue;
+        p11->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+        p11->C_Login(session, CKU_USER, Bytes(USER_PIN), 6);
+        p11->C_FindObjectsInit(session, nullptr, 0);
+        p11->C_CloseSession(session);
+      }
+    });
+  for (int i = 0; i < 20; i++) {
+    std::string reserved = "folder=" + folder_;
+    CK_C_INITIALIZE_ARGS args = {};
+    args.LibraryParameters = reinterpret_cast<CK_CHAR_PTR*>(reserved.data());
+    usleep(2000);
+    EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(p11->C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(p11->C_Initialize(&args), CKR_OK);
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(Pkcs11Test, AChildStartsAnew) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client parent(p11);
+  CK_OBJECT_HANDLE priv = 0, pub = 0;
+  ASSERT_EQ(parent.Generate("1", &priv, &pub), CKR_OK);
+  EXPECT_EQ(InChild([&] {
+              EXPECT_EQ(parent.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
+              const Library again(folder_);
+              const Client child(again);
+              const auto keys = child.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
+              EXPECT_EQ(keys.size(), 1u);
+              for (const auto key : keys) EXPECT_EQ(child.Sign(key), CKR_OK);
+            }),
+            0);
+  EXPECT_EQ(parent.Sign(priv), CKR_OK);
+}
+
+TEST_F(Pkcs11Test, AProgramEndsAsItLikes) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  EXPECT_EQ(InChild([&] {
+              const Library own(folder_);
+              const Client client(own);
+              CK_OBJECT_HANDLE priv = 0, pub = 0;
+              EXPECT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
+              CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
+              EXPECT_EQ(own->C_SignInit(client.session, &mechanism, priv), CKR_OK);
+              OPENSSL_cleanup();
+              EXPECT_EQ(client.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
+              EXPECT_EQ(own->C_Finalize(nullptr), CKR_OK);
+            }),
+            0);
+}
+
+TEST_F(Pkcs11Test, IsUnloaded) {
+  { MakeToken(Library(folder_)); }
+  std::ifstream maps("/proc/self/maps");
+  const std::string all(std::istreambuf_iterator<char>(maps), {});
+  EXPECT_EQ(all.find("libvakro_pkcs11"), std::string::npos);
+}

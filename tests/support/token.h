@@ -1,0 +1,60 @@
+// A token of the PKCS #11 library, which is loaded at run time as programs do it: a device file
+// made byte by byte, with one RSA, one P-256 and one SM2 keypair, in a folder of its own.
+#ifndef VAKRO_TESTS_TOKEN_H
+#define VAKRO_TESTS_TOKEN_H
+
+#include "tests/support/device_file.h"
+
+#include <gtest/gtest.h>
+#include <pkcs11.h>
+
+#include <string>
+#include <vector>
+
+// A library that is loaded and initialised over `folder`, which ends with a slash.
+class Library {
+ public:
+  explicit Library(const std::string& folder, const std::string& options = "");
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+  ~Library();
+  const CK_FUNCTION_LIST* operator->() const { return functions_; }
+  std::vector<CK_SLOT_ID> Slots() const;  // with a token
+
+ private:
+  void* handle_ = nullptr;
+  CK_FUNCTION_LIST* functions_ = nullptr;
+};
+
+class TokenTest : public testing::Test {
+ protected:
+  TokenTest();
+  ~TokenTest() override;
+
+  // The handle of the only object with these attributes, or 0.
+  CK_OBJECT_HANDLE Find(CK_OBJECT_CLASS cls, CK_KEY_TYPE type) const;
+
+  const std::string folder_;
+  const Library p11_;
+  CK_SLOT_ID slot_ = 0;
+  CK_SESSION_HANDLE session_ = 0;  // logged in
+};
+
+// A call that writes bytes, given the size that it asks for: what it wrote, or "" and a failure of
+// the test.
+template <class Call>
+std::string Written(Call call) {
+  CK_ULONG length = 0;
+  EXPECT_EQ(call(nullptr, &length), CKR_OK);
+  std::string bytes(length, 0);
+  CK_BYTE none = 0;
+  EXPECT_EQ(call(length == 0 ? &none : reinterpret_cast<CK_BYTE*>(bytes.data()), &length), CKR_OK);
+  bytes.resize(length);
+  return bytes;
+}
+
+inline CK_BYTE* Bytes(std::string_view bytes) {
+  return reinterpret_cast<CK_BYTE*>(const_cast<char*>(bytes.data()));
+}
+
+#endif
