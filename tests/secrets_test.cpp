@@ -7,6 +7,7 @@
 #include "tests/support/world.h"
 
 #include "keypair/keypair.h"
+#include "sm2/field.h"
 #include "sm2/field_x86.h"
 #include "sm2/multiply.h"
 #include "sm2/multiply_paths.h"

@@ -2,6 +2,7 @@
 // OpenSSL's BIGNUM, and multiples of points, judged by its EC_POINT_mul. VAKRO_LONG_TESTS=1 in the
 // environment takes many more operands.
 #include "core/openssl_owners.h"
+#include "sm2/field.h"
 #include "sm2/field_x86.h"
 #include "sm2/inverse.h"
 #include "sm2/multiply.h"
