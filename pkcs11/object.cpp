@@ -346,13 +346,32 @@ Object* FindNamed(const View& view, const unsigned char (&name)[NAME_DIGEST_SIZE
   return nullptr;
 }
 
+// Names the object after those in `named`, which come before it.
+static bool NameAfter(const List<Object*>& named, Object* object) {
+  for (unsigned int ordinal = 0;; ordinal++) {
+    if (!MakeName(*object, ordinal)) return false;
+    bool isTaken = false;
+    for (const Object* other : named)
+      isTaken |= memcmp(other->name, object->name, NAME_DIGEST_SIZE) == 0;
+    if (!isTaken) return true;
+  }
+}
+
 bool AddTokenObject(View& view, Object* object, Place place) {
   if (object == nullptr) return false;
   object->place = place;
-  bool named = MakeName(*object, 0);
-  for (unsigned int ordinal = 1; named && FindNamed(view, object->name) != nullptr; ordinal++)
-    named = MakeName(*object, ordinal);
-  if (named) return view.Add(object);
+  if (NameAfter(view.objects, object)) return view.Add(object);
   Delete(object);
   return false;
+}
+
+bool NameObjects(View& view) {
+  List<Object*> named;
+  for (const bool inTable : {false, true}) {
+    for (Object* object : view.objects) {
+      if ((object->place == Place::TABLE) != inTable) continue;
+      if (!NameAfter(named, object) || !named.Add(object)) return false;
+    }
+  }
+  return true;
 }

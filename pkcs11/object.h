@@ -105,6 +105,11 @@ Object* NewDataObject(int number, Span value);
 // come before. Takes it over, also on failure.
 bool AddTokenObject(View& view, Object* object, Place place);
 
+// NameObjects names all anew, as the next look at the file will: where there were equal objects the
+// count of those before one may have changed, and so do the objects that the table alone keeps, for
+// they come last. False when memory is out.
+bool NameObjects(View& view);
+
 // FindNamed returns the object of that name, or NULL.
 Object* FindNamed(const View& view, const unsigned char (&name)[NAME_DIGEST_SIZE]);
 

@@ -58,7 +58,10 @@ namespace {
 // An object of a change, to be found again when the change is done.
 struct Named {
   unsigned char name[NAME_DIGEST_SIZE];
-  explicit Named(const Object& object) { memcpy(name, object.name, sizeof name); }
+  Named(TokenChange& change, const Object& object) {
+    NameObjects(change.view);
+    memcpy(name, object.name, sizeof name);
+  }
   CK_RV Handle(const Slot& slot, CK_OBJECT_HANDLE* handle) const {
     const Object* const object = FindNamed(*slot.view, name);
     if (object == nullptr) return CKR_FUNCTION_FAILED;
@@ -135,7 +138,7 @@ static CK_RV StoreMadeKeypair(Session& session, OwnedKeypair keypair, Span inher
   if (result == CKR_OK && mechanism != nullptr && publicHandle == nullptr)
     result = pub->set.SetFlag(HIDDEN, true) ? CKR_OK : CKR_HOST_MEMORY;
   if (result != CKR_OK) return result;
-  const Named namedPrivate(*priv), namedPublic(*pub);
+  const Named namedPrivate(change, *priv), namedPublic(change, *pub);
   result = CommitTokenChange(change);
   if (result == CKR_OK) result = namedPrivate.Handle(change.slot, privateHandle);
   if (result == CKR_OK && publicHandle != nullptr)
@@ -167,7 +170,7 @@ static CK_RV StorePublicKey(Session& session, Span encoding, const Template& wan
   if (mechanism != nullptr && !MarkMade(*object, mechanism->mechanism)) return CKR_HOST_MEMORY;
   result = wanted.ApplyTo(*object);
   if (result != CKR_OK) return result;
-  const Named named(*object);
+  const Named named(change, *object);
   result = CommitTokenChange(change);
   return result == CKR_OK ? named.Handle(change.slot, handle) : result;
 }
@@ -282,7 +285,7 @@ static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJE
   if (result == CKR_OK) result = PutInCertificate(change, bytes, &made);
   if (result == CKR_OK) result = wanted.ApplyTo(*made);
   if (result != CKR_OK) return result;
-  const Named named(*made);
+  const Named named(change, *made);
   result = CommitTokenChange(change);
   return result == CKR_OK ? named.Handle(change.slot, handle) : result;
 }
@@ -302,7 +305,7 @@ static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HAND
   if (result == CKR_OK) result = PutInData(change, value, wanted.Flag(CKA_PRIVATE, false), &made);
   if (result == CKR_OK) result = wanted.ApplyTo(*made);
   if (result != CKR_OK) return result;
-  const Named named(*made);
+  const Named named(change, *made);
   result = CommitTokenChange(change);
   return result == CKR_OK ? named.Handle(change.slot, handle) : result;
 }

@@ -62,9 +62,9 @@ static CK_RV PlaceTable(Keypair* anchor, Span certificate) {
   return CKR_OK;
 }
 
-CK_RV StoreTable(Device* device, const View& view) {
+CK_RV StoreTable(Device* device, View& view) {
   Buffer table, certificate;
-  if (!WriteTable(view, table)) return CKR_HOST_MEMORY;
+  if (!NameObjects(view) || !WriteTable(view, table)) return CKR_HOST_MEMORY;
   if (IsSame(table, view.table)) return CKR_OK;
   Keypair* anchor = FindAnchor(device);
   if (anchor == nullptr) {

@@ -15,6 +15,6 @@ int LoadTokenView(Device* device, const View* former, View& view);
 bool AddKeypairObjects(Device* device, int index, View& view);
 
 // StoreTable puts the table of the view into the record's anchor, which it makes if there is none.
-CK_RV StoreTable(Device* device, const View& view);
+CK_RV StoreTable(Device* device, View& view);
 
 #endif
