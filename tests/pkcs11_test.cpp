@@ -1,8 +1,10 @@
 // Devices as PKCS #11 tokens: how a token comes to its PIN, what clients set and find again, how
 // objects go one by one, and what processes, threads, forks and the end of a program do to it.
+#include "core/openssl_owners.h"
 #include "tests/support/token.h"
 
 #include <openssl/crypto.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -130,6 +132,31 @@ class Pkcs11Test : public testing::Test {
   }
 
   std::string folder_ = "/tmp/pkcs11-XXXXXX";
+};
+
+// A key that OpenSSL has made, and a certificate that it has signed with it.
+struct OwnPair {
+  std::string scalar = std::string(32, 0), certificate;
+  OwnPair() {
+    const EvpKey key(EVP_EC_gen("P-256"));
+    BIGNUM* raw = nullptr;
+    EXPECT_EQ(EVP_PKEY_get_bn_param(key.get(), "priv", &raw), 1);
+    const BigNum d(raw);
+    BN_bn2binpad(raw, Bytes(scalar), 32);
+    X509* const made = X509_new();
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(made), "CN", MBSTRING_ASC, Bytes("own"), 3, -1,
+                               0);
+    X509_set_issuer_name(made, X509_get_subject_name(made));
+    X509_gmtime_adj(X509_getm_notBefore(made), 0);
+    X509_gmtime_adj(X509_getm_notAfter(made), 86400);
+    X509_set_pubkey(made, key.get());
+    EXPECT_GT(X509_sign(made, key.get(), EVP_sha256()), 0);
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(made, &der);
+    certificate.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+    OPENSSL_free(der);
+    X509_free(made);
+  }
 };
 
 // Runs in a child process; its result is the number of failures.
@@ -261,6 +288,42 @@ TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
   EXPECT_EQ(client.Login(USER_PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
 }
 
+// A key and a certificate for it, and the same key once more.
+TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
+  const OwnPair own;
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client client(p11);
+  std::vector<CK_OBJECT_HANDLE> keys;
+  for (const char* id : {"first", "second"}) {
+    Wanted key;
+    key.Number(CKA_CLASS, CKO_PRIVATE_KEY).Number(CKA_KEY_TYPE, CKK_EC).Flag(CKA_TOKEN, true);
+    key.Text(CKA_EC_PARAMS, P256).Text(CKA_VALUE, own.scalar).Text(CKA_ID, id);
+    keys.push_back(client.Create(key));
+    EXPECT_EQ(client.Sign(keys.back()), CKR_OK);
+    EXPECT_EQ(client.Get(keys.back(), CKA_LOCAL), std::string(1, '\0')) << "made elsewhere";
+  }
+  Wanted certificate, nonsense;
+  certificate.Number(CKA_CLASS, CKO_CERTIFICATE).Flag(CKA_TOKEN, true);
+  certificate.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own.certificate);
+  const CK_OBJECT_HANDLE cert = client.Create(certificate);
+  EXPECT_EQ(client.Get(cert, CKA_SUBJECT), client.Get(cert, CKA_ISSUER));
+  EXPECT_EQ(client.Get(cert, CKA_PUBLIC_KEY_INFO), client.Get(keys[0], CKA_PUBLIC_KEY_INFO));
+  CK_ULONG category = 0;
+  memcpy(&category, client.Get(cert, CKA_CERTIFICATE_CATEGORY).data(), sizeof category);
+  EXPECT_EQ(category, CK_ULONG{CK_CERTIFICATE_CATEGORY_TOKEN_USER}) << "it is in the key's list";
+  nonsense.Number(CKA_CLASS, CKO_CERTIFICATE).Flag(CKA_TOKEN, true);
+  nonsense.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own.certificate + "x");
+  client.Create(nonsense, CKR_ATTRIBUTE_VALUE_INVALID);
+
+  EXPECT_EQ(p11->C_DestroyObject(client.session, keys[0]), CKR_OK);
+  EXPECT_EQ(client.Get(cert, CKA_VALUE), own.certificate) << "stays";
+  const auto left = client.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(client.Get(left[0], CKA_ID), "second");
+  EXPECT_EQ(client.Sign(left[0]), CKR_OK);
+}
+
 // Everyone makes keys, takes every second one away again, and signs with what is left.
 TEST_F(Pkcs11Test, ProcessesLoseNothing) {
   MakeToken(Library(folder_));
@@ -353,6 +416,38 @@ TEST_F(Pkcs11Test, FinalizeWaitsForThoseInside) {
   }
   stop = true;
   for (std::thread& thread : threads) thread.join();
+}
+
+// One logs in and out, the others make, change, use and delete what they can meanwhile.
+TEST_F(Pkcs11Test, ThreadsShareAToken) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client owner(p11);
+  std::atomic<int> done{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; i++)
+    threads.emplace_back([&, i] {
+      const Client client(p11, "");
+      for (int k = 0; k < 4; k++) {
+        CK_OBJECT_HANDLE priv = 0, pub = 0;
+        const CK_RV made = client.Generate(std::to_string(i), &priv, &pub);
+        EXPECT_TRUE(made == CKR_OK || made == CKR_USER_NOT_LOGGED_IN) << made;
+        client.Sign(priv);
+        client.Set(pub, CKA_LABEL, "changed");
+        for (const auto key : client.Find(Wanted().Text(CKA_ID, std::to_string(i))))
+          p11->C_DestroyObject(client.session, key);
+      }
+      done++;
+    });
+  while (done < 3) {
+    EXPECT_EQ(p11->C_Logout(owner.session), CKR_OK);
+    EXPECT_EQ(owner.Login(USER_PIN), CKR_OK);
+    usleep(20000);
+  }
+  for (std::thread& thread : threads) thread.join();
+  CK_OBJECT_HANDLE priv = 0, pub = 0;
+  EXPECT_EQ(owner.Generate("last", &priv, &pub), CKR_OK);
+  EXPECT_EQ(owner.Sign(priv), CKR_OK);
 }
 
 TEST_F(Pkcs11Test, AChildStartsAnew) {
