@@ -2,7 +2,7 @@
 #include "core/error_mark.h"
 #include "core/lock.h"
 #include "core/openssl_owners.h"
-#include "keypair/stored.h"
+#include "keypair/new_keypair.h"
 #include "sm2/sm2.h"
 
 using Callback = std::unique_ptr<BN_GENCB, Release<BN_GENCB_free>>;
@@ -87,8 +87,8 @@ static int MakeTemp(const NewKey& request, Keypair** out) {
 }
 
 static int CheckStorable(const Device* device, unsigned int type, const char* label) {
-  const int room = CheckRoom(device, type, label);
-  return room == VAKRO_OK ? CheckOwner(device, label) : room;
+  const int room = CheckNameAndRoom(device, type, label);
+  return room == VAKRO_OK ? CheckPinAndLabel(device, label) : room;
 }
 
 // Nobody waits for prime numbers: the key is made while no lock is held. What allowed it may be

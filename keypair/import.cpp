@@ -1,7 +1,7 @@
 // Import of a keypair from the crypto library's keypair encoding.
 #include "core/error_mark.h"
 #include "core/openssl_owners.h"
-#include "keypair/stored.h"
+#include "keypair/new_keypair.h"
 #include "sm2/sm2.h"
 
 #include <string.h>
@@ -44,12 +44,12 @@ int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encod
   if (out == nullptr || label == nullptr) return VAKRO_FAILED;
   const ModuleLock lock;
   if (!lock.held) return VAKRO_FAILED;
-  const int room = CheckRoom(device, type, label);
+  const int room = CheckNameAndRoom(device, type, label);
   if (room != VAKRO_OK) return room;
   if (encoding == nullptr || encodingLen < MIN_ENCODING_SIZE ||
       memcmp(encoding, KEYPAIR_MAGIC, MAGIC_SIZE) != 0)
     return VAKRO_FAILED;
-  const int owner = CheckOwner(device, label);
+  const int owner = CheckPinAndLabel(device, label);
   if (owner != VAKRO_OK) return owner;
   const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);
   if (algorithm != ALGORITHM_RSA && algorithm != ALGORITHM_ECC) return VAKRO_NOT_SUPPORTED;

@@ -1,17 +1,17 @@
 // What generation and import share: the checks before a key is made, and its way onto the device.
-#include "keypair/stored.h"
+#include "keypair/new_keypair.h"
 
 #include "core/openssl_owners.h"
 #include "store/change.h"
 
 #include <string.h>
 
-int CheckRoom(const Device* device, unsigned int type, const char* label) {
+int CheckNameAndRoom(const Device* device, unsigned int type, const char* label) {
   if (HasKeypair(device, type, label)) return VAKRO_ALREADY_EXISTS;
   return device->keypairCount >= device->maxKeypairs ? VAKRO_FAILED : VAKRO_OK;
 }
 
-int CheckOwner(const Device* device, const char* label) {
+int CheckPinAndLabel(const Device* device, const char* label) {
   if (device->pin == nullptr) return VAKRO_NOT_VERIFIED;
   return strlen(label) < NAME_SIZE ? VAKRO_OK : VAKRO_FAILED;
 }
