@@ -67,7 +67,10 @@ int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLe
            const EVP_MD* hash, int length, unsigned char* key) {
   thread_local std::map<std::pair<std::string, std::string>, std::string> keys;
   if (keys.size() > 100000) keys.clear();
-  std::string& known = keys[{{pin, pin + pinLength}, {salt, salt + saltLength}}];
+  const auto parameters = Word(static_cast<unsigned int>(rounds)) +
+                          Word(static_cast<unsigned int>(length)) + EVP_MD_get0_name(hash);
+  std::string& known =
+      keys[{{pin, pin + pinLength}, std::string(salt, salt + saltLength) + parameters}];
   if (known.empty() &&
       PKCS5_PBKDF2_HMAC(pin, pinLength, salt, saltLength, rounds, hash, length, key) == 1)
     known.assign(key, key + length);
