@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, and only those that are missing.
 # Needs root or sudo only when something is missing; where it can't install, it says what to.
+#   --clients   also the programs that scripts/clients.sh runs on the PKCS #11 library
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,14 @@ packages=(
   clang-format clang-tidy                        # what scripts/check.sh runs
   dpkg-dev pkg-config man-db bash                # packages, and what tries them
 )
+
+clients=(
+  opensc gnutls-bin openssh-client p11-kit p11-kit-modules
+  libengine-pkcs11-openssl libnss3-tools         # OpenSSL's engine; NSS
+  openjdk-17-jdk-headless python3-pykcs11
+  softhsm2                                       # what bench/tokens.cpp measures beside
+)
+[ "${1-}" != --clients ] || packages+=("${clients[@]}")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs the release tests: an answer in about 4 minutes on two processors.
 #   scripts/test.sh --all      also with the address and undefined-behaviour sanitizers, with the
-#                              thread sanitizer, and 20 seconds of each fuzz target: 20 minutes
+#                              thread sanitizer, 20 seconds of each fuzz target, and the programs
+#                              of scripts/clients.sh: 25 minutes
 #   scripts/test.sh PRESET...  with these presets instead, such as asan
 # Ends with the number of tests that have passed and failed. The long forms are scripts/long.sh's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
-presets=("$@")
+presets=("$@") clients=
 [ ${#presets[@]} -gt 0 ] || presets=(release)
-[ "${presets[*]}" != --all ] || presets=(release asan tsan fuzz)
+[ "${presets[*]}" != --all ] || { presets=(release asan tsan fuzz) && clients=yes; }
 jobs=$(nproc)
 passed=0 failed=0
 log=$(mktemp)
@@ -26,5 +27,10 @@ for preset in "${presets[@]}"; do
     { wrong=1 all=1; echo "ctest has ended without a summary"; }
   failed=$((failed + wrong)) passed=$((passed + all - wrong))
 done
+if [ -n "$clients" ]; then
+  echo "== clients"
+  scripts/setup.sh --clients
+  if scripts/clients.sh; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+fi
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]
