@@ -1,0 +1,206 @@
+// The checks of container.cpp, reader.cpp and datas.cpp, one by one, with a name for each.
+#include "store/inspect.h"
+
+#include "store/inside.h"
+
+#include <errno.h>
+#include <string.h>
+
+namespace {
+// Hands faults on, with the label of the keypair that they are in.
+struct Teller {
+  void (*tell)(void* context, const StoredFault& fault);
+  void* context;
+  std::string_view label;
+  void operator()(StoredFault fault) const {
+    fault.label = label;
+    tell(context, fault);
+  }
+};
+}  // namespace
+
+static bool IsName(const VakroJson* item) {
+  std::string_view text;
+  return JsonString(item, &text) && text.size() < NAME_SIZE;
+}
+
+static bool IsNumber(const VakroJson* item) {
+  int number = 0;
+  return JsonNumber(item, &number);
+}
+
+static bool IsString(const VakroJson* item) {
+  std::string_view text;
+  return JsonString(item, &text);
+}
+
+static bool Decodes(const VakroJson* item, bool hex) {
+  std::string_view text;
+  if (!JsonString(item, &text) || text.size() > INT_MAX) return false;
+  unsigned char* raw = nullptr;
+  int length = 0;
+  const auto size = static_cast<int>(text.size());
+  const int result = hex ? vakro_hexdecode(text.data(), size, &raw, &length)
+                         : vakro_base64decode(2, text.data(), size, &raw, &length);
+  const UtilBytes bytes(result == 1 ? raw : nullptr);
+  return result == 1;
+}
+
+// --- Keypairs ------------------------------------------------------------------------------------
+
+static void InspectCerts(VakroJson* list, int keypair, const Teller& tell) {
+  const int count = vakro_json_getarraysize(list);
+  if (count > MAX_CERTS) {
+    tell({.fault = Fault::TOO_MANY_CERTS,
+          .keypair = keypair,
+          .found = static_cast<unsigned int>(count),
+          .wanted = MAX_CERTS});
+    return;
+  }
+  for (int i = 0; i < count; i++)
+    if (!Decodes(vakro_json_getarrayitem(list, i), false))
+      tell({.fault = Fault::CERT, .keypair = keypair, .at = i});
+}
+
+static void InspectKeypair(VakroJson* item, int keypair, const Teller& tell) {
+  if (!IsArray(item) || vakro_json_getarraysize(item) != KEYPAIR_ITEMS) {
+    tell({.fault = Fault::KEYPAIR, .keypair = keypair});
+    return;
+  }
+  for (int field = 0; field < KEYPAIR_ITEMS; field++) {
+    VakroJson* value = vakro_json_getarrayitem(item, field);
+    const bool isHex = field >= KEYPAIR_SALT && field <= KEYPAIR_ENCRYPTED_PRIVATE_KEY;
+    const bool typed = field == KEYPAIR_LABEL   ? IsName(value)
+                       : field == KEYPAIR_CERTS ? IsArray(value)
+                       : isHex                  ? IsString(value)
+                                                : IsNumber(value);
+    if (!typed)
+      tell({.fault = Fault::KEYPAIR_FIELD, .keypair = keypair, .field = field});
+    else if (isHex && !Decodes(value, true))
+      tell({.fault = Fault::KEYPAIR_HEX, .keypair = keypair, .field = field});
+    else if (field == KEYPAIR_CERTS)
+      InspectCerts(value, keypair, tell);
+  }
+}
+
+static bool SameNumber(const VakroJson* a, const VakroJson* b) {
+  int first = 0, second = 0;
+  return JsonNumber(a, &first) && JsonNumber(b, &second) && first == second;
+}
+
+static bool SameText(const VakroJson* a, const VakroJson* b) {
+  std::string_view first, second;
+  return JsonString(a, &first) && JsonString(b, &second) && first == second;
+}
+
+static bool SameName(VakroJson* a, VakroJson* b) {
+  return SameNumber(vakro_json_getarrayitem(a, KEYPAIR_TYPE),
+                    vakro_json_getarrayitem(b, KEYPAIR_TYPE)) &&
+         SameText(vakro_json_getarrayitem(a, KEYPAIR_LABEL),
+                  vakro_json_getarrayitem(b, KEYPAIR_LABEL));
+}
+
+static std::string_view LabelOf(VakroJson* item) {
+  std::string_view label;
+  if (IsArray(item)) JsonString(vakro_json_getarrayitem(item, KEYPAIR_LABEL), &label);
+  return label;
+}
+
+static void InspectKeypairs(VakroJson* list, const Teller& teller) {
+  const int count = vakro_json_getarraysize(list);
+  VakroJson* loaded[MAX_KEYPAIRS];
+  int loadedCount = 0;
+  for (int i = 0; i < count; i++) {
+    VakroJson* item = vakro_json_getarrayitem(list, i);
+    const Teller tell{teller.tell, teller.context, LabelOf(item)};
+    InspectKeypair(item, i, tell);
+    if (!IsKeypairItem(item)) continue;
+    if (loadedCount == MAX_KEYPAIRS) {
+      tell({.fault = Fault::TOO_MANY_KEYPAIRS, .keypair = i});
+      continue;
+    }
+    for (int k = 0; k < loadedCount; k++) {
+      if (!SameName(loaded[k], item)) continue;
+      tell({.fault = Fault::SAME_KEYPAIR, .keypair = i});
+      break;
+    }
+    loaded[loadedCount++] = item;
+  }
+}
+
+// --- Data objects --------------------------------------------------------------------------------
+
+static void InspectDatas(VakroJson* list, const Teller& tell) {
+  if (!IsArray(list)) {
+    tell({.fault = Fault::DATAS});
+    return;
+  }
+  const int count = vakro_json_getarraysize(list);
+  for (int i = 0; i < count; i++) {
+    VakroJson* item = vakro_json_getarrayitem(list, i);
+    const OwnedData data(Json2Data(item));
+    if (!data) {
+      tell({.fault = Fault::DATA, .at = i});
+      continue;
+    }
+    for (int k = 0; k < i; k++) {
+      const VakroJson* earlier = vakro_json_getarrayitem(vakro_json_getarrayitem(list, k), DATA_ID);
+      if (!SameNumber(earlier, vakro_json_getarrayitem(item, DATA_ID))) continue;
+      tell({.fault = Fault::SAME_DATA, .at = i});
+      break;
+    }
+  }
+}
+
+// --- The whole -----------------------------------------------------------------------------------
+
+static int InspectText(std::string_view text, const Teller& tell) {
+  errno = 0;
+  const Json root(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
+  if (!root) {
+    if (errno != EINVAL) return -1;
+    tell({.fault = Fault::TEXT});
+    return 0;
+  }
+  if (!IsArray(root.get()) || vakro_json_getarraysize(root.get()) < DEVICE_ITEMS) {
+    tell({.fault = Fault::ROOT});
+    return 0;
+  }
+  int loads = 1;
+  for (int field = 0; field < DEVICE_ITEMS; field++) {
+    const VakroJson* value = vakro_json_getarrayitem(root.get(), field);
+    if (field == DEVICE_KEYPAIRS ? IsArray(value) : IsName(value)) continue;
+    tell({.fault = Fault::ROOT_FIELD, .field = field});
+    loads = 0;
+  }
+  VakroJson* keypairs = vakro_json_getarrayitem(root.get(), DEVICE_KEYPAIRS);
+  if (IsArray(keypairs)) InspectKeypairs(keypairs, tell);
+  VakroJson* datas = vakro_json_getarrayitem(root.get(), DEVICE_DATAS);
+  if (datas != nullptr) InspectDatas(datas, tell);
+  return loads;
+}
+
+int InspectImage(const unsigned char* image, unsigned int size,
+                 void (*tell)(void* context, const StoredFault& fault), void* context) {
+  const Teller teller{tell, context, {}};
+  constexpr unsigned int LEAST = HEADER_SIZE + DIGEST_SIZE;
+  if (size < LEAST) {
+    teller({.fault = Fault::SHORT, .found = size, .wanted = LEAST});
+    return 0;
+  }
+  const unsigned int length = be2int(image + LENGTH_OFFSET);
+  if (length != size - LEAST) {
+    teller({.fault = Fault::LENGTH_WORD, .found = length, .wanted = size - LEAST});
+    return 0;
+  }
+  const std::string_view text = ImageText(image);
+  unsigned char* digest = nullptr;
+  unsigned int digestLen = 0;
+  if (CalculateHash(FILE_HASH_ID, image + HEADER_SIZE, length, &digest, &digestLen) != 1) return -1;
+  const LibBytes owned(digest);
+  const bool same =
+      digestLen == DIGEST_SIZE && memcmp(digest, image + HEADER_SIZE + length, DIGEST_SIZE) == 0;
+  if (!same) teller({.fault = Fault::DIGEST});
+  const int loads = InspectText(text, teller);
+  return loads == 1 && !same ? 0 : loads;
+}
