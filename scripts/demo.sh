@@ -40,11 +40,11 @@ document=README.md
 keys=keys
 export DEMO_PIN=correct-horse
 
-step "A device is made: one file in a key folder"
-run softdevice create --folder "$keys" --label demo --serial DEMO-1
+step "A device is made: one file in a key folder, with a PIN"
+run softdevice create --folder "$keys" --label demo --serial DEMO-1 --pin-env DEMO_PIN
 [ "$(stat -c '%a' "$keys/DEMO-1")" = 600 ] || fail "the device file is open to others"
 
-step "It is given three keypairs; the PIN of the first becomes its PIN"
+step "It is given three keypairs"
 for algorithm in rsa-2048 p-256 sm2; do
   run softdevice keygen "$algorithm" --folder "$keys" --pin-env DEMO_PIN
 done
@@ -83,10 +83,11 @@ mkdir -m 700 "$copy"
 cp -p "$keys/DEMO-1" "$copy/DEMO-1"
 printf 'X' | dd of="$copy/DEMO-1" bs=1 seek=100 conv=notrunc status=none
 say "One byte of the copy has been changed."
-run softdevice list --folder "$copy"
+refused softdevice list --folder "$copy"
+refused softdevice check --folder "$copy"
 cmp -s "$keys/DEMO-1" "$copy/DEMO-1" && fail "the damage is gone by itself"
 cp -p "$keys/DEMO-1" "$copy/DEMO-1.bak"
-say "Now a backup lies beside it, as after an interrupted change."
+say "Now a backup lies beside it, as after an interrupted change; it is put back, and that is said."
 run softdevice list --folder "$copy"
 cmp -s "$keys/DEMO-1" "$copy/DEMO-1" || fail "the backup did not bring the device back"
 [ ! -e "$copy/DEMO-1.bak" ] || fail "the backup was left behind"

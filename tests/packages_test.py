@@ -95,7 +95,7 @@ def main(build):
                 file.write(content)
         tool = f"{usr}/bin/softdevice"
         os.chdir(scratch)
-        run(tool, "create", "--folder", "keys", "--label", "office")
+        run(tool, "create", "--folder", "keys", "--label", "office", "--pin-file", "pin")
         for keypair in ("p-256", "sm2"):
             where = ["--folder", "keys", "--keypair", keypair]
             run(tool, "keygen", keypair, "--folder", "keys", "--pin-file", "pin")

@@ -26,6 +26,8 @@ def read_sessions():
             steps[-1]["says"].append(text)
         elif mark in ("<", "<+"):
             steps[-1]["answers"].append((text, mark == "<+"))
+        elif mark == "<^":
+            steps[-1]["answers"].append((chr(ord(text) - 64), False))
     return sessions
 
 
@@ -46,11 +48,11 @@ def take(line, status, says, answers):
     said, left = "", list(answers)
     try:
         while True:
-            said += os.read(terminal, 1024).decode()
+            said += os.read(terminal, 1024).decode(errors="replace")
             if said.endswith(": ") and left:
                 text, echo = left.pop(0)
                 await_echo(terminal, echo)  # the prompt comes first
-                os.write(terminal, text.encode() + b"\n")
+                os.write(terminal, text.encode() + (b"\n" if text >= " " else b""))
     except OSError:  # the program has ended
         os.close(terminal)
     ended = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])

@@ -1,113 +1,182 @@
 // cert add, list, export, delete.
-#include "tools/certificates.h"
-#include "tools/session.h"
+#include "device/change.h"
+#include "tools/choice.h"
+#include "tools/describe.h"
+#include "tools/keys.h"
+#include "tools/options.h"
+#include "tools/output.h"
+#include "tools/terminal.h"
 
-#include <openssl/pem.h>
 #include <CLI/CLI.hpp>
 
-#include <stdio.h>
+#include <algorithm>
 
 struct CertOptions {
   std::string file;
-  std::string output = "-";
-  int number = 0;  // from 1; 0 where the user leaves it out
+  std::string which;  // number or fingerprint; empty where the user leaves it out
+  OutputOptions output;
   bool der = false;
+  bool yes = false;
   SecretSource pin;
 };
 
-static Bytes CertificateAt(Keypair* keypair, int index) {
-  int length = 0;
-  if (DeviceGetCertificate(keypair, index, nullptr, 0, &length) != VAKRO_OK) return {};
-  Bytes der(static_cast<size_t>(length));
-  if (DeviceGetCertificate(keypair, index, der.data(), length, &length) != VAKRO_OK) return {};
-  return der;
-}
-
-static bool Holds(Keypair* keypair, const Bytes& der) {
+static int FindDer(Keypair* keypair, const Bytes& der) {
   for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
-    if (CertificateAt(keypair, i) == der) return true;
+    if (CertificateAt(keypair, i) == der) return i;
   }
-  return false;
+  return -1;
 }
 
-static int IndexOf(Keypair* keypair, int number) {
+static bool Fits(Keypair* keypair, int index, const std::string& which) {
+  return which.empty() || which == std::to_string(index + 1) ||
+         which == "#" + std::to_string(index + 1) ||
+         IsFingerprint(which, FingerprintOf(CertificateAt(keypair, index)));
+}
+
+static int FindCertificate(Keypair* keypair, const std::string& which) {
   const int count = DeviceGetCertificateCount(keypair);
-  if (count == 0) throw Failure("Keypair " + LabelOf(keypair) + " has no certificates.");
-  if (number == 0 && count == 1) return 0;
-  if (number >= 1 && number <= count) return number - 1;
-  throw Failure(
-      "Keypair " + LabelOf(keypair) + " has " + std::to_string(count) + " certificates.",
-      "Give a number from 1 to " + std::to_string(count) + "; 'softdevice cert list' shows them.");
+  if (count == 0) {
+    throw Failure(EXIT_NOT_FOUND, "Keypair " + NameOf(keypair) + " has no certificates.");
+  }
+  std::vector<int> fitting;
+  for (int i = 0; i < count; i++) {
+    if (Fits(keypair, i, which)) fitting.push_back(i);
+  }
+  if (fitting.size() == 1) return fitting.front();
+  throw Failure(fitting.empty() ? EXIT_NOT_FOUND : EXIT_USAGE,
+                "Keypair " + NameOf(keypair) + " has " +
+                    Count(static_cast<size_t>(count), "certificate") +
+                    (which.empty() ? "." : ", and not one " + which + "."),
+                "Give a number from 1 to " + std::to_string(count) +
+                    " or a fingerprint; 'softdevice cert list' shows them.");
+}
+
+static std::string NameOf(const Bytes& der) {
+  const Certificate cert = CertificateFrom(der);
+  return cert ? NameText(X509_get_subject_name(cert.get())) : "(no X.509 certificate)";
+}
+
+// --- add -----------------------------------------------------------------------------------------
+
+// Wanted are the certificates of a file, as DER, without those that the keypair has.
+static std::vector<Bytes> Wanted(Keypair* keypair, const KeyFile& file) {
+  std::vector<Bytes> wanted;
+  for (const Certificate& cert : file.certs) {
+    const Bytes der = ToDer(cert.get());
+    const bool twice = std::find(wanted.begin(), wanted.end(), der) != wanted.end();
+    if (FindDer(keypair, der) < 0 && !twice) wanted.push_back(der);
+  }
+  return wanted;
+}
+
+static void RequireRoom(Keypair* keypair, size_t wanted) {
+  const auto count = static_cast<size_t>(DeviceGetCertificateCount(keypair));
+  if (count + wanted <= MAX_CERTS) return;
+  throw Failure("Keypair " + NameOf(keypair) + " has " + Count(count, "certificate") + " and " +
+                    std::to_string(wanted) + " would be added; 10 are the most.",
+                "'softdevice cert delete' makes room.");
+}
+
+static void RemarkForeign(const PublicPart& key, const Bytes& der) {
+  const Certificate cert = CertificateFrom(der);
+  if (EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.key.get()) == 1) return;
+  Remark("The certificate of " + NameOf(der) + " is of another key: of the issuer?");
 }
 
 static void Add(const Target& target, const CertOptions& options) {
+  ProtectInput(options.file);
   const KeyFile file = ReadKeyFile(options.file, {});
   if (file.certs.empty()) {
-    throw Failure(options.file + " holds no certificate.", "PEM and DER are read.");
+    throw Failure(options.file + " holds no certificate.", "PEM, DER and PKCS#7 (.p7b) are read.");
   }
-  const KeypairSession session(target);
+  KeypairSession session(target);
+  const PublicPart key = PublicPartOf(session.keypair.get());
+  RequireRoom(session.keypair.get(), Wanted(session.keypair.get(), file).size());
+  Unlock(session, options.pin);
   Keypair* keypair = session.keypair.get();
-  const PublicPart key = PublicPartOf(keypair);
-  Unlock(session.device(), options.pin);
-  for (const Certificate& cert : file.certs) {
-    const Bytes der = ToDer(cert.get());
-    const std::string name = NameText(X509_get_subject_name(cert.get()));
-    if (Holds(keypair, der)) {
-      printf("Already there: %s\n", name.c_str());
-      continue;
-    }
-    RequireChange(DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
-                  "add certificate " + name);
-    const bool own = EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.key.get()) == 1;
-    printf("Added %s%s\n", name.c_str(),
-           own ? "" : " (of another key: a certificate of the issuer?)");
+  const std::vector<Bytes> wanted = Wanted(keypair, file);
+  RequireRoom(keypair, wanted.size());
+  std::vector<std::string> names;
+  for (const Bytes& der : wanted) {
+    RequireChange(session.device.get(),
+                  DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
+                  "add certificate " + NameOf(der));
+    RemarkForeign(key, der);
+    names.push_back("Added " + NameOf(der));
   }
+  const size_t known = file.certs.size() - wanted.size();
+  if (known > 0) names.push_back("Already there: " + Count(known, "certificate"));
+  Confirm(Join(names, "; ") + ".",
+          Fields{{"added", wanted.size()}, {"certificates", CertificatesOf(keypair)}});
 }
 
-static void ListOne(Keypair* keypair, int index) {
+// --- list, export, delete ------------------------------------------------------------------------
+
+static std::string TextOf(Keypair* keypair, int index) {
   const Bytes der = CertificateAt(keypair, index);
   const Certificate cert = CertificateFrom(der);
-  if (!cert) {
-    printf("%3d  no X.509 certificate, %zu bytes\n", index + 1, der.size());
-    return;
-  }
-  printf("%3d  subject  %s\n", index + 1, NameText(X509_get_subject_name(cert.get())).c_str());
-  printf("     issuer   %s\n", NameText(X509_get_issuer_name(cert.get())).c_str());
-  const ASN1_TIME* end = X509_get0_notAfter(cert.get());
-  printf("     expires  %s%s\n", TimeText(end).c_str(),
-         X509_cmp_current_time(end) < 0 ? " (expired)" : "");
+  const std::string number = "#" + std::to_string(index + 1) + "  ";
+  const std::string fingerprint = "\n    fingerprint  " + FingerprintOf(der);
+  if (!cert) return number + "no X.509 certificate, " + Count(der.size(), "byte") + fingerprint;
+  const EvpKey key = PublicKeyOf(keypair);
+  const bool own = key && EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key.get()) == 1;
+  return number + Bold(Printable(NameText(X509_get_subject_name(cert.get())))) +
+         (own ? "" : " (of another key)") + "\n    issuer       " +
+         Printable(NameText(X509_get_issuer_name(cert.get()))) + "\n    serial       " +
+         SerialText(cert.get()) + "\n    expires      " + ExpiryText(cert.get()) + fingerprint;
 }
 
 static void List(const Target& target) {
-  const KeypairSession session(target);
-  const int count = DeviceGetCertificateCount(session.keypair.get());
-  if (count == 0) printf("No certificates.\n");
-  for (int i = 0; i < count; i++) ListOne(session.keypair.get(), i);
+  const KeypairSession session(target, true);
+  Keypair* keypair = session.keypair.get();
+  std::vector<std::string> texts;
+  for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
+    texts.push_back(TextOf(keypair, i));
+  }
+  Show(texts.empty() ? "No certificates." : Join(texts, "\n"),
+       Fields{{"certificates", CertificatesOf(keypair)}});
 }
 
 static void Export(const Target& target, const CertOptions& options) {
+  const OutputFile output(options.output, options.der ? Output::BINARY : Output::TEXT, target, {});
   const KeypairSession session(target);
-  const Bytes der =
-      CertificateAt(session.keypair.get(), IndexOf(session.keypair.get(), options.number));
-  if (options.der) return WriteOutput(options.output, der, Output::BINARY);
-  WritePem(options.output, der);
+  Keypair* keypair = session.keypair.get();
+  const Bytes der = CertificateAt(keypair, FindCertificate(keypair, options.which));
+  if (options.der) return output.Write(der);
+  output.Write(CertificatePem(der));
 }
 
 static void Delete(const Target& target, const CertOptions& options) {
-  const KeypairSession session(target);
-  const int index = IndexOf(session.keypair.get(), options.number);
-  Unlock(session.device(), options.pin);
-  RequireChange(DeviceDeleteCertificate(session.keypair.get(), index),
-                "delete certificate " + std::to_string(index + 1));
-  printf("Deleted certificate %d.\n", index + 1);
+  KeypairSession session(target);
+  Keypair* keypair = session.keypair.get();
+  const Bytes der = CertificateAt(keypair, FindCertificate(keypair, options.which));
+  const SecretText pin = Unlock(session, options.pin);
+  RequireYes(options.yes,
+             "Certificate " + NameOf(der) + " (" + ShortFingerprint(FingerprintOf(der)) +
+                 ") of keypair " + NameOf(session.keypair.get()) + ", device " +
+                 NameOf(session.device.get()) + ", will be deleted.",
+             "deleted");
+  // Others may have worked while the question stood.
+  session.Reload();
+  Verify(session.device.get(), pin);
+  keypair = session.keypair.get();
+  const int index = FindDer(keypair, der);
+  if (index < 0) throw Failure(EXIT_NOT_FOUND, "The certificate is gone by now.");
+  const Fields facts = CertificateFacts(keypair, index);
+  RequireChange(session.device.get(), DeviceDeleteCertificate(keypair, index),
+                "delete certificate " + NameOf(der));
+  Confirm("Deleted certificate " + NameOf(der) + ".", facts);
 }
 
-static void AddNumber(CLI::App* command, CertOptions& options) {
-  command
-      ->add_option("number", options.number,
-                   "Number as 'cert list' shows it; may be left out when there is one")
-      ->check(CLI::Range(1, MAX_CERTS).description(""));
+static void AddWhich(CLI::App* command, CertOptions& options) {
+  command->add_option("which", options.which,
+                      "Number, as 'cert list' shows it, or fingerprint; may be left out when there "
+                      "is one");
 }
+
+static const char* const CERT_JSON =
+    "{index, fingerprint, bytes, subject, issuer, serial, not_before, not_after, days_left, "
+    "own_key}";
 
 void AddCertCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<CertOptions>();
@@ -115,26 +184,29 @@ void AddCertCommands(CLI::App& app, Target& target) {
   cert->require_subcommand(1);
 
   CLI::App* add = cert->add_subcommand("add", "Store the certificates of a file");
-  add->add_option("file", options->file, "PEM or DER; - is standard input")->required();
+  add->add_option("file", options->file, "PEM, DER or PKCS#7; - is standard input")->required();
   AddKeypairOptions(*add, target);
   AddSecretOptions(*add, options->pin, "pin", "PIN");
+  NoteJson(*add, "{added, certificates: [as 'cert list']}");
   add->callback([&target, options] { Add(target, *options); });
 
   CLI::App* list = cert->add_subcommand("list", "Show subject, issuer and expiry; needs no PIN");
   AddKeypairOptions(*list, target);
+  NoteJson(*list, std::string("{certificates: [") + CERT_JSON + "]}");
   list->callback([&target] { List(target); });
 
   CLI::App* exporting = cert->add_subcommand("export", "Write a certificate as PEM; needs no PIN");
-  AddNumber(exporting, *options);
+  AddWhich(exporting, *options);
   exporting->add_flag("--der", options->der, "Write DER instead");
-  exporting->add_option("-o,--output", options->output, "File to write [standard output]")
-      ->type_name("FILE");
+  AddOutputOptions(*exporting, options->output, "File to write");
   AddKeypairOptions(*exporting, target);
   exporting->callback([&target, options] { Export(target, *options); });
 
   CLI::App* remove = cert->add_subcommand("delete", "Delete a certificate");
-  AddNumber(remove, *options);
+  AddWhich(remove, *options);
+  AddYesOption(*remove, options->yes);
   AddKeypairOptions(*remove, target);
   AddSecretOptions(*remove, options->pin, "pin", "PIN");
+  NoteJson(*remove, CERT_JSON);
   remove->callback([&target, options] { Delete(target, *options); });
 }

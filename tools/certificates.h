@@ -6,23 +6,20 @@
 #include "tools/signing.h"
 
 using Request = std::unique_ptr<X509_REQ, Release<X509_REQ_free>>;
-using Name = std::unique_ptr<X509_NAME, Release<X509_NAME_free>>;
 
 Bytes ToDer(X509* cert);
-void WritePem(const std::string& path, const Bytes& der);  // of a certificate
-Certificate CertificateFrom(ByteSpan der);                 // NULL when the bytes are no certificate
+std::string CertificatePem(const Bytes& der);
+Certificate CertificateFrom(ByteSpan der);  // NULL when the bytes are no certificate
 
-std::string NameText(const X509_NAME* name);  // printable
+std::string NameText(const X509_NAME* name);
 std::string TimeText(const ASN1_TIME* time);
+std::string SerialText(X509* cert);  // hex
 
-// ParseName reads "/C=CN/O=Example/CN=Alice"; a backslash takes the next character as it is.
-Name ParseName(const std::string& text);
-
-// What a keypair signs with: PIN verified, public part, and user id (SM2).
+// What a keypair signs with: PIN verified, public part, and scheme.
 struct Signer {
   Keypair* keypair;
   const PublicPart& key;
-  const std::string& id;
+  const Scheme& scheme;
 };
 
 // These set the algorithm identifiers, sign the to-be-signed part and put the signature in place.

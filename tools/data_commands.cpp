@@ -1,121 +1,195 @@
 // data: the numbered byte strings of a device. They need no PIN.
 #include "store/store.h"
-#include "tools/data_list.h"
+#include "tools/data_objects.h"
 #include "tools/files.h"
-#include "tools/session.h"
+#include "tools/options.h"
+#include "tools/output.h"
+#include "tools/terminal.h"
 
 #include <CLI/CLI.hpp>
 
 #include <limits.h>
-#include <stdio.h>
+#include <algorithm>
 
 struct DataOptions {
   int id = 0;
   int size = 0;
   int offset = 0;
   int length = -1;
+  bool yes = false;
   std::string file = "-";
+  OutputOptions output;
 };
 
-struct DataList {
+// The text of the device file holds two digits for a byte.
+static constexpr int OBJECT_MAX = static_cast<int>(MAX_FILE_SIZE / 2 - 65536);
+
+struct DataRecords {
   Data** items = nullptr;
   unsigned int count = 0;
-  DataList() = default;
-  DataList(const DataList&) = delete;
-  DataList& operator=(const DataList&) = delete;
-  ~DataList() { FreeDatas(items, static_cast<int>(count)); }
+  DataRecords() = default;
+  DataRecords(const DataRecords&) = delete;
+  DataRecords& operator=(const DataRecords&) = delete;
+  ~DataRecords() { FreeDatas(items, static_cast<int>(count)); }
 };
 
-static void RequireObject(int result, int id) {
-  if (result == VAKRO_OK) return;
-  if (result == VAKRO_NO_SUCH_DATA) {
-    throw Failure("There is no data object " + std::to_string(id) + ".",
-                  "'softdevice data list' shows what there is.");
+std::vector<DataObject> DataObjects(Device* device) {
+  const ModuleLock lock;
+  DataRecords list;
+  if (!lock.held || GetAllDatasFromFile(device, &list.items, &list.count) != 1) {
+    throw Failure("The data objects of device " + NameOf(device) + " can't be read.",
+                  "'softdevice check' says what is wrong with them.");
   }
-  throw Failure("The data objects can't be read, or the disk is full; the file is as it was.");
+  std::vector<DataObject> objects;
+  for (unsigned int i = 0; i < list.count; i++) {
+    objects.push_back({list.items[i]->id, list.items[i]->length});
+  }
+  std::sort(objects.begin(), objects.end(),
+            [](const DataObject& a, const DataObject& b) { return a.id < b.id; });
+  return objects;
+}
+
+static std::string Named(int id) { return "data object " + std::to_string(id); }
+
+// FindObject fails when there is no such object.
+static DataObject FindObject(Device* device, int id) {
+  for (const DataObject& object : DataObjects(device)) {
+    if (object.id == id) return object;
+  }
+  throw Failure(EXIT_NOT_FOUND, "There is no " + Named(id) + ".",
+                "'softdevice data list' shows what there is.");
+}
+
+static bool HasObject(Device* device, int id) {
+  const std::vector<DataObject> objects = DataObjects(device);
+  return std::any_of(objects.begin(), objects.end(),
+                     [id](const DataObject& object) { return object.id == id; });
+}
+
+static Fields FactsOf(int id, size_t bytes) { return {{"id", id}, {"bytes", bytes}}; }
+
+static void CreateObject(Device* device, int id, int size) {
+  if (HasObject(device, id)) {
+    throw Failure(EXIT_EXISTS, "There is a " + Named(id) + " already.", "Choose another number.");
+  }
+  if (size > OBJECT_MAX) {
+    throw Failure("A data object has at most " + std::to_string(OBJECT_MAX) + " bytes.");
+  }
+  RequireChange(device, DeviceCreateData(device, id, 0, size), "create " + Named(id));
 }
 
 static void Create(const Target& target, const DataOptions& options) {
   const Session session(target);
-  RequireChange(DeviceCreateData(session.device.get(), options.id, 0, options.size),
-                "create data object " + std::to_string(options.id));
-  printf("Created data object %d of %d zero bytes.\n", options.id, options.size);
+  CreateObject(session.device.get(), options.id, options.size);
+  Confirm("Created " + Named(options.id) + " of " + std::to_string(options.size) + " zero bytes.",
+          FactsOf(options.id, static_cast<size_t>(options.size)));
 }
 
 static void List(const Target& target) {
-  const Session session(target);
-  const ModuleLock lock;
-  DataList list;
-  if (!lock.held || GetAllDatasFromFile(session.device.get(), &list.items, &list.count) != 1) {
-    throw Failure("The data objects of device " + LabelOf(session.device.get()) +
-                  " can't be read: the list is damaged.");
+  const Session session(target, true);
+  Table table;
+  Facts facts;
+  for (const DataObject& object : DataObjects(session.device.get())) {
+    const auto bytes = static_cast<size_t>(object.length);
+    table.rows.push_back({std::to_string(object.id), Count(bytes, "byte")});
+    facts.emplace_back(FactsOf(object.id, bytes));
   }
-  if (list.count == 0) printf("No data objects.\n");
-  for (unsigned int i = 0; i < list.count; i++) {
-    printf("%10d  %d bytes\n", list.items[i]->id, list.items[i]->length);
-  }
+  Show(table.rows.empty() ? "No data objects." : table.Text(""), Fields{{"objects", facts}});
 }
 
-static void Read(const Target& target, const DataOptions& options) {
+static void Get(const Target& target, const DataOptions& options) {
+  const OutputFile output(options.output, Output::SECRET, target, {});
   const Session session(target);
-  Device* device = session.device.get();
-  unsigned int available = 0;
-  RequireObject(DeviceReadDataEx(device, options.id, 0, nullptr, 0, &available), options.id);
-  if (options.offset > static_cast<int>(available)) {
-    throw Failure("Data object " + std::to_string(options.id) + " has only " +
-                  std::to_string(available) + " bytes.");
+  const DataObject object = FindObject(session.device.get(), options.id);
+  if (options.offset > object.length) {
+    throw Failure(Named(options.id) + " has only " + std::to_string(object.length) + " bytes.");
   }
-  unsigned int length = available - static_cast<unsigned int>(options.offset);
-  if (options.length >= 0) length = std::min(length, static_cast<unsigned int>(options.length));
-  Bytes bytes(length);
-  if (length > 0) {
-    RequireObject(DeviceReadDataEx(device, options.id, options.offset, bytes.data(),
-                                   static_cast<int>(length), &length),
-                  options.id);
+  const int rest = object.length - options.offset;
+  const int length = options.length < 0 ? rest : std::min(rest, options.length);
+  Secret bytes(static_cast<size_t>(length));
+  unsigned int got = 0;
+  if (length > 0 && DeviceReadDataEx(session.device.get(), options.id, options.offset, bytes.data(),
+                                     length, &got) != VAKRO_OK) {
+    throw Failure(Named(options.id) + " can't be read any more.");
   }
-  WriteOutput(options.file, bytes, Output::SECRET);
+  output.Write(bytes);
+}
+
+static void WriteBytes(Device* device, int id, int offset, const Bytes& bytes) {
+  RequireChange(device,
+                DeviceWriteDataEx(device, id, offset, bytes.data(), static_cast<int>(bytes.size())),
+                "write " + Named(id));
+}
+
+static Bytes ReadContent(const std::string& file) {
+  Bytes bytes = ReadInput(file);
+  if (bytes.empty()) throw Failure("There is nothing to write: " + file + " is empty.");
+  return bytes;
 }
 
 static void Write(const Target& target, const DataOptions& options) {
-  const Bytes bytes = ReadInput(options.file);
-  if (bytes.empty()) throw Failure("There is nothing to write: " + options.file + " is empty.");
+  const Bytes bytes = ReadContent(options.file);
   const Session session(target);
-  const int result = DeviceWriteDataEx(session.device.get(), options.id, options.offset,
-                                       bytes.data(), static_cast<int>(bytes.size()));
-  if (result == VAKRO_OUT_OF_RANGE) {
-    throw Failure(
-        "The bytes reach beyond the end of data object " + std::to_string(options.id) + ".",
-        "A data object never grows: 'softdevice data list' shows its size.");
+  const DataObject object = FindObject(session.device.get(), options.id);
+  if (options.offset > object.length ||
+      bytes.size() > static_cast<size_t>(object.length - options.offset)) {
+    throw Failure("The bytes reach beyond the end of " + Named(options.id) + ", which has " +
+                      std::to_string(object.length) + ".",
+                  "A data object never grows: 'data delete' and 'data put' make it anew.");
   }
-  RequireObject(result, options.id);
-  printf("Wrote %zu bytes to data object %d.\n", bytes.size(), options.id);
+  WriteBytes(session.device.get(), options.id, options.offset, bytes);
+  Confirm("Wrote " + Count(bytes.size(), "byte") + " to " + Named(options.id) + ".",
+          FactsOf(options.id, bytes.size()));
+}
+
+static int FreeNumber(Device* device) {
+  int id = 1;
+  while (HasObject(device, id)) id++;
+  return id;
+}
+
+static void Put(const Target& target, const DataOptions& options) {
+  const Bytes bytes = ReadContent(options.file);
+  const Session session(target);
+  Device* device = session.device.get();
+  const int id = options.id == 0 ? FreeNumber(device) : options.id;
+  CreateObject(device, id, static_cast<int>(bytes.size()));
+  WriteBytes(device, id, 0, bytes);
+  Confirm("Put " + Count(bytes.size(), "byte") + " into " + Named(id) + ".",
+          FactsOf(id, bytes.size()));
 }
 
 static void Delete(const Target& target, const DataOptions& options) {
   const Session session(target);
-  RequireObject(DeviceDeleteData(session.device.get(), options.id), options.id);
-  printf("Deleted data object %d.\n", options.id);
+  Device* device = session.device.get();
+  const DataObject object = FindObject(device, options.id);
+  RequireYes(options.yes,
+             Named(options.id) + " of device " + NameOf(device) + ", " +
+                 Count(static_cast<size_t>(object.length), "byte") + ", will be gone for good.",
+             "deleted");
+  RequireChange(device, DeviceDeleteData(device, options.id), "delete " + Named(options.id));
+  Confirm("Deleted " + Named(options.id) + ".",
+          FactsOf(options.id, static_cast<size_t>(object.length)));
 }
 
-static void Tidy(const Target& target) {
-  const Session session(target);
-  ForgetEmptyList(session.device.get());
-  printf("The empty list of data objects is gone; keypairs can be deleted again.\n");
-}
+// --- Options -------------------------------------------------------------------------------------
 
 using DataCommand = void (*)(const Target&, const DataOptions&);
-
 using SharedOptions = std::shared_ptr<DataOptions>;
 
-static CLI::App* AddObjectCommand(CLI::App& data, Target& target, const SharedOptions& options,
-                                  const char* name, const char* what, DataCommand run) {
+static CLI::App* AddDataCommand(CLI::App& data, Target& target, const SharedOptions& options,
+                                const char* name, const char* what, DataCommand run) {
   CLI::App* command = data.add_subcommand(name, what);
   AddDeviceOptions(*command, target);
+  command->callback([&target, options, run] { run(target, *options); });
+  if (run != Get) NoteJson(*command, "{id, bytes}");
+  return command;
+}
+
+static void AddId(CLI::App* command, const SharedOptions& options) {
   command->add_option("id", options->id, "Number of the object")
       ->required()
       ->check(CLI::Range(1, INT_MAX).description(""));
-  command->callback([&target, options, run] { run(target, *options); });
-  return command;
 }
 
 static void AddOffset(CLI::App* command, const SharedOptions& options) {
@@ -124,39 +198,57 @@ static void AddOffset(CLI::App* command, const SharedOptions& options) {
       ->check(CLI::Range(0, INT_MAX).description(""));
 }
 
+static void AddFile(CLI::App* command, const SharedOptions& options) {
+  command->add_option("file", options->file, "File with the bytes; - is standard input")
+      ->required();
+}
+
+// `read` is the older name of `get`.
+static void AddGet(CLI::App& data, Target& target, const SharedOptions& options, const char* name) {
+  CLI::App* get = AddDataCommand(data, target, options, name, "Write out an object's bytes", Get);
+  AddId(get, options);
+  AddOffset(get, options);
+  get->add_option("--length", options->length, "Bytes to read [to the end]")
+      ->type_name("N")
+      ->check(CLI::Range(0, INT_MAX).description(""));
+  AddOutputOptions(*get, options->output, "File to write");
+}
+
 void AddDataCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<DataOptions>();
   CLI::App* data =
       app.add_subcommand("data", "Numbered byte strings on a device; they need no PIN");
   data->require_subcommand(1);
 
-  AddObjectCommand(*data, target, options, "create", "Make an object of zero bytes", Create)
-      ->add_option("size", options->size, "Bytes; the size never changes")
-      ->required()
+  CLI::App* put = AddDataCommand(*data, target, options, "put", "Make an object of a file", Put);
+  AddFile(put, options);
+  put->add_option("--id", options->id, "Number of the object [the first that is free]")
+      ->type_name("N")
       ->check(CLI::Range(1, INT_MAX).description(""));
+
+  AddGet(*data, target, options, "get");
+  AddGet(*data, target, options, "read");
 
   CLI::App* list = data->add_subcommand("list", "Show the objects and their sizes");
   AddDeviceOptions(*list, target);
+  NoteJson(*list, "{objects: [{id, bytes}]}");
   list->callback([&target] { List(target); });
 
-  CLI::App* read =
-      AddObjectCommand(*data, target, options, "read", "Write out an object's bytes", Read);
-  AddOffset(read, options);
-  read->add_option("--length", options->length, "Bytes to read [to the end]")
-      ->type_name("N")
-      ->check(CLI::Range(0, INT_MAX).description(""));
-  read->add_option("-o,--output", options->file, "File to write [standard output]")
-      ->type_name("FILE");
+  CLI::App* create =
+      AddDataCommand(*data, target, options, "create", "Make an object of zero bytes", Create);
+  AddId(create, options);
+  create->add_option("size", options->size, "Bytes; the size never changes")
+      ->required()
+      ->check(CLI::Range(1, INT_MAX).description(""));
 
   CLI::App* write =
-      AddObjectCommand(*data, target, options, "write", "Overwrite bytes of an object", Write);
+      AddDataCommand(*data, target, options, "write", "Overwrite bytes of an object", Write);
+  AddId(write, options);
   AddOffset(write, options);
-  write->add_option("file", options->file, "File with the bytes; - is standard input")->required();
+  AddFile(write, options);
 
-  AddObjectCommand(*data, target, options, "delete", "Remove an object", Delete);
-
-  CLI::App* tidy = data->add_subcommand(
-      "tidy", "Drop the list of data objects once it is empty, so that keypairs can be deleted");
-  AddDeviceOptions(*tidy, target);
-  tidy->callback([&target] { Tidy(target); });
+  CLI::App* remove =
+      AddDataCommand(*data, target, options, "delete", "Remove an object for good", Delete);
+  AddId(remove, options);
+  AddYesOption(*remove, options->yes);
 }

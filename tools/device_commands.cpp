@@ -1,213 +1,210 @@
-// create, list, pin change: the commands about whole devices.
-#include "store/change.h"
-#include "store/store.h"
-#include "tools/data_list.h"
+// list, show, rename-device: the commands about whole devices.
+#include "device/anchor.h"
+#include "device/change.h"
+#include "tools/data_objects.h"
+#include "tools/describe.h"
+#include "tools/inspection.h"
 #include "tools/keys.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
-#include <openssl/rand.h>
 #include <CLI/CLI.hpp>
 
-#include <errno.h>
-#include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <algorithm>
 
-struct CreateOptions {
-  std::string label;
-  std::string serialNumber;
+// --- list ----------------------------------------------------------------------------------------
+
+static std::vector<Device*> Sorted(DeviceSet* set) {
+  std::vector<Device*> devices(set->devices, set->devices + set->count);
+  const auto key = [](Device* d) {
+    return std::make_tuple(std::string(d->label), std::string(d->serialNumber), FileNameOf(d));
+  };
+  std::sort(devices.begin(), devices.end(), [&](Device* a, Device* b) { return key(a) < key(b); });
+  return devices;
+}
+
+static std::vector<KeypairHandle> KeypairsOf(Device* device) {
+  std::vector<KeypairHandle> keypairs;
+  for (int i = 0; i < DeviceGetKeypairCount(device); i++) {
+    KeypairHandle keypair(DeviceGetKeypair(device, i));
+    if (!keypair) throw std::bad_alloc();
+    if (IsAnchor(keypair.get()) == 0) keypairs.push_back(std::move(keypair));
+  }
+  return keypairs;
+}
+
+static std::string NoKeypairs(Device* device) {
+  return device->keypairCount > 0 ? "    no keypairs yet" : "    no keypairs yet, and no PIN";
+}
+
+static std::string Heading(Device* device) {
+  return Bold(Printable(device->label)) + "  serial number " + Printable(device->serialNumber) +
+         ", file " + Printable(device->filePath);
+}
+
+static std::vector<std::string> Row(Keypair* keypair) {
+  const int certs = DeviceGetCertificateCount(keypair);
+  return {"#" + std::to_string(IndexOf(keypair)),
+          keypair->label,
+          "type " + std::to_string(keypair->type),
+          KindName(keypair),
+          ShortFingerprint(FingerprintOf(keypair)),
+          certs > 0 ? Count(static_cast<size_t>(certs), "certificate") : ""};
+}
+
+static std::string TextOf(const Finding& finding) {
+  return finding.where + " is passed over: " + finding.what;
+}
+
+static Facts FactsOf(const Findings& findings) {
+  Facts facts;
+  for (const Finding& finding : findings) {
+    facts.emplace_back(Fields{{"where", finding.where}, {"reason", finding.what}});
+  }
+  return facts;
+}
+
+// What one device has, for people and for programs.
+struct Listing {
+  std::string text;
+  Fields facts;
+  bool isWhole = true;
 };
 
-static constexpr size_t SERIAL_BYTES = 8;  // of a random serial number
-
-// MakeFolder makes the folder, and those above it, where they are missing.
-static void MakeFolder(const std::string& path) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string folder = path.substr(0, slash);
-    if (mkdir(folder.c_str(), 0700) == 0) {
-      SyncFolder(folder.c_str());
-    } else if (errno != EEXIST) {
-      throw Failure("Can't make the folder " + folder + ": " + SystemError() + ".",
-                    "--folder DIR works in a folder of your own.");
-    }
+static Listing ListDevice(Device* device) {
+  RefuseOpen(device->filePath, true);
+  Listing listing{Heading(device), FactsOf(device), true};
+  const std::vector<KeypairHandle> keypairs = KeypairsOf(device);
+  Table table;
+  Facts facts;
+  for (const KeypairHandle& keypair : keypairs) {
+    table.rows.push_back(Row(keypair.get()));
+    Fields fields = FactsOf(keypair.get());
+    fields.emplace_back("certificates", DeviceGetCertificateCount(keypair.get()));
+    facts.emplace_back(fields);
   }
-}
-
-static std::string RandomSerialNumber() {
-  unsigned char bytes[SERIAL_BYTES];
-  char text[2 * SERIAL_BYTES + 1];
-  if (RAND_bytes(bytes, sizeof bytes) != 1) throw Failure("There are no random numbers.");
-  for (size_t i = 0; i < sizeof bytes; i++) snprintf(text + 2 * i, 3, "%02X", bytes[i]);
-  return text;
-}
-
-// FileName is the serial number with everything replaced that may mean something to a file system,
-// or, like a dot, to the module.
-static std::string FileName(std::string serialNumber) {
-  for (char& c : serialNumber) {
-    const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    if (!plain && c != '-') c = '_';
+  listing.text += "\n" + (keypairs.empty() ? NoKeypairs(device) : table.Text("    "));
+  const size_t objects = DataObjects(device).size();
+  if (objects > 0) listing.text += "\n    " + Count(objects, "data object");
+  const Findings passed = PassedOverKeypairs(device->filePath);
+  for (const Finding& finding : passed) {
+    listing.text += "\n    " + Alarming(Printable(TextOf(finding)));
   }
-  return serialNumber;
-}
-
-static OwnedDevice EmptyDevice(const CreateOptions& options, const std::string& name) {
-  OwnedDevice device(NewDevice());
-  unsigned char tag[4];
-  if (!device || RAND_bytes(tag, sizeof tag) != 1) throw Failure("No memory or random numbers.");
-  device->fileTag = be2int(tag);
-  device->filePath = GetFilePath(g_keyFolder, name.c_str());
-  if (device->filePath == nullptr) throw std::bad_alloc();
-  options.serialNumber.copy(device->serialNumber, NAME_SIZE - 1);
-  options.label.copy(device->label, NAME_SIZE - 1);
-  return device;
-}
-
-static UtilText TextOfEmptyDevice(const Device& device, unsigned int& length) {
-  const Json root(vakro_json_newarray()), keypairs(vakro_json_newarray());
-  const Json serial(vakro_json_newstring(device.serialNumber,
-                                         static_cast<unsigned int>(strlen(device.serialNumber))));
-  const Json label(
-      vakro_json_newstring(device.label, static_cast<unsigned int>(strlen(device.label))));
-  char* text = nullptr;
-  for (const Json* item : {&serial, &label, &keypairs}) {
-    if (vakro_json_addarrayitem(root.get(), item->get()) != 1) throw std::bad_alloc();
-  }
-  if (vakro_json_encode(root.get(), VAKRO_JSON_COMPACT, &text, &length) != 1) {
-    throw std::bad_alloc();
-  }
-  return UtilText(text);
-}
-
-// WriteNewDevice creates the file under its final name: any other name in the folder would be taken
-// for a device too. A crash before the end leaves a file that no scan accepts.
-static void WriteNewDevice(Device* device) {
-  unsigned int length = 0;
-  const UtilText text = TextOfEmptyDevice(*device, length);
-  const int fd = open(device->filePath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0 && errno == EEXIST) {
-    throw Failure(std::string(device->filePath) + " exists already.",
-                  "Choose another serial number. If the file is the rest of a 'create' that was "
-                  "interrupted, remove it.");
-  }
-  if (fd < 0) {
-    throw Failure("Can't create " + std::string(device->filePath) + ": " + SystemError() + ".");
-  }
-  close(fd);
-  if (WriteDeviceDataToFile(device, reinterpret_cast<unsigned char*>(text.get()), length) != 1 ||
-      !SyncFolder(device->filePath)) {
-    const std::string cause = SystemError();
-    unlink(device->filePath);
-    throw Failure("Can't write " + std::string(device->filePath) + ": " + cause + ".");
-  }
-}
-
-static void Create(const Target& target, CreateOptions options) {
-  if (options.serialNumber.empty()) options.serialNumber = RandomSerialNumber();
-  const std::string folder = FolderOf(target);
-  const std::string name = FileName(options.serialNumber);
-  MakeFolder(folder);
-  const Folder open(target);  // also puts devices back from backups without a device file
-  DeviceSet* devices = open.devices.get();
-  Device** const end = devices->devices + devices->count;
-  if (devices->count == MAX_DEVICES) {
-    throw Failure("The folder holds 64 devices already, the most that are loaded.",
-                  "Use another --folder.");
-  }
-  if (std::any_of(devices->devices, end,
-                  [&](Device* d) { return options.serialNumber == d->serialNumber; })) {
-    throw Failure("A device with serial number " + options.serialNumber + " exists already.");
-  }
-  const OwnedDevice device = EmptyDevice(options, name);
-  const std::string backup = std::string(device->filePath) + BACKUP_SUFFIX;
-  if (access(backup.c_str(), F_OK) == 0) {
-    throw Failure("A backup is in the way: " + backup + ".", "Choose another serial number.");
-  }
-  WriteNewDevice(device.get());
-  printf("Created device %s, serial number %s, in %s\n", options.label.c_str(),
-         options.serialNumber.c_str(), device->filePath);
-  printf("It has no PIN yet: the first 'keygen' or 'import' sets it.\n");
-}
-
-static void ListDevice(Device* device) {
-  const int count = DeviceGetKeypairCount(device);
-  printf("%s  serial number %s, file %s\n", LabelOf(device).c_str(), SerialNumberOf(device).c_str(),
-         Printable(device->filePath).c_str());
-  if (count == 0) printf("    no keypairs yet\n");
-  for (int i = 0; i < count; i++) {
-    const KeypairHandle keypair(DeviceGetKeypair(device, i));
-    if (!keypair) continue;
-    const int certs = DeviceGetCertificateCount(keypair.get());
-    printf("    %-24s type %-4u %s", LabelOf(keypair.get()).c_str(),
-           DeviceGetKeypairType(keypair.get()), KindName(keypair.get()).c_str());
-    if (certs > 0) printf(", %d certificate%s", certs, certs == 1 ? "" : "s");
-    printf("\n");
-  }
-  const int objects = StoredObjects(device);
-  if (objects > 0) printf("    %d data object%s\n", objects, objects == 1 ? "" : "s");
+  listing.isWhole = passed.empty();
+  listing.facts.emplace_back("keypairs", facts);
+  listing.facts.emplace_back("data_objects", objects);
+  listing.facts.emplace_back("passed_over", FactsOf(passed));
+  return listing;
 }
 
 static void List(const Target& target) {
-  const Folder folder(target);
-  DeviceSet* devices = folder.devices.get();
-  for (int i = 0; i < devices->count; i++) ListDevice(devices->devices[i]);
-  if (devices->count == 0) printf("No devices in %s\n", g_keyFolder);
-  for (const std::string& file : PassedOver(devices)) {
-    fprintf(stderr, "Passed over %s\n", file.c_str());
+  const Folder folder(target, true);
+  std::vector<std::string> texts;
+  Facts devices, files;
+  bool isWhole = true;
+  for (Device* device : Sorted(folder.devices.get())) {
+    const Listing listing = ListDevice(device);
+    texts.push_back(listing.text);
+    devices.emplace_back(listing.facts);
+    isWhole = isWhole && listing.isWhole;
   }
+  const std::vector<Passed> passed = PassedOver(folder.devices.get());
+  for (const Passed& file : passed) {
+    files.emplace_back(Fields{{"file", file.path}, {"reason", file.reason}});
+  }
+  if (texts.empty()) texts.push_back("No devices in " + Printable(FolderOf(target)));
+  Show(Join(texts, "\n"),
+       Fields{{"folder", FolderOf(target)}, {"devices", devices}, {"passed_over", files}});
+  for (const Passed& file : passed) Warn("passed over " + file.path + ": " + file.reason + ".");
+  if (passed.empty() && isWhole) return;
+  throw Failure("Not everything could be loaded.", "'softdevice check' looks closer.");
 }
 
-static void ChangePin(const Target& target, const SecretSource& oldPin,
-                      const SecretSource& newPin) {
-  const Session session(target);
+// --- show ----------------------------------------------------------------------------------------
+
+static std::string CertificateText(Keypair* keypair, int index) {
+  const Bytes der = CertificateAt(keypair, index);
+  const Certificate cert = CertificateFrom(der);
+  const std::string number = "        certificate " + std::to_string(index + 1) + "  ";
+  if (!cert) return number + "no X.509 certificate, " + Count(der.size(), "byte");
+  return number + Printable(NameText(X509_get_subject_name(cert.get()))) + "; " +
+         ExpiryText(cert.get()) + "; " + ShortFingerprint(FingerprintOf(der));
+}
+
+static std::string KeypairText(Keypair* keypair) {
+  const std::string fingerprint = FingerprintOf(keypair);
+  std::string text = "    #" + std::to_string(IndexOf(keypair)) + "  " +
+                     Bold(Printable(keypair->label)) + "  type " + std::to_string(keypair->type) +
+                     ", " + KindName(keypair) + "\n        fingerprint    " +
+                     (fingerprint.empty() ? "none: the public key is broken" : fingerprint);
+  for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
+    text += "\n" + CertificateText(keypair, i);
+  }
+  return text;
+}
+
+static void ShowDevice(const Target& target) {
+  const Session session(target, true);
   Device* device = session.device.get();
-  if (DeviceGetKeypairCount(device) == 0) {
-    throw Failure("Device " + LabelOf(device) + " has no keypairs, and so no PIN to change.",
-                  "The first 'keygen' or 'import' sets it.");
+  std::string text = Heading(device);
+  Facts keypairs, objects;
+  for (const KeypairHandle& keypair : KeypairsOf(device)) {
+    text += "\n" + KeypairText(keypair.get());
+    Fields fields = FactsOf(keypair.get());
+    fields.emplace_back("certificates", CertificatesOf(keypair.get()));
+    keypairs.emplace_back(fields);
   }
-  const SecretText former = Unlock(device, oldPin);
-  const SecretText current = ReadNewPin(newPin, "New PIN for device " + LabelOf(device));
-  if (DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr) != VAKRO_OK) {
-    throw Failure("The PIN could not be changed; the old one still holds.",
-                  "Is the folder " + std::string(g_keyFolder) + " writable and the disk not full?");
+  if (keypairs.empty()) text += "\n" + NoKeypairs(device);
+  for (const DataObject& object : DataObjects(device)) {
+    text += "\n    data object " + std::to_string(object.id) + ", " +
+            Count(static_cast<size_t>(object.length), "byte");
+    objects.emplace_back(Fields{{"id", object.id}, {"bytes", object.length}});
   }
-  printf("The PIN of device %s is changed.\n", LabelOf(device).c_str());
+  const Findings passed = PassedOverKeypairs(device->filePath);
+  for (const Finding& finding : passed) text += "\n    " + Alarming(Printable(TextOf(finding)));
+  Fields facts = FactsOf(device);
+  facts.insert(
+      facts.end(),
+      {{"keypairs", keypairs}, {"data_objects", objects}, {"passed_over", FactsOf(passed)}});
+  Show(text, facts);
 }
 
-static std::string RefuseBadName(const std::string& name) {
-  if (name.empty() || name.size() >= NAME_SIZE) return "must have 1 to 63 bytes";
-  return Printable(name) == name ? "" : "must not hold control characters";
+// --- rename-device -----------------------------------------------------------------------
+
+static void Rename(const Target& target, const std::string& label, const SecretSource& pin) {
+  Session session(target);
+  const std::string before = NameOf(session.device.get());
+  if (session.device->keypairCount > 0) Unlock(session, pin);
+  const std::string path = session.device->filePath;
+  RequireChange(session.device.get(), RenameStoredDevice(path.c_str(), label.c_str()),
+                "rename the device");
+  Confirm("Device " + before + " is now called " + label + ".",
+          Fields{{"serial", session.device->serialNumber}, {"label", label}});
 }
 
 void AddDeviceCommands(CLI::App& app, Target& target) {
-  CLI::App* create = app.add_subcommand("create", "Make an empty device");
-  const auto options = std::make_shared<CreateOptions>();
-  AddFolderOption(*create, target);
-  create->add_option("--label", options->label, "Label of the device")
-      ->required()
-      ->type_name("NAME")
-      ->check(RefuseBadName);
-  create
-      ->add_option("--serial", options->serialNumber,
-                   "Serial number, also the file's name [16 random digits]")
-      ->type_name("NUMBER")
-      ->check(RefuseBadName);
-  create->callback([&target, options] { Create(target, *options); });
-
-  CLI::App* list = app.add_subcommand("list", "Show devices and keypairs");
-  AddFolderOption(*list, target);
+  CLI::App* list = app.add_subcommand("list", "Show devices and keypairs; needs no PIN");
+  NoteJson(*list,
+           "{folder, devices: [{serial, label, file, has_pin, keypairs: [{index, label, type, "
+           "algorithm, "
+           "bits, fingerprint, certificates}], data_objects, passed_over: [{where, reason}]}], "
+           "passed_over: [{file, reason}]}");
   list->callback([&target] { List(target); });
 
-  CLI::App* pin = app.add_subcommand("pin", "Change the PIN");
-  pin->require_subcommand(1);
-  CLI::App* change = pin->add_subcommand("change", "Encrypt every private key under a new PIN");
-  const auto oldPin = std::make_shared<SecretSource>(), newPin = std::make_shared<SecretSource>();
-  AddDeviceOptions(*change, target);
-  AddSecretOptions(*change, *oldPin, "pin", "present PIN");
-  AddSecretOptions(*change, *newPin, "new-pin", "new PIN");
-  change->callback([&target, oldPin, newPin] { ChangePin(target, *oldPin, *newPin); });
+  CLI::App* show = app.add_subcommand("show", "Show all of a device; needs no PIN");
+  AddDeviceOptions(*show, target);
+  NoteJson(*show,
+           "as one device of 'list', but certificates: [{index, fingerprint, bytes, subject, "
+           "issuer, serial, not_before, not_after, days_left, own_key}] and data_objects: [{id, "
+           "bytes}]");
+  show->callback([&target] { ShowDevice(target); });
+
+  CLI::App* rename = app.add_subcommand("rename-device", "Give a device another label");
+  const auto label = std::make_shared<std::string>();
+  const auto pin = std::make_shared<SecretSource>();
+  rename->add_option("label", *label, "The new label")->required()->check(RefuseBadName);
+  AddDeviceOptions(*rename, target);
+  AddSecretOptions(*rename, *pin, "pin", "PIN");
+  NoteJson(*rename, "{serial, label}");
+  rename->callback([&target, label, pin] { Rename(target, *label, *pin); });
 }

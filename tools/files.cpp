@@ -1,38 +1,77 @@
-// Reading and writing of the files that a command is given.
+// Reading of the files that a command is given.
 #include "tools/files.h"
+
+#include "tools/report.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
-#include <filesystem>
 #include <utility>
 
 static constexpr size_t BLOCK_SIZE = 65536;
 static constexpr size_t INPUT_MAX = INT_MAX - 1024;
 
-struct Descriptor {
-  int fd;
-  explicit Descriptor(int opened) : fd(opened) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd > STDERR_FILENO) close(fd);
-  }
-};
+FileHandle::~FileHandle() {
+  if (fd > STDERR_FILENO) close(fd);
+}
 
 std::string SystemError() { return strerror(errno); }
 
-void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& take) {
-  static bool isInputTaken = false;
-  if (path == "-" && std::exchange(isInputTaken, true)) {
-    throw Failure("Standard input has been read already.",
-                  "Only one of the files can be -, a PIN file included.");
+void FailToOpen(const std::string& path) {
+  throw Failure(errno == ENOENT || errno == ENOTDIR ? EXIT_NOT_FOUND : EXIT_FAILED,
+                "Can't open " + path + ": " + SystemError() + ".");
+}
+
+int DescriptorNamed(const std::string& path) {
+  int number = -1;
+  for (const std::string folder : {"/dev/fd/", "/proc/self/fd/"}) {
+    const std::string rest = path.starts_with(folder) ? path.substr(folder.size()) : "";
+    if (rest.empty() || rest.size() > 6 || rest.find_first_not_of("0123456789") != rest.npos) {
+      continue;
+    }
+    number = atoi(rest.c_str());
   }
-  const Descriptor file(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file.fd < 0) throw Failure("Can't open " + path + ": " + SystemError() + ".");
+  if (path == "/dev/stdin") number = STDIN_FILENO;
+  if (path == "/dev/stdout") number = STDOUT_FILENO;
+  if (path == "/dev/stderr") number = STDERR_FILENO;
+  errno = 0;
+  return number < 0 ? -1 : fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+int OpenInput(const std::string& path) {
+  static bool isInputTaken = false;
+  if (path == "-") {
+    if (std::exchange(isInputTaken, true)) {
+      throw Failure("Standard input has been read already.",
+                    "Only one of the files can be -, a PIN file included.");
+    }
+    return STDIN_FILENO;
+  }
+  int fd = DescriptorNamed(path);
+  if (fd < 0 && errno == 0) fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) FailToOpen(path);
+  struct stat status = {};
+  if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    close(fd);
+    throw Failure(path + " is a folder, not a file.");
+  }
+  return fd;
+}
+
+void CheckInput(const std::string& path) {
+  if (path.empty() || path == "-" || path.starts_with("/dev/fd/") ||
+      path.starts_with("/proc/self/fd/"))
+    return;
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) FailToOpen(path);
+  if (S_ISDIR(status.st_mode)) throw Failure(path + " is a folder, not a file.");
+}
+
+void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& take) {
+  const FileHandle file(OpenInput(path));
   Secret block(BLOCK_SIZE);
   for (;;) {
     const ssize_t count = read(file.fd, block.data(), block.size());
@@ -59,61 +98,13 @@ static Container ReadAll(const std::string& path) {
 Bytes ReadInput(const std::string& path) { return ReadAll<Bytes>(path); }
 Secret ReadSecretInput(const std::string& path) { return ReadAll<Secret>(path); }
 
-static bool WriteAll(int fd, ByteSpan bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = write(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    bytes = bytes.subspan(static_cast<size_t>(count));
-  }
-  return true;
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-static void RefuseTerminal(Output kind) {
-  if (kind != Output::BINARY || !isatty(STDOUT_FILENO)) return;
-  throw Failure("The result is binary and standard output is a terminal.",
-                "Give a file with --output FILE.");
-}
-
-static void WriteStandardOutput(ByteSpan bytes, Output kind) {
-  RefuseTerminal(kind);
-  if (WriteAll(STDOUT_FILENO, bytes)) return;
-  throw Failure("Can't write to standard output: " + SystemError() + ".");
-}
-
-void WriteOutput(const std::string& path, ByteSpan bytes, Output kind) {
-  if (path == "-") return WriteStandardOutput(bytes, kind);
-  const mode_t mode = kind == Output::SECRET ? 0600 : 0666;
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) throw Failure("Can't write " + path + ": " + SystemError() + ".");
-  const bool written = WriteAll(fd, bytes);
-  if (close(fd) == 0 && written) return;
-  const std::string cause = SystemError();
+void RemarkReadable(int fd, const std::string& path) {
   struct stat status = {};
-  if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) unlink(path.c_str());
-  throw Failure("Can't write " + path + ": " + cause + ".");
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-  WriteOutput(path, {reinterpret_cast<const unsigned char*>(text.data()), text.size()},
-              Output::TEXT);
-}
-
-void CheckFiles(const std::string& input, const std::string& output, Output kind) {
-  if (input != "-" && access(input.c_str(), R_OK) != 0) {
-    throw Failure("Can't open " + input + ": " + SystemError() + ".");
-  }
-  if (output == "-") return RefuseTerminal(kind);
-  std::error_code none;
-  if (input == "-" || !std::filesystem::equivalent(input, output, none)) return;
-  throw Failure("The output " + output + " would replace the input.", "Choose another --output.");
-}
-
-bool HasTerminal() { return Descriptor(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)).fd >= 0; }
-
-std::string Printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  }
-  return text;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+  Remark(path + " can be read by others (chmod 600 " + path + ").");
 }

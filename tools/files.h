@@ -1,40 +1,51 @@
-// Input and output files of the commands; "-" is standard input or standard output.
+// Input files of the commands; "-" is standard input.
 #ifndef VAKRO_TOOLS_FILES_H
 #define VAKRO_TOOLS_FILES_H
 
 #include "tools/secret.h"
 #include "tools/tool.h"
 
+#include <sys/stat.h>
 #include <functional>
 #include <span>
 
 using ByteSpan = std::span<const unsigned char>;
 
-// EachBlock hands the whole content of the file to `take`, block by block. Standard input can be
-// read once: a second reader would find nothing, and sign that.
+// A file descriptor for a scope. Standard streams stay open.
+struct FileHandle {
+  int fd;
+  explicit FileHandle(int descriptor) : fd(descriptor) {}
+  FileHandle(const FileHandle&) = delete;
+  FileHandle& operator=(const FileHandle&) = delete;
+  ~FileHandle();
+};
+
+// OpenInput opens a file for reading, and fails in words. Standard input can be taken once: a
+// second reader would find nothing, and sign that. Returns a descriptor of the caller's.
+int OpenInput(const std::string& path);
+
+// DescriptorNamed returns a duplicate of the descriptor that a name like /dev/fd/3 or /dev/stdout
+// stands for; -1, errno 0, for any other name. By the name it can't be opened: /proc hides the
+// descriptors of a process that can't be dumped.
+int DescriptorNamed(const std::string& path);
+
+// CheckInput fails, before any work and any PIN, when the file can't be read. An
+// empty path is none.
+void CheckInput(const std::string& path);
+
+// EachBlock hands the whole content of the file to `take`, block by block.
 void EachBlock(const std::string& path, const std::function<void(ByteSpan)>& take);
 
 // These read a whole file of at most 2 GiB less 1 KiB, so that its length fits the module.
 Bytes ReadInput(const std::string& path);
 Secret ReadSecretInput(const std::string& path);
 
-// TEXT may go to a terminal, BINARY may not; SECRET is readable by the owner alone.
-enum class Output { TEXT, BINARY, SECRET };
+bool SameFile(const struct stat& a, const struct stat& b);
 
-// WriteOutput writes a whole file; a regular file that could not be completed is removed.
-void WriteOutput(const std::string& path, ByteSpan bytes, Output kind);
+// RemarkReadable warns of a secret file that others can read.
+void RemarkReadable(int fd, const std::string& path);
 
-void WriteText(const std::string& path, const std::string& text);
-
-// CheckFiles fails, before any work and any PIN, when the input can't be read, or the output would
-// be refused or replace the input.
-void CheckFiles(const std::string& input, const std::string& output, Output kind);
-
-bool HasTerminal();  // of this process, whatever its standard streams are
-
-// Printable replaces control characters, so that a name from a file can't steer the terminal.
-std::string Printable(std::string text);
-
-std::string SystemError();  // errno in words
+std::string SystemError();                              // errno in words
+[[noreturn]] void FailToOpen(const std::string& path);  // by errno
 
 #endif

@@ -1,20 +1,30 @@
-// keygen, importing, public-key, delete-keypair.
+// keygen, import, public-key, relabel, delete-keypair.
+#include "device/anchor.h"
+#include "device/change.h"
+#include "sm2/sm2.h"
 #include "tools/certificates.h"
-#include "tools/data_list.h"
+#include "tools/describe.h"
 #include "tools/key_files.h"
+#include "tools/options.h"
+#include "tools/output.h"
+#include "tools/progress.h"
 #include "tools/session.h"
+#include "tools/terminal.h"
 
 #include <CLI/CLI.hpp>
 
-#include <stdio.h>
+#include <string.h>
+#include <algorithm>
 
 struct KeypairOptions {
   std::string algorithm;
   std::string file;
-  std::string output = "-";
+  OutputOptions output;
   std::string label;
   unsigned int type = 1;
   bool yes = false;
+  bool der = false;
+  bool newPin = false;
   SecretSource pin;
   SecretSource passphrase;
 };
@@ -27,172 +37,261 @@ struct Algorithm {
 };
 
 // The module knows four curves more, but can't open a stored keypair on them again.
-static constexpr Algorithm ALGORITHMS[] = {{"rsa-1024", ALGORITHM_RSA, 1024, 0},
-                                           {"rsa-2048", ALGORITHM_RSA, 2048, 0},
-                                           {"rsa-4096", ALGORITHM_RSA, 4096, 0},
-                                           {"p-256", ALGORITHM_ECC, 256, CURVE_P256},
-                                           {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
+static constexpr Algorithm ALGORITHMS[] = {
+    {"rsa-1024", ALGORITHM_RSA, 1024, 0},      {"rsa-2048", ALGORITHM_RSA, 2048, 0},
+    {"rsa-3072", ALGORITHM_RSA, 3072, 0},      {"rsa-4096", ALGORITHM_RSA, 4096, 0},
+    {"p-256", ALGORITHM_ECC, 256, CURVE_P256}, {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
 
-static std::string AlgorithmNames() {
-  std::string names;
-  for (const Algorithm& a : ALGORITHMS) names += (names.empty() ? "" : ", ") + std::string(a.name);
+static constexpr int RSA_WEAK_BITS = 2048;  // what has fewer is within reach of the well-funded
+
+static std::vector<std::string> AlgorithmNames() {
+  std::vector<std::string> names;
+  for (const Algorithm& a : ALGORITHMS) names.push_back(a.name);
   return names;
 }
 
 static const Algorithm* FindAlgorithm(const std::string& name) {
   for (const Algorithm& a : ALGORITHMS) {
-    if (name == a.name) return &a;
+    if (Lower(name) == a.name) return &a;
   }
   return nullptr;
 }
 
 static std::string CheckAlgorithm(const std::string& name) {
-  return FindAlgorithm(name) != nullptr ? "" : name + " is none of " + AlgorithmNames();
+  if (FindAlgorithm(name) != nullptr) return "";
+  const std::string meant = Nearest(name, AlgorithmNames());
+  return name + " is none of " + Join(AlgorithmNames()) +
+         (meant.empty() ? "" : "; did you mean " + meant + "?");
+}
+
+// What a new keypair may meet is looked at before the PIN is asked for and a key made.
+static void RequireRoom(Device* device, const KeypairOptions& options) {
+  if (device->keypairCount >= device->maxKeypairs) {
+    throw Failure("Device " + NameOf(device) + " is full: it holds " +
+                      std::to_string(device->maxKeypairs) + " keypairs, the most that fit.",
+                  "'softdevice delete-keypair' makes room.");
+  }
+  for (Keypair* keypair : KeypairsIn(device)) {
+    if (keypair->type != options.type || options.label != keypair->label) continue;
+    throw Failure(EXIT_EXISTS,
+                  "Device " + NameOf(device) + " has a keypair " + options.label + " of type " +
+                      std::to_string(options.type) + " already.",
+                  "Choose another --label or --type.");
+  }
+}
+
+static void RemarkWeak(int bits, bool rsa) {
+  if (rsa && bits < RSA_WEAK_BITS) {
+    Remark("RSA-" + std::to_string(bits) +
+           " is weak; 2048 bits are the least that is "
+           "recommended.");
+  }
 }
 
 static void Generate(const Target& target, KeypairOptions options) {
   const Algorithm& algorithm = *FindAlgorithm(options.algorithm);
-  if (options.label.empty()) options.label = options.algorithm;
-  const Session session(target);
+  if (options.label.empty()) options.label = algorithm.name;
+  Session session(target);
+  RequireRoom(session.device.get(), options);
   if (algorithm.curve == CURVE_SM2 && g_sm2 == nullptr) {
     throw Failure("The module started without SM2: its crypto library has no SM2 curve.");
   }
-  Unlock(session.device.get(), options.pin);
+  RemarkWeak(algorithm.bits, algorithm.curve == 0);
+  UnlockForFirst(session, options.pin, options.newPin);
+  Device* device = session.device.get();
+  RequireRoom(device, options);
   const ECCKeypairParams ecc = {.curve = algorithm.curve, .temporary = 0};
   Keypair* raw = nullptr;
-  RequireChange(DeviceGenerateKeypair(session.device.get(), algorithm.algorithm, algorithm.bits,
-                                      algorithm.curve != 0 ? &ecc : nullptr, options.type,
-                                      options.label.c_str(), &raw),
-                "make keypair " + options.label + " of type " + std::to_string(options.type));
+  int result = VAKRO_FAILED;
+  {
+    const Progress progress("Making the " + std::string(algorithm.name) + " key");
+    result = DeviceGenerateKeypair(device, algorithm.algorithm, algorithm.bits,
+                                   algorithm.curve != 0 ? &ecc : nullptr, options.type,
+                                   options.label.c_str(), &raw);
+  }
+  RequireChange(device, result, "store keypair " + options.label);
   const KeypairHandle keypair(raw);
-  printf("Made %s keypair %s, type %u.\n", KindName(raw).c_str(), options.label.c_str(),
-         options.type);
+  Confirm("Made " + KindName(raw) + " keypair " + options.label + ", type " +
+              std::to_string(options.type) + ".",
+          FactsOf(raw));
 }
 
 // The keypair's own certificate goes first, the others keep their order.
-static int AddCertificates(Keypair* keypair, std::vector<Certificate>& certs, EVP_PKEY* key) {
-  std::stable_partition(certs.begin(), certs.end(), [key](const Certificate& cert) {
-    return X509_check_private_key(cert.get(), key) == 1;
-  });
-  int added = 0;
-  for (const Certificate& cert : certs) {
-    const Bytes der = ToDer(cert.get());
-    if (DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())) != VAKRO_OK) break;
-    added++;
-  }
-  return added;
+static void SortCertificates(std::vector<Certificate>& certs, EVP_PKEY* key) {
+  const auto isOwn = [key](const Certificate& cert) {
+    return EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key) == 1;
+  };
+  std::stable_partition(certs.begin(), certs.end(), isOwn);
+  if (certs.empty() || isOwn(certs.front())) return;
+  Remark("None of the file's certificates is of this key; they are stored all the same.");
 }
 
 static void Import(const Target& target, const KeypairOptions& options) {
+  ProtectInput(options.file);
   KeyFile file = ReadKeyFile(options.file, options.passphrase);
-  if (!file.privateKey) {
-    throw Failure(options.file + " holds no private key that can be read.",
-                  "PEM and DER are read: PKCS#8, PKCS#1, SEC1 and PKCS#12.");
+  const Secret encoding = KeypairEncoding(RequirePrivateKey(file, options.file));
+  EVP_PKEY* key = file.privateKey.get();
+  SortCertificates(file.certs, key);
+  if (file.certs.size() > MAX_CERTS) {
+    throw Failure("The file holds " + std::to_string(file.certs.size()) +
+                      " certificates; a keypair holds 10.",
+                  "Take some of them out of the file.");
   }
-  const Secret encoding = KeypairEncoding(file.privateKey.get());
-  const Session session(target);
-  Unlock(session.device.get(), options.pin);
+  RemarkWeak(EVP_PKEY_get_bits(key), EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA);
+  Session session(target);
+  RequireRoom(session.device.get(), options);
+  UnlockForFirst(session, options.pin, options.newPin);
+  Device* device = session.device.get();
+  RequireRoom(device, options);
   Keypair* raw = nullptr;
-  RequireChange(
-      DeviceImportKeypair(session.device.get(), encoding.data(), static_cast<int>(encoding.size()),
-                          options.type, options.label.c_str(), &raw),
-      "store keypair " + options.label + " of type " + std::to_string(options.type));
+  RequireChange(device,
+                DeviceImportKeypair(device, encoding.data(), static_cast<int>(encoding.size()),
+                                    options.type, options.label.c_str(), &raw),
+                "store keypair " + options.label);
   const KeypairHandle keypair(raw);
-  printf("Imported %s keypair %s, type %u.\n", KindName(raw).c_str(), options.label.c_str(),
-         options.type);
-  if (file.certs.empty()) return;
-  const int count = static_cast<int>(file.certs.size());
-  const int added = AddCertificates(raw, file.certs, file.privateKey.get());
-  printf("Added %d of the file's %d certificates.\n", added, count);
-  if (added < count) throw Failure("Not all certificates could be stored; a keypair holds 10.");
+  Fields facts = FactsOf(raw);
+  for (const Certificate& cert : file.certs) {
+    const Bytes der = ToDer(cert.get());
+    RequireChange(device, DeviceAddCertificate(raw, der.data(), static_cast<int>(der.size())),
+                  "add certificate " + NameText(X509_get_subject_name(cert.get())));
+  }
+  facts.emplace_back("certificates", DeviceGetCertificateCount(raw));
+  const std::string with =
+      file.certs.empty() ? "" : ", with " + Count(file.certs.size(), "certificate");
+  Confirm("Imported " + KindName(raw) + " keypair " + options.label + ", type " +
+              std::to_string(options.type) + with + ".",
+          facts);
 }
 
 static void WritePublicKey(const Target& target, const KeypairOptions& options) {
+  const OutputFile output(options.output, options.der ? Output::BINARY : Output::TEXT, target, {});
   const KeypairSession session(target);
-  WriteText(options.output, PemOf(PublicPartOf(session.keypair.get()).key.get()));
+  const EvpKey key = PublicKeyOf(session.keypair.get());
+  if (!key) throw Failure("The public key of the keypair is broken.");
+  if (options.der) return output.Write(DerOf(key.get()));
+  output.Write(PemOf(key.get()));
 }
 
-static void RequireNoDataList(Device* device) {
-  const int objects = StoredObjects(device);
-  if (objects == -1) return;
-  if (objects == -2) {
-    throw Failure("The device file can't be read, or its list of data objects is damaged.");
+// --- relabel, delete-keypair ---------------------------------------------------------------------
+
+static void Relabel(const Target& target, const KeypairOptions& options) {
+  KeypairSession session(target);
+  Keypair* keypair = session.keypair.get();
+  const std::string before = NameOf(keypair);
+  KeypairOptions wanted = options;
+  wanted.type = keypair->type;
+  for (Keypair* other : KeypairsIn(session.device.get())) {
+    if (other == keypair || other->type != wanted.type || options.label != other->label) continue;
+    throw Failure(EXIT_EXISTS, "The device has a keypair " + options.label + " of type " +
+                                   std::to_string(wanted.type) + " already.");
   }
-  const std::string why =
-      "A device file with a list of data objects, even an empty one, does not let "
-      "a keypair go.";
-  if (objects == 0) throw Failure(why, "The list is empty: 'softdevice data tidy' drops it.");
-  throw Failure(why, "Device " + LabelOf(device) + " holds " + std::to_string(objects) +
-                         " data object(s): delete them with 'softdevice data delete', then run "
-                         "'softdevice data tidy'.");
+  Unlock(session, options.pin);
+  keypair = session.keypair.get();
+  RequireChange(session.device.get(), RelabelStoredKeypair(keypair, options.label.c_str()),
+                "relabel keypair " + before);
+  Fields facts = FactsOf(keypair);
+  facts[1].second = options.label;
+  Confirm("Keypair " + before + " is now called " + options.label + ".", facts);
 }
 
+static std::string WhatGoes(Device* device, Keypair* keypair) {
+  const int certs = DeviceGetCertificateCount(keypair);
+  return "Keypair " + NameOf(keypair) + " (" + KindName(keypair) + ") of device " + NameOf(device) +
+         (certs > 0 ? " and its " + Count(static_cast<size_t>(certs), "certificate") : "") +
+         " will be gone for good.";
+}
+
+static void RequireLabel(Device* device, Keypair* keypair, bool yes) {
+  if (yes) return;
+  const SecretText answer = Ask(WhatGoes(device, keypair) + " Type its label to go on: ", false,
+                                "--yes goes on without asking.");
+  if (strcmp(answer.data(), keypair->label) != 0) throw Failure("Nothing was deleted.");
+}
+
+// A keypair that does not open keeps the whole device shut; it can be deleted by the PIN that opens
+// another.
 static void Delete(const Target& target, const KeypairOptions& options) {
-  const KeypairSession session(target);
-  Device* device = session.device();
-  const std::string label = LabelOf(session.keypair.get());
-  RequireNoDataList(device);
-  Unlock(device, options.pin);
-  const std::string question =
-      "Keypair " + label + " will be gone for good. Type its label to go on: ";
-  if (!options.yes && AskOnTerminal(question, "--yes goes on without asking.") != label) {
-    throw Failure("Nothing was deleted.");
+  KeypairSession session(target);
+  const SecretText pin = ReadSecret(options.pin, "PIN of device " + NameOf(session.device.get()));
+  session.Reload();
+  ProvePin(session.device.get(), pin);
+  RequireLabel(session.device.get(), session.keypair.get(), options.yes);
+  session.Reload();
+  ProvePin(session.device.get(), pin);
+  Device* device = session.device.get();
+  Keypair* keypair = session.keypair.get();
+  const std::string name = NameOf(keypair);
+  const Fields facts = FactsOf(keypair);
+  RequireChange(device, DeleteStoredKeypair(keypair), "delete keypair " + name);
+  Confirm("Deleted keypair " + name + " from device " + NameOf(device) + ".", facts);
+  if (device->keypairCount == 1) {
+    Remark(
+        "It was the last: the device has no PIN any more, and takes a new one with its next "
+        "keypair.");
   }
-  RequireChange(DeviceDeleteKeypair(session.keypair.get()), "delete keypair " + label);
-  printf("Deleted keypair %s from device %s.\n", label.c_str(), LabelOf(device).c_str());
 }
 
-static std::string RefuseBadLabel(const std::string& label) {
-  if (label.empty() || label.size() >= NAME_SIZE) return "must have 1 to 63 bytes";
-  return Printable(label) == label ? "" : "must not hold control characters";
-}
+// --- Options -------------------------------------------------------------------------------------
 
-static CLI::Option* AddNewKeypairOptions(CLI::App* command, KeypairOptions& options) {
+static const char* const KEYPAIR_JSON = "{index, label, type, algorithm, bits, fingerprint}";
+
+static CLI::Option* AddNewKeypairOptions(CLI::App* command, Target& target,
+                                         KeypairOptions& options) {
   command
       ->add_option("--type", options.type,
                    "Any number from 1, its meaning yours; type and label name a keypair")
       ->capture_default_str()
       ->type_name("N")
       ->check(CLI::Range(1u, 2147483647u).description(""));
+  command->add_flag("--new-pin", options.newPin,
+                    "The PIN is a new one, for a device that was made without");
+  AddDeviceOptions(*command, target);
   AddSecretOptions(*command, options.pin, "pin", "PIN");
   return command->add_option("--label", options.label, "Label of the keypair")
       ->type_name("LABEL")
-      ->check(RefuseBadLabel);
+      ->check(RefuseBadName);
 }
 
 void AddKeypairCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<KeypairOptions>();
 
   CLI::App* keygen = app.add_subcommand("keygen", "Make a keypair");
-  keygen->footer("The PIN given with the first keypair of a device becomes the device's PIN.");
-  keygen->add_option("algorithm", options->algorithm, "One of " + AlgorithmNames())
+  keygen->add_option("algorithm", options->algorithm, "One of " + Join(AlgorithmNames()))
       ->required()
       ->check(CheckAlgorithm);
-  AddNewKeypairOptions(keygen, *options)
+  AddNewKeypairOptions(keygen, target, *options)
       ->description("Label of the keypair [the algorithm's name]");
-  AddDeviceOptions(*keygen, target);
+  NoteJson(*keygen, KEYPAIR_JSON);
   keygen->callback([&target, options] { Generate(target, *options); });
 
   CLI::App* importing =
       app.add_subcommand("import", "Store a private key, and its certificates, from a file");
   importing->footer(
-      "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, PKCS#12.\n"
-      "The PIN given with the first keypair of a device becomes the device's PIN.");
+      "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, "
+      "PKCS#12.");
   importing->add_option("file", options->file, "Key file; - is standard input")->required();
-  AddNewKeypairOptions(importing, *options)->required();
-  AddDeviceOptions(*importing, target);
+  AddNewKeypairOptions(importing, target, *options)->required();
   AddSecretOptions(*importing, options->passphrase, "passphrase", "passphrase of the key file");
+  NoteJson(*importing, "as 'keygen', and certificates");
   importing->callback([&target, options] { Import(target, *options); });
 
   CLI::App* publicKey = app.add_subcommand("public-key", "Write a public key as PEM; needs no PIN");
-  publicKey->add_option("-o,--output", options->output, "File to write [standard output]")
-      ->type_name("FILE");
+  AddOutputOptions(*publicKey, options->output, "File to write");
+  publicKey->add_flag("--der", options->der, "Write DER instead");
   AddKeypairOptions(*publicKey, target);
   publicKey->callback([&target, options] { WritePublicKey(target, *options); });
 
+  CLI::App* relabel = app.add_subcommand("relabel", "Give a keypair another label");
+  relabel->add_option("label", options->label, "The new label")->required()->check(RefuseBadName);
+  AddKeypairOptions(*relabel, target);
+  AddSecretOptions(*relabel, options->pin, "pin", "PIN");
+  NoteJson(*relabel, KEYPAIR_JSON);
+  relabel->callback([&target, options] { Relabel(target, *options); });
+
   CLI::App* remove = app.add_subcommand("delete-keypair", "Delete a keypair for good");
-  remove->add_flag("--yes", options->yes, "Do not ask whether it is meant");
+  AddYesOption(*remove, options->yes);
   AddKeypairOptions(*remove, target);
   AddSecretOptions(*remove, options->pin, "pin", "PIN");
+  NoteJson(*remove, KEYPAIR_JSON);
   remove->callback([&target, options] { Delete(target, *options); });
 }

@@ -5,8 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/param_build.h>
 #include <openssl/pem.h>
-
-#include <array>
+#include <openssl/sha.h>
 
 using ParamBuilder = std::unique_ptr<OSSL_PARAM_BLD, Release<OSSL_PARAM_BLD_free>>;
 using Params = std::unique_ptr<OSSL_PARAM, Release<OSSL_PARAM_free>>;
@@ -77,26 +76,121 @@ static EvpKey RsaFromEncoding(ByteSpan encoding) {
   return FromParams("RSA", builder.get());
 }
 
+// What OpenSSL calls the curves, by VakroCurve, and their field sizes in bytes.
+struct CurveInfo {
+  const char* group;
+  int size;
+};
+static constexpr CurveInfo CURVES[] = {{nullptr, 0},       {"prime192v1", 24}, {"secp224r1", 28},
+                                       {"prime256v1", 32}, {"secp384r1", 48},  {"secp521r1", 66},
+                                       {nullptr, 0},       {"SM2", 32}};
+
 static EvpKey EccFromEncoding(ByteSpan encoding) {
   LibBytes x, y;
   int xLen = 0, yLen = 0;
   const int curve =
       DecodePoint(encoding.data(), static_cast<int>(encoding.size()), x, xLen, y, yLen);
-  if ((curve != CURVE_P256 && curve != CURVE_SM2) || xLen > SM2_FIELD_SIZE ||
-      yLen > SM2_FIELD_SIZE) {
-    throw Failure("Only elliptic-curve keys on P-256 and SM2 can be used.");
+  const CurveInfo info = curve >= CURVE_P192 && curve <= CURVE_SM2 ? CURVES[curve] : CURVES[0];
+  if (info.group == nullptr || xLen > info.size || yLen > info.size) {
+    throw Failure("The public key does not decode.");
   }
-  std::array<unsigned char, SM2_POINT_SIZE> point{POINT_CONVERSION_UNCOMPRESSED};
+  const auto size = static_cast<size_t>(info.size);
+  Bytes point(1 + 2 * size);
+  point[0] = POINT_CONVERSION_UNCOMPRESSED;
   // A coordinate may come back shorter than its field; pad on the left.
-  std::copy_n(x.get(), xLen, point.begin() + 1 + SM2_FIELD_SIZE - xLen);
+  std::copy_n(x.get(), xLen, point.begin() + 1 + info.size - xLen);
   std::copy_n(y.get(), yLen, point.end() - yLen);
-  const char* name = curve == CURVE_SM2 ? "SM2" : "prime256v1";
   const ParamBuilder builder(OSSL_PARAM_BLD_new());
   if (!builder) throw std::bad_alloc();
-  OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, name, 0);
+  OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, info.group, 0);
   OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
                                    point.size());
   return FromParams(curve == CURVE_SM2 ? "SM2" : "EC", builder.get());
+}
+
+EvpKey PublicKeyOf(const Keypair* keypair) {
+  const ByteSpan encoding(keypair->publicKey, static_cast<size_t>(keypair->publicKeyLen));
+  try {
+    return keypair->algorithm == ALGORITHM_RSA ? RsaFromEncoding(encoding)
+                                               : EccFromEncoding(encoding);
+  } catch (const Failure&) {
+    ERR_clear_error();
+    return nullptr;
+  }
+}
+
+Bytes DerOf(EVP_PKEY* publicKey) {
+  unsigned char* raw = nullptr;
+  const int length = i2d_PUBKEY(publicKey, &raw);
+  if (length <= 0) throw Failure("The public key can't be written: " + OpenSslError() + ".");
+  const OpensslBytes der(raw);
+  return Bytes(raw, raw + length);
+}
+
+std::string FingerprintOf(ByteSpan bytes) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(bytes.data(), bytes.size(), digest);
+  return HexText(digest, sizeof digest);
+}
+
+std::string FingerprintOf(Keypair* keypair) {
+  const EvpKey key = PublicKeyOf(keypair);
+  return key ? FingerprintOf(DerOf(key.get())) : "";
+}
+
+std::string KindName(EVP_PKEY* key) {
+  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
+    return "RSA-" + std::to_string(EVP_PKEY_get_bits(key));
+  }
+  char group[NAME_SIZE] = {};
+  if (EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1 &&
+      EVP_PKEY_is_a(key, "DH") == 0) {
+    for (size_t i = 0; i < std::size(CURVES); i++) {
+      if (CURVES[i].group != nullptr && OBJ_txt2nid(group) == OBJ_txt2nid(CURVES[i].group)) {
+        return CURVE_NAMES[i];
+      }
+    }
+    return std::string("elliptic-curve (") + group + ")";
+  }
+  const char* name = EVP_PKEY_get0_type_name(key);
+  return name == nullptr ? "unknown" : Lower(name) == "ed25519" ? "Ed25519" : name;
+}
+
+static Bytes PointOf(const EC_KEY* key) {
+  unsigned char* raw = nullptr;
+  const size_t length = EC_POINT_point2buf(EC_KEY_get0_group(key), EC_KEY_get0_public_key(key),
+                                           POINT_CONVERSION_UNCOMPRESSED, &raw, nullptr);
+  const OpensslBytes point(raw);
+  return Bytes(raw, raw + length);
+}
+
+static Bytes PointOf(EVP_PKEY* publicKey) {
+  FieldNumber x, y;
+  NumberOf(publicKey, OSSL_PKEY_PARAM_EC_PUB_X, x);
+  NumberOf(publicKey, OSSL_PKEY_PARAM_EC_PUB_Y, y);
+  Bytes point{POINT_CONVERSION_UNCOMPRESSED};
+  point.insert(point.end(), x.bytes, x.bytes + SM2_FIELD_SIZE);
+  point.insert(point.end(), y.bytes, y.bytes + SM2_FIELD_SIZE);
+  return point;
+}
+
+// Not EVP_PKEY_eq alone: the module has SM2 keys as keys of the general kind, which OpenSSL takes
+// for something else.
+bool SamePublicKey(EVP_PKEY* privateKey, EVP_PKEY* publicKey) {
+  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(privateKey);
+  const bool same = ec != nullptr && CurveOf(publicKey) != 0
+                        ? PointOf(ec) == PointOf(publicKey)
+                        : EVP_PKEY_eq(privateKey, publicKey) == 1;
+  ERR_clear_error();
+  return same;
+}
+
+void RequireOwnKey(Keypair* keypair, const PublicPart& key) {
+  if (keypair->privateKey != nullptr && SamePublicKey(keypair->privateKey, key.key.get())) return;
+  throw Failure("The public key of keypair " + NameOf(keypair) +
+                    " in the device file is not that of its private key: someone has changed the "
+                    "file.",
+                "'softdevice check' looks at all of it; 'softdevice restore' takes a backup.");
 }
 
 // The handle is made from the encoding, not from the keypair: only so it knows the curve without
@@ -115,6 +209,9 @@ static PublicPart FromEncoding(const Bytes& encoding) {
   if (raw->algorithm == ALGORITHM_ECC) {
     part.kind = raw->curve == CURVE_SM2 ? Kind::SM2 : Kind::ECDSA;
   }
+  if (part.kind == Kind::ECDSA && raw->curve != CURVE_P256) {
+    throw Failure("Only elliptic-curve keys on P-256 and SM2 can be used.");
+  }
   part.key = part.kind == Kind::RSA_PKCS1 ? RsaFromEncoding(encoding) : EccFromEncoding(encoding);
   return part;
 }
@@ -124,12 +221,10 @@ PublicPart PublicPartOf(Keypair* keypair) {
   return FromEncoding(Bytes(bytes, bytes + keypair->publicKeyLen));
 }
 
-using OpenSslBytes = std::unique_ptr<unsigned char[], Release<[](void* p) { OPENSSL_free(p); }>>;
-
 static Bytes RsaEncoding(EVP_PKEY* key) {
   unsigned char* rawDer = nullptr;
   const int derLen = i2d_PublicKey(key, &rawDer);  // the PKCS#1 RSAPublicKey
-  const OpenSslBytes der(rawDer);
+  const OpensslBytes der(rawDer);
   unsigned char* raw = nullptr;
   int length = 0;
   if (derLen <= 0 || VakroPKICryptoRSAPubKeyFromDER(rawDer, derLen, &raw, &length) != 1) {

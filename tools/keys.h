@@ -22,11 +22,27 @@ struct PublicPart {
   EvpKey key;
 };
 
+// PublicKeyOf decodes the stored public key for OpenSSL, on whatever curve; NULL for a broken one.
+EvpKey PublicKeyOf(const Keypair* keypair);
+
+// DerOf is the SubjectPublicKeyInfo. A fingerprint is the SHA-256 of bytes, in hex; a key's is that
+// of its DerOf, and empty for a broken one.
+Bytes DerOf(EVP_PKEY* publicKey);
+std::string FingerprintOf(ByteSpan bytes);
+std::string FingerprintOf(Keypair* keypair);
+
 // KindName is a name to show, such as "RSA-2048", "P-256" or "SM2"; "unknown" for a broken record.
 std::string KindName(Keypair* keypair);
+std::string KindName(EVP_PKEY* key);  // names also what no device can hold, such as "Ed25519"
 
 PublicPart PublicPartOf(Keypair* keypair);  // needs no PIN, also for SM2
-PublicPart PublicPartOf(EVP_PKEY* key);     // fails unless the key is RSA, P-256 or SM2
+
+// SamePublicKey compares the public part of a private key, as the module has it, with a public key.
+bool SamePublicKey(EVP_PKEY* privateKey, EVP_PKEY* publicKey);
+
+// RequireOwnKey fails unless the stored public key is that of the private key. Needs the PIN.
+void RequireOwnKey(Keypair* keypair, const PublicPart& key);
+PublicPart PublicPartOf(EVP_PKEY* key);  // fails unless the key is RSA, P-256 or SM2
 
 int CurveOf(EVP_PKEY* key);  // CURVE_P256, CURVE_SM2, or 0 for any other key
 

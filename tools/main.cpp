@@ -1,87 +1,144 @@
 // softdevice: the command line of the crypto device module. The commands are in *_commands.cpp;
 // here they meet, and here a failure becomes words and an exit status.
+#include "tools/files.h"
+#include "tools/options.h"
+#include "tools/report.h"
 #include "tools/tool.h"
+#include "tools/usage.h"
+#include "vakro_device.h"
 
 #include <CLI/CLI.hpp>
 
+#include <errno.h>
+#include <signal.h>
 #include <stdio.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <new>
 
-static const char* const FOOTER =
-    "Every command has a --help of its own. Exit status: 0 done, 1 failed, 2 wrong usage.\n"
-    "A PIN is asked on the terminal, or read with --pin-file or --pin-env; never an argument.";
-
-// Help without the library's remarks on which options exclude which.
-struct HelpText : CLI::Formatter {
-  std::string make_option_opts(const CLI::Option* option) const override {
-    const bool hasValue = option->get_type_size() > 0 && !option->get_positional();
-    return hasValue ? " " + option->get_type_name() : "";
+static std::string Footer() {
+  std::string footer = "'softdevice help COMMAND' tells more of a command. Exit status:";
+  for (const ExitMeaning& exit : EXIT_MEANINGS) {
+    footer += "\n  " + std::to_string(exit.status) + "  " + exit.meaning;
   }
-  std::string make_option_desc(const CLI::Option* option) const override {
-    const std::string value = option->get_default_str();
-    return option->get_description() + (value.empty() ? "" : " [" + value + "]");
-  }
-};
-
-static std::string UsageProblem(const CLI::App* app, const CLI::Error& error) {
-  const std::vector<std::string> unknown = app->remaining(true);
-  std::string what = error.what();
-  if (what == "A subcommand is required") {
-    what = unknown.empty() ? "A command is missing" : "There is no command " + unknown.front();
-  }
-  return "softdevice: " + what + ".\n  --help shows what there is.\n";
+  return footer +
+         "\nA PIN is asked on the terminal, or read with --pin-file, --pin-env or --pin-fd; it is "
+         "never an argument.";
 }
 
-static int Tell(const char* what, const std::string& advice) {
-  fprintf(stderr, "softdevice: %s\n", what);
-  if (!advice.empty()) fprintf(stderr, "  %s\n", advice.c_str());
-  return EXIT_FAILED;
+static int Tell(const std::string& what, const std::string& advice, ExitStatus status) {
+  Warn(what);
+  if (!advice.empty()) fprintf(stderr, "  %s\n", Printable(advice).c_str());
+  return status;
 }
 
-// Output that could not be written is a failure too.
+// Output that could not be written is a failure too. Who only looked, into a pipe that has closed,
+// needs no words: he ends like any other program.
 static int Finish() {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return EXIT_DONE;
-  return Tell("Can't write to standard output.", {});
+  const std::string cause = SystemError();
+  if (!ChangeMade().empty()) {
+    return Tell("The change is made (" + ChangeMade() +
+                    "), but standard output can't be written: " + cause + ".",
+                "Do not repeat it.", EXIT_UNTOLD);
+  }
+  if (errno == EPIPE) {
+    signal(SIGPIPE, SIG_DFL);
+    raise(SIGPIPE);
+  }
+  return Tell("Can't write to standard output: " + cause + ".", {}, EXIT_FAILED);
 }
 
+static int ShowHelp(const CLI::App& command) {
+  printf("%s", command.help().c_str());
+  return Finish();
+}
+
+static std::string InWords(const CLI::App& app, const CLI::Error& error) {
+  const std::vector<std::string> unknown = app.remaining(true);
+  std::string what = error.what();
+  if (what.find("ubcommand is required") == what.npos) return what;
+  return unknown.empty() ? "A command is missing" : "There is no command " + unknown.front();
+}
+
+// The innermost command that the line has reached.
+static const CLI::App* Reached(const CLI::App* app) {
+  while (!app->get_subcommands().empty()) app = app->get_subcommands().back();
+  return app;
+}
+
+static int Parse(CLI::App& app, int argc, char** argv) {
+  try {
+    RefuseSecretWords(argc, argv);
+    const CLI::App* help = FindHelp(app, {argv + 1, argv + argc});
+    if (help != nullptr) return ShowHelp(*help);
+    app.parse(argc, argv);
+    return Finish();
+  } catch (const CLI::ParseError& error) {
+    return Tell(UsageProblem(Reached(&app), InWords(app, error)), "--help shows what there is.",
+                EXIT_USAGE);
+  } catch (const Failure& failure) {
+    const std::string made =
+        ChangeMade().empty() ? "" : " What had been done before: " + ChangeMade() + ".";
+    return Tell(failure.what() + made, failure.advice, failure.status);
+  }
+}
+
+// The module, for as long as the program runs.
+struct Started {
+  Started() {
+    if (DeviceInit() != VAKRO_OK) throw std::bad_alloc();
+  }
+  Started(const Started&) = delete;
+  Started& operator=(const Started&) = delete;
+  ~Started() { DeviceEnd(); }
+};
+
 static int Run(int argc, char** argv) {
+  const Started module;
   Target target;
   CLI::App app("softdevice works on soft crypto devices: keys in files, opened with a PIN.",
                "softdevice");
-  app.failure_message(UsageProblem);
-  const auto help = std::make_shared<HelpText>();
-  help->column_width(26);
-  app.formatter(help);
+  SetUpHelp(app);
+  app.set_help_flag();
+  app.fallthrough();
   app.require_subcommand(1);
-  AddFolderOption(app, target);
+  AddAnywhereOptions(app, target);
+  AddCreateCommand(app, target);
   AddDeviceCommands(app, target);
+  AddPinCommands(app, target);
   AddKeypairCommands(app, target);
   AddSigningCommands(app, target);
   AddCipherCommands(app, target);
   AddCertCommands(app, target);
   AddRequestCommands(app, target);
   AddDataCommands(app, target);
-  app.footer(FOOTER);  // here, so that the commands do not inherit it
-  try {
-    if (argc == 1) return printf("%s", app.help().c_str()) < 0 ? EXIT_FAILED : EXIT_USAGE;
-    app.parse(argc, argv);
-    return Finish();
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? Finish() : EXIT_USAGE;  // prints help, or what was wrong
-  } catch (const Failure& failure) {
-    return Tell(failure.what(), failure.advice);
-  } catch (const std::bad_alloc&) {
-    return Tell("Out of memory.", {});
+  AddBackupCommands(app, target);
+  AddCheckCommand(app, target);
+  app.add_subcommand("version", "Show the version")->callback([] {
+    Show("softdevice " VAKRO_VERSION, Fields{{"version", VAKRO_VERSION}});
+  });
+  app.add_subcommand("__describe", "")->group("")->callback([&app] {
+    printf("%s\n", DescribeCommands(app).c_str());
+  });
+  app.footer(Footer());  // here, so that the commands do not inherit it
+  if (argc == 1) {
+    fprintf(stderr, "%s", app.help().c_str());
+    return EXIT_USAGE;
   }
+  return Parse(app, argc, argv);
 }
 
 int main(int argc, char** argv) {
   const rlimit none = {0, 0};
-  setrlimit(RLIMIT_CORE, &none);  // a core file would hold PIN and keys
+  setrlimit(RLIMIT_CORE, &none);  // a core file would hold PIN and keys,
+  prctl(PR_SET_DUMPABLE, 0);      // and so would the memory that a debugger reads
+  signal(SIGPIPE, SIG_IGN);       // a write that fails is told
   try {
     return Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return Tell("Out of memory.", {}, EXIT_FAILED);
   } catch (const std::exception& error) {
-    return Tell(error.what(), {});
+    return Tell(error.what(), {}, EXIT_FAILED);
   }
 }

@@ -1,20 +1,25 @@
 // csr, self-sign: a PKCS#10 request and a self-signed certificate, signed by the device.
 #include "tools/certificates.h"
+#include "tools/options.h"
+#include "tools/output.h"
 #include "tools/session.h"
+#include "tools/subject.h"
 
 #include <openssl/pem.h>
 #include <openssl/rand.h>
-#include <openssl/x509v3.h>
 #include <CLI/CLI.hpp>
-
-#include <stdio.h>
 
 struct RequestOptions {
   std::string subject;
   std::string san;
-  std::string id = SM2_DEFAULT_ID;
-  std::string output = "-";
+  std::string keyUsage;
+  std::string extendedKeyUsage;
+  bool ca = false;
+  int pathLength = -1;
+  Scheme scheme;
+  OutputOptions output;
   int days = 365;
+  bool der = false;
   bool store = false;
   SecretSource pin;
 };
@@ -30,12 +35,47 @@ static void RequireBuilt(bool ok) {
   if (!ok) throw Failure("It could not be put together: " + OpenSslError() + ".");
 }
 
-static Extension MakeExtension(X509V3_CTX* context, int nid, const std::string& value) {
-  Extension extension(X509V3_EXT_conf_nid(nullptr, context, nid, value.c_str()));
-  if (extension) return extension;
-  throw Failure("The extension '" + value + "' is not understood: " + OpenSslError() + ".",
-                "Write alternative names like DNS:example.org,IP:192.0.2.1,email:a@example.org.");
+// --- Extensions ----------------------------------------------------------------------------------
+
+static void Push(const Extensions& list, Extension extension) {
+  RequireBuilt(extension && sk_X509_EXTENSION_push(list.get(), extension.get()) > 0);
+  extension.release();
 }
+
+static void PushText(const Extensions& list, X509V3_CTX* context, int nid,
+                     const std::string& value) {
+  Push(list, Extension(X509V3_EXT_conf_nid(nullptr, context, nid, value.c_str())));
+}
+
+// A CA without named uses signs certificates and their revocation lists.
+static std::string KeyUsageOf(const RequestOptions& options) {
+  return options.keyUsage.empty() && options.ca ? "keyCertSign,cRLSign" : options.keyUsage;
+}
+
+// Wanted are the extensions that the options ask for; `always` those of a certificate, too.
+static Extensions Wanted(const RequestOptions& options, X509V3_CTX* context, bool always) {
+  Extensions list(sk_X509_EXTENSION_new_null());
+  RequireBuilt(list != nullptr);
+  if (always || options.ca) {
+    const std::string path =
+        options.pathLength < 0 ? "" : ",pathlen:" + std::to_string(options.pathLength);
+    PushText(list, context, NID_basic_constraints,
+             options.ca ? "critical,CA:TRUE" + path : "critical,CA:FALSE");
+  }
+  if (always) PushText(list, context, NID_subject_key_identifier, "hash");
+  const std::string usage = KeyUsageOf(options);
+  if (!usage.empty()) PushText(list, context, NID_key_usage, "critical," + usage);
+  if (!options.extendedKeyUsage.empty()) {
+    PushText(list, context, NID_ext_key_usage, options.extendedKeyUsage);
+  }
+  if (!options.san.empty()) {
+    const AlternativeNames names = ParseAlternativeNames(options.san);
+    Push(list, Extension(X509V3_EXT_i2d(NID_subject_alt_name, 0, names.get())));
+  }
+  return list;
+}
+
+// --- csr -----------------------------------------------------------------------------------------
 
 static Request BuildRequest(EVP_PKEY* key, const RequestOptions& options) {
   const Name subject = ParseName(options.subject);
@@ -43,25 +83,54 @@ static Request BuildRequest(EVP_PKEY* key, const RequestOptions& options) {
   RequireBuilt(request && X509_REQ_set_version(request.get(), X509_REQ_VERSION_1) == 1 &&
                X509_REQ_set_subject_name(request.get(), subject.get()) == 1 &&
                X509_REQ_set_pubkey(request.get(), key) == 1);
-  if (options.san.empty()) return request;
-  const Extensions list(sk_X509_EXTENSION_new_null());
-  Extension san = MakeExtension(nullptr, NID_subject_alt_name, options.san);
-  RequireBuilt(list && sk_X509_EXTENSION_push(list.get(), san.get()) > 0);
-  san.release();
-  RequireBuilt(X509_REQ_add_extensions(request.get(), list.get()) == 1);
+  X509V3_CTX context = {};
+  X509V3_set_ctx(&context, nullptr, nullptr, request.get(), nullptr, 0);
+  const Extensions list = Wanted(options, &context, false);
+  if (sk_X509_EXTENSION_num(list.get()) > 0) {
+    RequireBuilt(X509_REQ_add_extensions(request.get(), list.get()) == 1);
+  }
   return request;
 }
 
-static void MakeRequest(const Target& target, const RequestOptions& options) {
-  const KeypairSession session(target);
-  const PublicPart key = PublicPartOf(session.keypair.get());
-  const Request request = BuildRequest(key.key.get(), options);
-  Unlock(session.device(), options.pin);
-  SignRequest(request.get(), {session.keypair.get(), key, options.id});
-  const Bio memory(BIO_new(BIO_s_mem()));
-  RequireBuilt(memory && PEM_write_bio_X509_REQ(memory.get(), request.get()) == 1);
-  WriteText(options.output, TextOf(memory.get()));
+static Bytes ToDer(X509_REQ* request) {
+  unsigned char* raw = nullptr;
+  const int length = i2d_X509_REQ(request, &raw);
+  RequireBuilt(length > 0);
+  const OpensslBytes der(raw);
+  return Bytes(raw, raw + length);
 }
+
+static std::string PemOf(X509_REQ* request) {
+  const Bio memory(BIO_new(BIO_s_mem()));
+  RequireBuilt(memory && PEM_write_bio_X509_REQ(memory.get(), request) == 1);
+  return TextOf(memory.get());
+}
+
+static OutputFile OutputOf(const Target& target, const RequestOptions& options) {
+  return OutputFile(options.output, options.der ? Output::BINARY : Output::TEXT, target,
+                    {options.pin.file});
+}
+
+static void CheckOptions(const RequestOptions& options) {
+  if (options.pathLength >= 0 && !options.ca) {
+    throw Failure(EXIT_USAGE, "--path-length is for a CA: add --ca.");
+  }
+}
+
+static void MakeRequest(const Target& target, const RequestOptions& options) {
+  CheckOptions(options);
+  const OutputFile output = OutputOf(target, options);
+  KeypairSession session(target);
+  const PublicPart key = PublicPartOf(session.keypair.get());
+  RequireFitting(options.scheme, key.kind);
+  const Request request = BuildRequest(key.key.get(), options);
+  Unlock(session, options.pin);
+  SignRequest(request.get(), {session.keypair.get(), key, options.scheme});
+  if (options.der) return output.Write(ToDer(request.get()));
+  output.Write(PemOf(request.get()));
+}
+
+// --- self-sign -----------------------------------------------------------------------------------
 
 static void SetSerialNumber(X509* cert) {
   unsigned char bytes[16];
@@ -69,13 +138,6 @@ static void SetSerialNumber(X509* cert) {
   bytes[0] = static_cast<unsigned char>((bytes[0] & 0x7f) | 0x40);  // positive, and of full length
   const BigNum number(BN_bin2bn(bytes, sizeof bytes, nullptr));
   RequireBuilt(number && BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(cert)) != nullptr);
-}
-
-static void AddExtension(X509* cert, int nid, const std::string& value) {
-  X509V3_CTX context = {};
-  X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
-  const Extension extension = MakeExtension(&context, nid, value);
-  RequireBuilt(X509_add_ext(cert, extension.get(), -1) == 1);
 }
 
 static Certificate BuildCertificate(EVP_PKEY* key, const RequestOptions& options) {
@@ -89,26 +151,47 @@ static Certificate BuildCertificate(EVP_PKEY* key, const RequestOptions& options
                X509_time_adj_ex(X509_getm_notAfter(cert.get()), options.days, 0, nullptr) !=
                    nullptr &&
                X509_set_pubkey(cert.get(), key) == 1);
-  AddExtension(cert.get(), NID_basic_constraints, "critical,CA:FALSE");
-  AddExtension(cert.get(), NID_subject_key_identifier, "hash");
-  if (!options.san.empty()) AddExtension(cert.get(), NID_subject_alt_name, options.san);
+  X509V3_CTX context = {};
+  X509V3_set_ctx(&context, cert.get(), cert.get(), nullptr, nullptr, 0);
+  const Extensions list = Wanted(options, &context, true);
+  for (int i = 0; i < sk_X509_EXTENSION_num(list.get()); i++) {
+    RequireBuilt(X509_add_ext(cert.get(), sk_X509_EXTENSION_value(list.get(), i), -1) == 1);
+  }
   return cert;
 }
 
-static void SelfSign(const Target& target, const RequestOptions& options) {
-  const KeypairSession session(target);
-  Keypair* keypair = session.keypair.get();
-  const PublicPart key = PublicPartOf(keypair);
-  const Certificate cert = BuildCertificate(key.key.get(), options);
-  Unlock(session.device(), options.pin);
-  SignCertificate(cert.get(), {keypair, key, options.id});
-  const Bytes der = ToDer(cert.get());
-  WritePem(options.output, der);  // first: what is stored is stored for good
-  if (options.store) {
-    RequireChange(DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
-                  "store the certificate");
-  }
+static void RequireRoom(Keypair* keypair) {
+  if (DeviceGetCertificateCount(keypair) < MAX_CERTS) return;
+  throw Failure("Keypair " + NameOf(keypair) + " has 10 certificates, the most that fit.",
+                "'softdevice cert delete' makes room.");
 }
+
+static void SelfSign(const Target& target, const RequestOptions& options) {
+  CheckOptions(options);
+  const OutputFile output = OutputOf(target, options);
+  KeypairSession session(target);
+  const PublicPart key = PublicPartOf(session.keypair.get());
+  RequireFitting(options.scheme, key.kind);
+  if (options.store) RequireRoom(session.keypair.get());
+  const Certificate cert = BuildCertificate(key.key.get(), options);
+  Unlock(session, options.pin);
+  Keypair* keypair = session.keypair.get();
+  if (options.store) RequireRoom(keypair);
+  SignCertificate(cert.get(), {keypair, key, options.scheme});
+  const Bytes der = ToDer(cert.get());
+  // First: what is stored is stored for good.
+  if (options.der) {
+    output.Write(der);
+  } else {
+    output.Write(CertificatePem(der));
+  }
+  if (!options.store) return;
+  RequireChange(session.device.get(),
+                DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
+                "store the certificate on the device");
+}
+
+// --- Options -------------------------------------------------------------------------------------
 
 static void AddCommon(CLI::App* command, Target& target, RequestOptions& options) {
   command
@@ -117,11 +200,29 @@ static void AddCommon(CLI::App* command, Target& target, RequestOptions& options
       ->required();
   command->add_option("--san", options.san, "Alternative names, like DNS:example.org,IP:192.0.2.1")
       ->type_name("NAMES");
-  command->add_option("--id", options.id, "User id that an SM2 signature covers")
+  command
+      ->add_option("--key-usage", options.keyUsage,
+                   "Uses of the key, like digitalSignature,keyEncipherment")
+      ->type_name("USES")
+      ->check(CheckKeyUsage);
+  command
+      ->add_option("--extended-key-usage", options.extendedKeyUsage,
+                   "Purposes, like serverAuth,clientAuth, or object identifiers")
+      ->type_name("USES")
+      ->check(CheckExtendedKeyUsage);
+  command->add_flag("--ca", options.ca, "For a certificate authority");
+  command->add_option("--path-length", options.pathLength, "Authorities that may stand below it")
+      ->type_name("N")
+      ->check(CLI::Range(0, 100).description(""));
+  command->add_option("--hash", options.scheme.hash, "sha256, sha384 or sha512; SM2 takes SM3")
+      ->type_name("HASH")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"sha256", "sha384", "sha512"}).description(""));
+  command->add_option("--id", options.scheme.id, "User id that an SM2 signature covers")
       ->capture_default_str()
       ->type_name("ID");
-  command->add_option("-o,--output", options.output, "PEM file to write [standard output]")
-      ->type_name("FILE");
+  command->add_flag("--der", options.der, "Write DER instead of PEM");
+  AddOutputOptions(*command, options.output, "File to write");
   AddKeypairOptions(*command, target);
   AddSecretOptions(*command, options.pin, "pin", "PIN");
 }

@@ -1,33 +1,63 @@
-// PINs and passphrases from a file, the environment or the terminal.
+// PINs and passphrases from a file, a descriptor, the environment or the terminal.
 #include "tools/secret.h"
 
-#include "core/owners.h"
-#include "core/secret.h"
-#include "tools/files.h"
+#include "tools/output.h"
+#include "tools/pin_strength.h"
+#include "tools/report.h"
+#include "tools/terminal.h"
 
-#include <openssl/ui.h>
-
+#include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 #include <algorithm>
 
-using Dialogue = std::unique_ptr<UI, Release<UI_free>>;
+static constexpr char BYTE_ORDER_MARK[] = "\xef\xbb\xbf";  // some editors put it before the text
 
-static SecretText FromLine(const unsigned char* line, size_t length, const std::string& what) {
-  if (length > 0 && line[length - 1] == '\r') length--;
-  if (length > SECRET_MAX || std::find(line, line + length, 0) != line + length) {
+// CheckLine makes a secret of one line, without what ends it.
+static SecretText CheckLine(SecretText line, const std::string& what) {
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  const std::string_view text(line.data(), line.size());
+  if (text.starts_with(BYTE_ORDER_MARK)) line.erase(line.begin(), line.begin() + 3);
+  if (text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff")) {
+    throw Failure("The " + what + " stands in UTF-16.", "Save the file as UTF-8 or plain ASCII.");
+  }
+  if (line.size() > SECRET_MAX || std::find(line.begin(), line.end(), '\0') != line.end()) {
     throw Failure("The " + what + " is too long or holds a NUL.",
                   "At most " + std::to_string(SECRET_MAX) + " characters are taken.");
   }
-  SecretText text(length + 1);
-  std::copy_n(line, length, text.begin());
-  return text;
+  line.push_back('\0');
+  return line;
+}
+
+// Byte by byte: nothing behind the line is taken, and nothing but the line is waited for.
+static SecretText FirstLine(int fd, const std::string& path, const std::string& what) {
+  SecretText line;
+  line.reserve(SECRET_MAX + sizeof BYTE_ORDER_MARK + 2);
+  char c = 0;
+  while (line.size() < line.capacity()) {
+    const ssize_t count = read(fd, &c, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw Failure("Can't read " + path + ": " + SystemError() + ".");
+    if (count == 0 || c == '\n') break;
+    line.push_back(c);
+  }
+  OPENSSL_cleanse(&c, sizeof c);
+  return CheckLine(std::move(line), what);
 }
 
 static SecretText FromFile(const std::string& path, const std::string& what) {
-  const Secret content = ReadSecretInput(path);
-  const auto end = std::find(content.begin(), content.end(), '\n');
-  return FromLine(content.data(), static_cast<size_t>(end - content.begin()), what);
+  const FileHandle file(OpenInput(path));
+  RemarkReadable(file.fd, path);
+  return FirstLine(file.fd, path, what);
+}
+
+static SecretText FromDescriptor(int fd, const std::string& what) {
+  if (fcntl(fd, F_GETFD) < 0) {
+    throw Failure("Descriptor " + std::to_string(fd) + ", for the " + what + ", is not open.");
+  }
+  return FirstLine(fd, "descriptor " + std::to_string(fd), what);
 }
 
 static SecretText FromEnvironment(const std::string& name, const std::string& what) {
@@ -36,47 +66,31 @@ static SecretText FromEnvironment(const std::string& name, const std::string& wh
     throw Failure("The environment variable " + name + ", for the " + what + ", is not set.",
                   "Is it exported?");
   }
-  SecretText text = FromLine(reinterpret_cast<unsigned char*>(value), strlen(value), what);
-  OPENSSL_cleanse(value, strlen(value));  // a core file need not hold it
-  return text;
+  SecretText text(value, value + strlen(value));
+  OPENSSL_cleanse(value, strlen(value));  // /proc shows the environment to who may look
+  setenv(name.c_str(), "", 1);
+  return CheckLine(std::move(text), what);
 }
 
-static SecretText FromTerminal(const std::string& prompt, int flags, const std::string& advice) {
-  // Without a terminal the dialogue would fall back to standard input, which may be the data.
-  if (!HasTerminal()) throw Failure("There is no terminal to ask on.", advice);
-  SecretText text(SECRET_MAX + 1);
-  const Dialogue dialogue(UI_new_method(UI_OpenSSL()));
-  if (!dialogue ||
-      UI_add_input_string(dialogue.get(), prompt.c_str(), flags, text.data(), 0,
-                          static_cast<int>(SECRET_MAX)) <= 0 ||
-      UI_process(dialogue.get()) != 0) {
-    throw Failure("Nothing was read from the terminal, or more than " + std::to_string(SECRET_MAX) +
-                  " characters.");
-  }
-  text.resize(strlen(text.data()) + 1);
-  return text;
-}
-
-static SecretText Ask(const std::string& prompt) {
-  return FromTerminal(prompt + ": ", 0,
-                      "--help names the options that take it from a file or the environment.");
+static SecretText AskSecret(const std::string& prompt) {
+  return Ask(prompt + ": ", true,
+             "--help names the options that take it from a file or the environment.");
 }
 
 SecretText ReadSecret(const SecretSource& source, const std::string& what) {
   if (!source.file.empty()) return FromFile(source.file, what);
   if (!source.env.empty()) return FromEnvironment(source.env, what);
-  return Ask(what);
+  if (source.fd >= 0) return FromDescriptor(source.fd, what);
+  return AskSecret(what);
 }
 
 SecretText ReadNewPin(const SecretSource& source, const std::string& what) {
   SecretText pin = ReadSecret(source, what);
   if (pin.size() == 1) throw Failure("An empty PIN would protect nothing.", "Choose another.");
-  if (source.file.empty() && source.env.empty() && Ask("Once more, to be sure") != pin) {
+  if (source.isTerminal() && AskSecret("Once more, to be sure") != pin) {
     throw Failure("The two entries differ; nothing was changed.", "Please try again.");
   }
+  const std::string weakness = PinWeakness(pin);
+  if (!weakness.empty()) Remark(weakness);
   return pin;
-}
-
-std::string AskOnTerminal(const std::string& question, const std::string& advice) {
-  return FromTerminal(question, UI_INPUT_FLAG_ECHO, advice).data();
 }

@@ -35,12 +35,8 @@ inline constexpr size_t SECRET_MAX = 255;  // characters
 // it, as in "PIN of device Demo".
 SecretText ReadSecret(const SecretSource& source, const std::string& what);
 
-// ReadNewPin is for a PIN that is about to be set: not empty, and asked twice on the terminal,
-// since a typo would lock the keys away.
+// ReadNewPin is for a PIN that is about to be set: not empty, asked twice on the terminal, since a
+// typo would lock the keys away, and remarked on when it is quickly guessed.
 SecretText ReadNewPin(const SecretSource& source, const std::string& what);
-
-// AskOnTerminal asks a question, with echo, and returns the answer; `advice` tells how to do
-// without a terminal.
-std::string AskOnTerminal(const std::string& question, const std::string& advice);
 
 #endif

@@ -1,164 +1,248 @@
 // Starting the module, choosing device and keypair, verifying the PIN.
 #include "tools/session.h"
 
-#include "store/change.h"
+#include "device/change.h"
+#include "keypair/keypair.h"
+#include "tools/choice.h"
 #include "tools/files.h"
+#include "tools/scan_report.h"
 
+#include <errno.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
 
-std::string FolderOf(const Target& target) {
-  if (!target.folder.empty()) {
-    return target.folder.ends_with('/') ? target.folder : target.folder + "/";
-  }
-  const UtilText own(GetCertificatKeyFilePath());
-  if (!own) throw std::bad_alloc();
-  return own.get();
+// --- The folder ----------------------------------------------------------------------------------
+
+static std::string WithSlash(const std::string& folder) {
+  return folder.ends_with('/') ? folder : folder + "/";
 }
+
+// A set-user-id program must not be led elsewhere by who calls it.
+static std::string FolderOfEnvironment() {
+  const char* folder = secure_getenv("VAKRO_FOLDER");
+  return folder == nullptr || *folder == '\0' ? "" : WithSlash(folder);
+}
+
+std::string FolderOf(const Target& target) {
+  if (!target.folder.empty()) return WithSlash(target.folder);
+  const std::string environment = FolderOfEnvironment();
+  return environment.empty() ? DEFAULT_FOLDER : environment;
+}
+
+std::vector<std::string> KeyFolders(const Target& target) {
+  return {FolderOf(target), DEFAULT_FOLDER, FolderOfEnvironment()};
+}
+
+void RefuseOpen(const std::string& path, bool looking) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return;
+  const bool writable = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  const bool foreign = status.st_uid != geteuid() && status.st_uid != 0;
+  if (writable || foreign) {
+    const std::string what =
+        path + (writable ? " can be written by others: they may swap keys and certificates."
+                         : " belongs to another user, who may swap keys and certificates.");
+    if (looking || g_manner.unsafe) return Warn(what);
+    throw Failure(what, (writable ? "chmod go-w " + path + ", or go" : "Go") +
+                            " on all the same with --unsafe.");
+  }
+  if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    Remark(path + " can be read by others, who may try PINs on a copy (chmod 600 " + path + ").");
+  }
+}
+
+// --- Loading -------------------------------------------------------------------------------------
 
 Module::Module(const Target& target) {
-  if (DeviceInit() != VAKRO_OK || DeviceSetKeyFolder(FolderOf(target).c_str()) != VAKRO_OK)
-    throw std::bad_alloc();
+  const std::string folder = FolderOf(target);
+  if (DeviceSetKeyFolder(folder.c_str()) != VAKRO_OK) throw std::bad_alloc();
 }
 
-static DeviceSet* LoadDevices() {
+static DeviceSet* LoadDevices(const Target& target, bool looking) {
+  const std::string folder = FolderOf(target);
+  if (access(folder.c_str(), F_OK) == 0) RefuseOpen(folder, looking);
+  const Backups before = BackupsIn(folder);
   DeviceSet* devices = DeviceGetAllDevices();
-  if (devices != nullptr) return devices;
-  throw Failure(
-      "Can't list the key folder " + std::string(g_keyFolder) + ": " + SystemError() + ".",
-      "'softdevice create' makes the folder and a first device; --folder names another.");
-}
-
-Folder::Folder(const Target& target) : module(target), devices(LoadDevices()) {}
-
-std::string LabelOf(Device* device) { return Printable(device->label); }
-std::string SerialNumberOf(Device* device) { return Printable(device->serialNumber); }
-std::string LabelOf(Keypair* keypair) { return Printable(keypair->label); }
-
-static std::string NameOf(Device* device) {
-  return SerialNumberOf(device) + " (" + LabelOf(device) + ")";
-}
-
-static std::string NameOf(Keypair* keypair) {
-  return LabelOf(keypair) + " (type " + std::to_string(DeviceGetKeypairType(keypair)) + ")";
-}
-
-template <class Record>
-static std::string Names(const std::vector<Record*>& records) {
-  std::string names;
-  for (Record* record : records) names += (names.empty() ? "" : ", ") + NameOf(record);
-  return names;
-}
-
-// Choose returns the one candidate, or says why there is none or more than one.
-template <class Record>
-static Record* Choose(const std::vector<Record*>& fitting, const std::vector<Record*>& all,
-                      const std::string& what, const std::string& option, const std::string& none) {
-  if (fitting.size() == 1) return fitting.front();
-  if (all.empty()) throw Failure("There is no " + what + " yet.", none);
-  if (fitting.empty()) throw Failure("No such " + what + ".", "There is: " + Names(all) + ".");
-  throw Failure("Several " + what + "s could be meant: " + Names(fitting) + ".",
-                "Choose one with " + option + ".");
-}
-
-static Device* ChooseDevice(DeviceSet* set, const std::string& name) {
-  const std::vector<Device*> all(set->devices, set->devices + set->count);
-  std::vector<Device*> fitting;
-  // A serial number goes before a label that reads the same.
-  for (Device* d : all) {
-    if (name.empty() || name == d->serialNumber) fitting.push_back(d);
+  if (devices != nullptr) {
+    SayWhatWasMended(before);
+    return devices;
   }
-  if (fitting.empty()) {
-    std::copy_if(all.begin(), all.end(), std::back_inserter(fitting),
-                 [&](Device* d) { return name == d->label; });
-  }
-  return Choose(fitting, all, "device", "--device",
-                "'softdevice create' makes one; 'softdevice list' shows what the folder holds.");
+  const bool missing = errno == ENOENT;
+  throw Failure(missing ? EXIT_NOT_FOUND : EXIT_FAILED,
+                "Can't list the key folder " + folder + ": " + SystemError() + ".",
+                missing ? "'softdevice create' makes the folder and a first device; --folder names "
+                          "another."
+                        : "");
 }
 
-static Device* HandleOf(DeviceSet* set, const std::string& name) {
+Folder::Folder(const Target& target, bool looking)
+    : module(target), devices(LoadDevices(target, looking)) {}
+
+static DeviceHandle HandleOf(DeviceSet* set, const Device* chosen) {
   Device** const end = set->devices + set->count;
-  Device** const found = std::find(set->devices, end, ChooseDevice(set, name));
-  Device* device = DeviceGetDevice(set, static_cast<unsigned int>(found - set->devices));
-  if (device == nullptr) throw Failure("The device could not be opened.");
+  Device** const found = std::find(set->devices, end, chosen);
+  DeviceHandle device(DeviceGetDevice(set, static_cast<unsigned int>(found - set->devices)));
+  if (!device) throw Failure("The device could not be opened.");
   return device;
 }
 
-Session::Session(const Target& target)
-    : folder(target), device(HandleOf(folder.devices.get(), target.device)) {}
+Session::Session(const Target& target, bool looking)
+    : folder(target, looking),
+      device(HandleOf(folder.devices.get(), ChooseDevice(folder.devices.get(), target.device))) {
+  RefuseOpen(device->filePath, looking);
+}
 
-static Keypair* ChooseKeypair(Device* device, const Target& target) {
-  const std::vector<Keypair*> all(device->keypairs, device->keypairs + device->keypairCount);
-  std::vector<Keypair*> fitting;
-  for (Keypair* k : all) {
-    if (!target.keypair.empty() && target.keypair != k->label) continue;
-    if (target.type == 0 || target.type == k->type) fitting.push_back(k);
-  }
-  Keypair* chosen = Choose(fitting, all, "keypair", "--keypair (and --type)",
-                           "'softdevice keygen' and 'softdevice import' make one.");
-  const auto index = std::find(all.begin(), all.end(), chosen) - all.begin();
-  Keypair* keypair = DeviceGetKeypair(device, static_cast<int>(index));
-  if (keypair == nullptr) throw Failure("The keypair could not be opened.");
+void Session::Reload() {
+  Device* fresh = nullptr;
+  const int result = LoadDevice(device->filePath, &fresh);
+  if (result == 1) return device.reset(fresh);
+  throw Failure("The device file " + std::string(device->filePath) +
+                (result == 0 ? " is gone or damaged by now." : " can't be read just now."));
+}
+
+static KeypairHandle HandleOf(Device* device, Keypair* chosen) {
+  Keypair** const end = device->keypairs + device->keypairCount;
+  KeypairHandle keypair(DeviceGetKeypair(
+      device, static_cast<int>(std::find(device->keypairs, end, chosen) - device->keypairs)));
+  if (!keypair) throw Failure("The keypair could not be opened.");
   return keypair;
 }
 
-KeypairSession::KeypairSession(const Target& target)
-    : session(target), keypair(ChooseKeypair(session.device.get(), target)) {}
+KeypairSession::KeypairSession(const Target& target, bool looking)
+    : Session(target, looking),
+      keypair(HandleOf(device.get(), ChooseKeypair(device.get(), target))) {}
 
-static std::string WhyPassedOver(const std::string& path) {
-  if (access(path.c_str(), R_OK) != 0) return SystemError();
-  FileImage image;
-  const Found found = ReadImage(path.c_str(), &image);
-  if (found == Found::UNKNOWN) return "could not be read";
-  return found == Found::GOOD ? "not loaded" : "damaged, or no device file";
+static bool SameKeypair(const Keypair* a, const Keypair* b) {
+  return a->type == b->type && strcmp(a->label, b->label) == 0 &&
+         a->publicKeyLen == b->publicKeyLen &&
+         memcmp(a->publicKey, b->publicKey, static_cast<size_t>(a->publicKeyLen)) == 0;
 }
 
-std::vector<std::string> PassedOver(DeviceSet* set) {
-  char *rawFiles = nullptr, *rawBackups = nullptr;
-  unsigned int filesLen = 0, backupsLen = 0;
-  if (GetAllCertificateKeyFileName(g_keyFolder, &rawFiles, &filesLen, &rawBackups, &backupsLen) !=
-      1) {
-    return {};
-  }
-  const UtilText files(rawFiles), backups(rawBackups);
-  std::vector<std::string> left;
-  for (const char* name = rawFiles; name < rawFiles + filesLen; name += strlen(name) + 1) {
-    const std::string path = g_keyFolder + std::string(name);
-    Device** const end = set->devices + set->count;
-    if (std::none_of(set->devices, end, [&](Device* d) { return path == d->filePath; })) {
-      left.push_back(Printable(path) + ": " + WhyPassedOver(path));
-    }
-  }
-  return left;
+Keypair* SameKeypairIn(Device* device, const Keypair* keypair) {
+  Keypair** const end = device->keypairs + device->keypairCount;
+  Keypair** const found =
+      std::find_if(device->keypairs, end, [&](Keypair* k) { return SameKeypair(k, keypair); });
+  if (found != end) return *found;
+  throw Failure(EXIT_NOT_FOUND, "Keypair " + std::string(keypair->label) +
+                                    " is gone by now; another program has changed the device.");
 }
 
-SecretText Unlock(Device* device, const SecretSource& source) {
-  SecretText pin = DeviceGetKeypairCount(device) == 0
-                       ? ReadNewPin(source, "New PIN for device " + LabelOf(device))
-                       : ReadSecret(source, "PIN of device " + LabelOf(device));
+// The handle of before keeps its record alive until the same keypair is found in the new one.
+void KeypairSession::Reload() {
+  const KeypairHandle before = std::move(keypair);
+  Session::Reload();
+  keypair = HandleOf(device.get(), SameKeypairIn(device.get(), before.get()));
+}
+
+// --- The PIN -------------------------------------------------------------------------------------
+
+static bool Opens(const Keypair* keypair, const SecretText& pin) {
+  int curve = 0;
+  const EvpKey key(DecryptKeyPair(keypair->algorithm, keypair, pin.data(), &curve));
+  return key != nullptr;
+}
+
+[[noreturn]] static void FailWrongPin(Device* device) {
+  throw Failure(EXIT_WRONG_PIN, "Wrong PIN for device " + NameOf(device) + ".",
+                "Nothing is counted, so try again.");
+}
+
+void ProvePin(Device* device, const SecretText& pin) {
+  Keypair** const end = device->keypairs + device->keypairCount;
+  if (std::any_of(device->keypairs, end, [&](Keypair* k) { return Opens(k, pin); })) return;
+  FailWrongPin(device);
+}
+
+// A wrong PIN opens nothing. Where it opens one keypair, it is the device's, and what does not open
+// is damaged, from another device, or of a kind that can't be opened.
+static void ExplainWrongPin(Device* device, const SecretText& pin) {
+  std::vector<std::string> closed;
+  for (int i = 0; i < device->keypairCount; i++) {
+    if (!Opens(device->keypairs[i], pin)) closed.push_back(NameOf(device->keypairs[i]));
+  }
+  if (closed.size() == static_cast<size_t>(device->keypairCount)) FailWrongPin(device);
+  throw Failure("The PIN of device " + NameOf(device) + " is right, but keypair " + Join(closed) +
+                    " does not open, which keeps the whole device shut.",
+                "'softdevice check' says what is wrong there. 'softdevice restore' takes a backup; "
+                "'softdevice delete-keypair' gives the keypair up and opens the others.");
+}
+
+void Verify(Device* device, const SecretText& pin) {
   switch (DeviceVerifyPwd(device, PIN_TYPE_USER, pin.data(), nullptr)) {
     case VAKRO_OK:
-      return pin;
+      return;
     case VAKRO_WRONG_PIN:
-      throw Failure("Wrong PIN for device " + LabelOf(device) + ".",
-                    "Nothing is counted, so try again. If the PIN is certain, a keypair in the "
-                    "device file is damaged: put a copy of the file back.");
+      return ExplainWrongPin(device, pin);
     default:
       throw Failure("The PIN could not be verified: out of memory?");
   }
 }
 
-void RequireChange(int result, const std::string& what) {
+SecretText Unlock(Session& session, const SecretSource& source) {
+  if (session.device->keypairCount == 0) {
+    throw Failure("Device " + NameOf(session.device.get()) + " has no keypairs, and so no PIN.",
+                  "'softdevice keygen' and 'softdevice import' give it both.");
+  }
+  SecretText pin = ReadSecret(source, "PIN of device " + NameOf(session.device.get()));
+  session.Reload();
+  Verify(session.device.get(), pin);
+  return pin;
+}
+
+SecretText UnlockForFirst(Session& session, const SecretSource& source, bool saidNew) {
+  if (session.device->keypairCount > 0) return Unlock(session, source);
+  const std::string name = NameOf(session.device.get());
+  if (!source.isTerminal() && !saidNew) {
+    throw Failure(EXIT_USAGE, "Device " + name + " has no PIN yet; this one would become its PIN.",
+                  "--new-pin says that this is meant.");
+  }
+  Remark("Device " + name + " has no PIN yet: you are setting a new one.");
+  SecretText pin = ReadNewPin(source, "New PIN for device " + name);
+  session.Reload();
+  if (session.device->keypairCount > 0) {
+    throw Failure("Device " + name + " has been given a keypair and a PIN meanwhile.");
+  }
+  Verify(session.device.get(), pin);
+  return pin;
+}
+
+// --- What went wrong -----------------------------------------------------------------------------
+
+static constexpr unsigned long ROOM_NEEDED = 1UL << 20;  // bytes; about the largest usual file
+
+std::string WhyNotWritten(const std::string& path) {
+  const int cause = errno;
+  const std::string folder = path.substr(0, path.rfind('/') + 1);
+  if (access(folder.c_str(), W_OK) != 0) {
+    return "the folder " + folder + " can't be written: " + SystemError();
+  }
+  if (access(path.c_str(), W_OK) != 0) return path + " can't be written: " + SystemError();
+  struct statvfs room = {};
+  if (statvfs(folder.c_str(), &room) == 0) {
+    if (room.f_bavail * room.f_frsize < ROOM_NEEDED) return "the disk is full, or nearly so";
+    if (room.f_files > 0 && room.f_favail == 0) return "the disk has no room for another file";
+  }
+  if (cause == ETIMEDOUT || cause == EAGAIN) {
+    return "another program holds the device file and does not go on";
+  }
+  errno = cause;
+  return cause == 0 ? "the device file has changed or is damaged" : SystemError();
+}
+
+void RequireChange(Device* device, int result, const std::string& what) {
   switch (result) {
     case VAKRO_OK:
-      return;
+      return NoteChange(what);
     case VAKRO_ALREADY_EXISTS:
-      throw Failure("Can't " + what + ": it exists already.", "Choose another label, id or type.");
+      throw Failure(EXIT_EXISTS, "Can't " + what + ": it exists already.",
+                    "Choose another label, number or type.");
+    case VAKRO_NO_SUCH_DATA:
+      throw Failure(EXIT_NOT_FOUND, "Can't " + what + ": it is gone by now.");
     default:
-      throw Failure("Can't " + what + "; the device is as it was.",
-                    "Is the folder " + std::string(g_keyFolder) +
-                        " writable and the disk not full? The module keeps at most 64 keypairs on "
-                        "a device and 10 certificates on a keypair.");
+      throw Failure("Can't " + what + ": " + WhyNotWritten(device->filePath) + ".",
+                    "The device is as it was.");
   }
 }

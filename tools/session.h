@@ -6,6 +6,7 @@
 #include "core/openssl_owners.h"
 #include "core/secret.h"
 #include "device/device.h"
+#include "tools/report.h"
 #include "tools/secret.h"
 #include "tools/tool.h"
 
@@ -14,51 +15,89 @@ using DeviceHandle = std::unique_ptr<Device, Release<DeviceFreeDevice>>;
 using KeypairHandle = std::unique_ptr<Keypair, Release<DeviceFreeKeypair>>;
 using PublicHandle = std::unique_ptr<PublicKey, Release<DeviceFreePublicKey>>;
 
-std::string FolderOf(const Target& target);  // with a slash at its end
+inline constexpr char DEFAULT_FOLDER[] = "/etc/.VAKRO/SoftwareCert/";  // the module's own
 
-// The module, started. It works on the target's folder, or its own.
+// FolderOf is the folder to work in, with a slash at its end: --folder, VAKRO_FOLDER or the
+// module's own.
+std::string FolderOf(const Target& target);
+
+// KeyFolders are the folders that no output may lie in: FolderOf's, VAKRO_FOLDER's, the module's.
+std::vector<std::string> KeyFolders(const Target& target);
+
+// RefuseOpen fails where others may write the folder or the file at `path`, unless --unsafe;
+// `looking`, for a command that only looks, warns instead. Remarks where others may read a file.
+void RefuseOpen(const std::string& path, bool looking);
+
+// The module, which main has started, at work on the target's folder.
 struct Module {
   explicit Module(const Target& target);
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-  ~Module() { DeviceEnd(); }
 };
 
-// The devices of the target's folder; fails when the folder can't be listed.
+// The devices of the target's folder; fails when the folder can't be listed. Says what the scan
+// restored and removed.
 struct Folder {
   const Module module;
   const SetHandle devices;
-  explicit Folder(const Target& target);
+  explicit Folder(const Target& target, bool looking = false);
 };
 
 // The device that the target names.
 struct Session {
   const Folder folder;
-  const DeviceHandle device;
-  explicit Session(const Target& target);
+  DeviceHandle device;
+  explicit Session(const Target& target, bool looking = false);
+
+  // Reload reads the device file again: a prompt may have waited while others worked.
+  virtual void Reload();
+  virtual ~Session() = default;
 };
 
 // The keypair that the target names on the device.
-struct KeypairSession {
-  const Session session;
-  const KeypairHandle keypair;
-  explicit KeypairSession(const Target& target);
-  Device* device() const { return session.device.get(); }
+struct KeypairSession : Session {
+  KeypairHandle keypair;
+  explicit KeypairSession(const Target& target, bool looking = false);
+  void Reload() override;  // finds the same keypair again, or fails
 };
 
-// PassedOver names the files of the folder that were not taken for devices, each with the reason.
-std::vector<std::string> PassedOver(DeviceSet* devices);
+// A file of the folder that was not taken for a device, and why.
+struct Passed {
+  std::string path;
+  std::string reason;
+};
+std::vector<Passed> PassedOver(DeviceSet* devices);
 
-std::string LabelOf(Device* device);         // printable
-std::string SerialNumberOf(Device* device);  // printable
-std::string LabelOf(Keypair* keypair);       // printable
+std::string NameOf(Device* device);    // label and serial number
+std::string NameOf(Keypair* keypair);  // label; with the type where the label alone is not enough
+std::string FileNameOf(Device* device);
 
-// Unlock verifies the PIN and returns it. On a device without keypairs this sets the PIN, so it is
-// asked twice.
-SecretText Unlock(Device* device, const SecretSource& source);
+// KeypairsIn are the keypairs of a record as people know them: without the anchor, which only holds
+// the PIN. IndexOf counts these, from 1.
+std::vector<Keypair*> KeypairsIn(Device* device);
+int IndexOf(Keypair* keypair);
+
+// SameKeypairIn finds a keypair in another record of the same device, or fails.
+Keypair* SameKeypairIn(Device* device, const Keypair* keypair);
+
+// Unlock asks for the PIN, reads the device file anew, and verifies. A PIN that opens some keypairs
+// and not others is told from a wrong one.
+SecretText Unlock(Session& session, const SecretSource& source);
+
+// ProvePin fails unless the PIN opens the stored blob of some keypair, whatever is in it.
+void ProvePin(Device* device, const SecretText& pin);
+
+// Verify fails unless the PIN opens every keypair of the device.
+void Verify(Device* device, const SecretText& pin);
+
+// UnlockForFirst is for a command that gives the device a keypair. A device that has none takes any
+// PIN, so it is asked twice, or taken from elsewhere only if the user has said that it is a new
+// one.
+SecretText UnlockForFirst(Session& session, const SecretSource& source, bool saidNew);
+
+// WhyNotWritten says what keeps a device file from being written: rights, room, a lock.
+std::string WhyNotWritten(const std::string& path);
 
 // RequireChange fails unless `result`, of a call that changes the device file, is success; `what`
 // was to be done, as in "store the keypair".
-void RequireChange(int result, const std::string& what);
+void RequireChange(Device* device, int result, const std::string& what);
 
 #endif

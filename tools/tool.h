@@ -1,8 +1,11 @@
-// What the commands of softdevice share: how one fails, what it works on, and how its options are
-// declared. Every command throws Failure and is silent about it; main prints it.
+// What the commands of softdevice share: how one fails and what it works on. Every command throws
+// Failure and is silent about it; main prints it.
 #ifndef VAKRO_TOOLS_TOOL_H
 #define VAKRO_TOOLS_TOOL_H
 
+#include "tools/exit_status.h"
+
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -12,53 +15,57 @@ namespace CLI {
 class App;
 }
 
-enum ExitStatus { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
-
 using Bytes = std::vector<unsigned char>;
 
 // Failure ends a command: what was wrong, and what to do about it (may be empty).
 struct Failure : std::runtime_error {
   std::string advice;
+  ExitStatus status;
   explicit Failure(const std::string& what, std::string todo = {})
-      : std::runtime_error(what), advice(std::move(todo)) {}
+      : Failure(EXIT_FAILED, what, std::move(todo)) {}
+  Failure(ExitStatus why, const std::string& what, std::string todo = {})
+      : std::runtime_error(what), advice(std::move(todo)), status(why) {}
 };
 
 // What a command works on. Empty, or 0, where the user leaves the choice to us.
 struct Target {
-  std::string folder;   // the module's own when empty
-  std::string device;   // serial number or label
-  std::string keypair;  // label
+  std::string folder;   // VAKRO_FOLDER's, or the module's own, when empty
+  std::string device;   // serial number, label or file
+  std::string keypair;  // label, #number or fingerprint
   unsigned int type = 0;
 };
 
-// Where a PIN or a passphrase comes from: the terminal when both are empty.
+// Where a PIN or a passphrase comes from: the terminal when nothing is set.
 struct SecretSource {
   std::string file;
   std::string env;
+  int fd = -1;
+  bool isTerminal() const { return file.empty() && env.empty() && fd < 0; }
 };
 
-// --- Options (options.cpp): each adds to what the one before it adds
-// -------------------------------
+// Where a result goes. "-" is standard output.
+struct OutputOptions {
+  std::string path = "-";
+  bool force = false;  // replace a file that exists
+};
 
-void AddFolderOption(CLI::App& command, Target& target);    // --folder
-void AddDeviceOptions(CLI::App& command, Target& target);   // and --device
-void AddKeypairOptions(CLI::App& command, Target& target);  // and --keypair, --type
+// --- The command line as a whole (usage.cpp) -----------------------------------------------------
 
-// AddSecretOptions adds --NAME-file and --NAME-env; `what` names the secret in the help.
-void AddSecretOptions(CLI::App& command, SecretSource& source, const std::string& name,
-                      const std::string& what);
+// DescribeCommands is the tree of commands and options as JSON, for the manual and the completion.
+std::string DescribeCommands(const CLI::App& app);
 
-// --- Commands: each family adds its own
-// ------------------------------------------------------------
+// --- Commands: each family adds its own ----------------------------------------------------------
 
-void AddDeviceCommands(CLI::App& app, Target& target);  // create, list, pin change
-void AddKeypairCommands(CLI::App& app,
-                        Target& target);  // keygen, import, public-key, delete-keypair
+void AddCreateCommand(CLI::App& app, Target& target);    // create
+void AddDeviceCommands(CLI::App& app, Target& target);   // list, show, rename-device
+void AddPinCommands(CLI::App& app, Target& target);      // pin change, pin verify
+void AddKeypairCommands(CLI::App& app, Target& target);  // keygen, import, public-key...
 void AddSigningCommands(CLI::App& app, Target& target);  // sign, verify
 void AddCipherCommands(CLI::App& app, Target& target);   // encrypt, decrypt
 void AddCertCommands(CLI::App& app, Target& target);     // cert add, list, export, delete
 void AddRequestCommands(CLI::App& app, Target& target);  // csr, self-sign
-void AddDataCommands(CLI::App& app,
-                     Target& target);  // data create, list, read, write, delete, tidy
+void AddDataCommands(CLI::App& app, Target& target);     // data create, put, list, get...
+void AddBackupCommands(CLI::App& app, Target& target);   // backup, restore
+void AddCheckCommand(CLI::App& app, Target& target);     // check
 
 #endif

@@ -1,0 +1,166 @@
+// Words for the faults that store/inspect finds.
+#include "tools/inspection.h"
+
+#include "store/inspect.h"
+#include "store/store.h"
+#include "tools/text.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+
+#include <algorithm>
+
+static constexpr const char* KEYPAIR_FIELDS[] = {
+    "label",       "type", "algorithm", "bits", "salt", "iv", "public key", "encrypted private key",
+    "certificates"};
+static constexpr const char* ROOT_FIELDS[] = {"serial number", "label", "list of keypairs"};
+
+const char* WeightName(Weight weight) {
+  switch (weight) {
+    case Weight::REFUSED:
+      return "refused";
+    case Weight::SKIPPED:
+      return "passed over";
+    case Weight::WEAK:
+      return "weak";
+    default:
+      return "note";
+  }
+}
+
+static Weight WeightOf(Fault fault) {
+  if (fault <= Fault::ROOT_FIELD) return Weight::REFUSED;
+  if (fault == Fault::SAME_KEYPAIR) return Weight::NOTE;
+  return Weight::SKIPPED;
+}
+
+// The parser stops at the first byte that fits into no JSON.
+static std::string WhereJsonEnds(const Bytes& image) {
+  rapidjson::MemoryStream stream(reinterpret_cast<const char*>(image.data()) + HEADER_SIZE,
+                                 image.size() - HEADER_SIZE - DIGEST_SIZE);
+  rapidjson::BaseReaderHandler<> ignore;
+  rapidjson::Reader reader;
+  const rapidjson::ParseResult result =
+      reader.Parse<rapidjson::kParseIterativeFlag>(stream, ignore);
+  if (!result.IsError()) return "the text is JSON, but nests too deep or holds a control character";
+  return "the text is no JSON from byte " + std::to_string(HEADER_SIZE + result.Offset()) +
+         " of the file on: " + rapidjson::GetParseError_En(result.Code());
+}
+
+static std::string Numbers(const StoredFault& fault) {
+  return std::to_string(fault.found) + " where " + std::to_string(fault.wanted);
+}
+
+static std::string InWords(const StoredFault& fault, const Bytes& image) {
+  const auto field = [&](const auto& names) {
+    return "the " + std::string(names[static_cast<size_t>(fault.field)]);
+  };
+  const std::string at = std::to_string(fault.at + 1);
+  switch (fault.fault) {
+    case Fault::SHORT:
+      return "the file has " + Numbers(fault) + " bytes are the least";
+    case Fault::LENGTH_WORD:
+      return "the length word (byte 4) says " + Numbers(fault) + " fits the file's size";
+    case Fault::DIGEST:
+      return "the digest (the last 64 bytes) is not that of the text: the file is damaged";
+    case Fault::TEXT:
+      return WhereJsonEnds(image);
+    case Fault::ROOT:
+      return "the text is no array of 3 items or more";
+    case Fault::ROOT_FIELD:
+      return field(ROOT_FIELDS) + " has the wrong type or is longer than 63 bytes";
+    case Fault::KEYPAIR:
+      return "it is no array of 9 items";
+    case Fault::KEYPAIR_FIELD:
+      return field(KEYPAIR_FIELDS) + " has the wrong type or is longer than 63 bytes";
+    case Fault::KEYPAIR_HEX:
+      return field(KEYPAIR_FIELDS) + " is not hex";
+    case Fault::TOO_MANY_CERTS:
+      return "it has " + std::to_string(fault.found) + " certificates; " +
+             std::to_string(fault.wanted) + " are the most";
+    case Fault::TOO_MANY_KEYPAIRS:
+      return "it comes after the 64th, the last that is loaded";
+    case Fault::CERT:
+      return "certificate " + at + " is not base64";
+    case Fault::SAME_KEYPAIR:
+      return "it has type and label of an earlier keypair";
+    case Fault::DATAS:
+      return "the list of data objects is no array; no call on data objects works";
+    case Fault::DATA:
+      return "data object " + at + " of the list breaks the layout; no call on data objects works";
+    default:
+      return "data object " + at + " of the list has the number of an earlier one";
+  }
+}
+
+static std::string PlaceOf(const StoredFault& fault) {
+  if (fault.keypair < 0) return {};
+  return "keypair " + std::to_string(fault.keypair + 1) +
+         (fault.label.empty() ? "" : " (" + std::string(fault.label) + ")");
+}
+
+struct Collection {
+  const Bytes& image;
+  Inspection inspection;
+  std::vector<int> passedOver;
+};
+
+static void Collect(void* context, const StoredFault& fault) {
+  auto& collection = *static_cast<Collection*>(context);
+  Inspection& inspection = collection.inspection;
+  inspection.findings.push_back(
+      {WeightOf(fault.fault), PlaceOf(fault), InWords(fault, collection.image)});
+  if (fault.fault == Fault::DIGEST) inspection.digestHolds = false;
+  if (fault.fault < Fault::KEYPAIR || fault.fault > Fault::TOO_MANY_KEYPAIRS) return;
+  auto& passed = collection.passedOver;
+  if (std::find(passed.begin(), passed.end(), fault.keypair) == passed.end()) {
+    passed.push_back(fault.keypair);
+  }
+}
+
+Inspection Inspect(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) FailToOpen(path);
+  if (!S_ISREG(status.st_mode)) {
+    return {.loads = false,
+            .digestHolds = false,
+            .findings = {{Weight::REFUSED, "", "it is no regular file"}},
+            .keypairsPassedOver = 0};
+  }
+  const Bytes image = ReadInput(path);
+  Collection collection{image, {}, {}};
+  collection.inspection.digestHolds = true;
+  const int loads =
+      InspectImage(image.data(), static_cast<unsigned int>(image.size()), Collect, &collection);
+  if (loads < 0) throw std::bad_alloc();
+  collection.inspection.loads = loads == 1;
+  collection.inspection.keypairsPassedOver = static_cast<int>(collection.passedOver.size());
+  return collection.inspection;
+}
+
+bool IsDeviceFile(const std::string& path) {
+  unsigned char* raw = nullptr;
+  unsigned int size = 0;
+  const bool good = VerifyDeviceFile(path.c_str(), &raw, &size) == 1;
+  const UtilBytes image(good ? raw : nullptr);
+  return good;
+}
+
+std::string ReasonOf(const Inspection& inspection) {
+  const auto heavier = [](const Finding& a, const Finding& b) { return a.weight < b.weight; };
+  const auto heaviest =
+      std::max_element(inspection.findings.begin(), inspection.findings.end(), heavier);
+  if (heaviest == inspection.findings.end()) return {};
+  return (heaviest->where.empty() ? "" : heaviest->where + ": ") + heaviest->what;
+}
+
+Findings PassedOverKeypairs(const std::string& path) {
+  const Inspection inspection = Inspect(path);
+  Findings passed;
+  for (const Finding& finding : inspection.findings) {
+    const bool isKeypair = finding.where.starts_with("keypair ");
+    if (isKeypair && finding.weight == Weight::SKIPPED) passed.push_back(finding);
+  }
+  return passed;
+}

@@ -1,0 +1,79 @@
+// pin change, pin verify.
+#include "tools/inspection.h"
+#include "tools/options.h"
+#include "tools/repair.h"
+#include "tools/session.h"
+
+#include <CLI/CLI.hpp>
+
+#include <errno.h>
+
+struct PinOptions {
+  bool force = false;
+  SecretSource pin;
+  SecretSource newPin;
+};
+
+// A change writes all keypairs anew: one that the reader passes over would be lost.
+static void RefuseLoss(Device* device, bool force) {
+  const Findings passed = PassedOverKeypairs(device->filePath);
+  if (passed.empty()) return;
+  const std::string what =
+      "The change loses " + passed.front().where + ", which can't be read: " + passed.front().what;
+  if (!force) throw Failure(what + ".", "--force does it, after a copy of the device file.");
+  Warn(what + "; the file as it was is kept as " + KeepCopy(device->filePath) + ".");
+}
+
+static void Change(const Target& target, const PinOptions& options) {
+  Session session(target);
+  const std::string name = NameOf(session.device.get());
+  if (!options.force) RefuseLoss(session.device.get(), false);
+  const SecretText former = Unlock(session, options.pin);
+  const SecretText current = ReadNewPin(options.newPin, "New PIN for device " + name);
+  // The prompts may have taken long.
+  session.Reload();
+  Device* device = session.device.get();
+  Verify(device, former);
+  RefuseLoss(device, options.force);
+  errno = 0;
+  if (DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr) != VAKRO_OK) {
+    const std::string why = WhyNotWritten(device->filePath);
+    session.Reload();
+    const bool holds =
+        DeviceVerifyPwd(session.device.get(), PIN_TYPE_USER, former.data(), nullptr) == VAKRO_OK;
+    throw Failure("The PIN of device " + name + " could not be changed: " + why + ".",
+                  holds ? "The old PIN still holds; this was tried."
+                        : "Either PIN may hold: 'softdevice pin verify' tells.");
+  }
+  NoteChange("the PIN of device " + name + " is changed");
+  Confirm("The PIN of device " + name + " is changed.",
+          Fields{{"serial", device->serialNumber}, {"changed", true}});
+}
+
+static void VerifyPin(const Target& target, const SecretSource& pin) {
+  Session session(target);
+  Unlock(session, pin);
+  Show("The PIN of device " + Printable(NameOf(session.device.get())) + " is right.",
+       Fields{{"serial", session.device->serialNumber}, {"right", true}});
+}
+
+void AddPinCommands(CLI::App& app, Target& target) {
+  const auto options = std::make_shared<PinOptions>();
+  CLI::App* pin = app.add_subcommand("pin", "Change or verify the PIN");
+  pin->require_subcommand(1);
+
+  CLI::App* change = pin->add_subcommand("change", "Encrypt every private key under a new PIN");
+  AddDeviceOptions(*change, target);
+  change->add_flag("--force", options->force,
+                   "Also where a keypair that can't be read is lost, after a copy");
+  AddSecretOptions(*change, options->pin, "pin", "present PIN");
+  AddSecretOptions(*change, options->newPin, "new-pin", "new PIN");
+  NoteJson(*change, "{serial, changed}");
+  change->callback([&target, options] { Change(target, *options); });
+
+  CLI::App* verify = pin->add_subcommand("verify", "Tell whether a PIN is right, and do nothing");
+  AddDeviceOptions(*verify, target);
+  AddSecretOptions(*verify, options->pin, "pin", "PIN");
+  NoteJson(*verify, "{serial, right}");
+  verify->callback([&target, options] { VerifyPin(target, options->pin); });
+}
