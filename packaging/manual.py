@@ -19,6 +19,10 @@ FILES_AND_MORE = r"""
 The key folder, where no other is named. Each file in it is a device; a file whose name ends in
 .I .bak
 is the backup of a change that is under way or was interrupted.
+.SH ENVIRONMENT
+.TP
+.B VAKRO_FOLDER
+The key folder, unless an option names one.
 .SH SEE ALSO
 .BR vakro_device (3),
 .BR openssl (1)

@@ -2,6 +2,8 @@
 # The module at its main job, on real input: makes a device in a scratch folder, gives it keypairs,
 # signs this project's README with each, has openssl check the signatures, and shows what happens
 # to a wrong PIN and to a damaged device file. Works as any user; removes what it made.
+#   scripts/demo.sh           sets up and builds first
+#   scripts/demo.sh PROGRAM   runs a softdevice that is built already
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,16 +26,19 @@ refused() {
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-step "Setting up and building"
-scripts/setup.sh
-build=$PWD/build/release
-if ! mkdir -p "$build" 2>/dev/null || [ ! -w "$build" ]; then
-  build=$scratch/build
-  say "This folder is another user's: building in $build."
+if [ $# -eq 0 ]; then
+  step "Setting up and building"
+  scripts/setup.sh
+  build=$PWD/build/release
+  if ! mkdir -p "$build" 2>/dev/null || [ ! -w "$build" ]; then
+    build=$scratch/build
+    say "This folder is another user's: building in $build."
+  fi
+  cmake --preset release -B "$build" >/dev/null
+  cmake --build "$build" --target softdevice | tail -n 1 | sed 's/^/  /'
+  set -- "$build/bin/softdevice"
 fi
-cmake --preset release -B "$build" >/dev/null
-cmake --build "$build" --target softdevice | tail -n 1 | sed 's/^/  /'
-PATH=$build/bin:$PATH
+PATH=$(dirname "$1"):$PATH
 cp README.md "$scratch"
 cd "$scratch"
 document=README.md

@@ -95,6 +95,7 @@ def main(build):
                 file.write(content)
         tool = f"{usr}/bin/softdevice"
         os.chdir(scratch)
+        assert version in run(tool, "version")
         run(tool, "create", "--folder", "keys", "--label", "office", "--pin-file", "pin")
         for keypair in ("p-256", "sm2"):
             where = ["--folder", "keys", "--keypair", keypair]
