@@ -1,0 +1,252 @@
+// Hostile and unlucky neighbours: who may not write a device file can't make anyone wait; who
+// stops while he holds its lock costs a bounded time; and nothing that stands in the folder hangs,
+// costs much, or is written to.
+#include "store/lock.h"
+#include "tests/support/calls.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+
+class LocksTest : public CallsTest {
+ protected:
+  LocksTest() { g_lockPatience = 0; }
+  ~LocksTest() override { g_lockPatience = patience_; }
+
+  // A child that has stopped itself, in `body` or behind it.
+  pid_t Stopped(const std::function<void()>& body) {
+    const pid_t child = Fork([&] {
+      body();
+      raise(SIGSTOP);
+    });
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, WUNTRACED), child);
+    EXPECT_TRUE(WIFSTOPPED(status));
+    return child;
+  }
+  void End(pid_t child) {
+    kill(child, SIGKILL);
+    EXPECT_EQ(WaitFor(child), SIGKILL);
+  }
+  int Create(int id) { return DeviceCreateData(device_.get(), id, 0, 3); }
+  int ReadSize(int id) { return DeviceReadDataEx(device_.get(), id, 0, nullptr, 0, nullptr); }
+
+  const int patience_ = g_lockPatience;
+  const DeviceHandle device_ = Load();
+};
+
+TEST_F(LocksTest, WhoMayNotWriteTheFileMakesNobodyWait) {
+  if (getuid() != 0) GTEST_SKIP() << "not root";
+  ASSERT_EQ(chmod(folder_.c_str(), 0755), 0);
+  const pid_t stranger = Stopped([&] {
+    EXPECT_EQ(setuid(65534), 0);
+    const int folder = open(folder_.c_str(), O_RDONLY);
+    EXPECT_EQ(flock(folder, LOCK_EX), 0);
+    EXPECT_EQ(open(Path("dev").c_str(), O_RDONLY), -1);
+  });
+  EXPECT_EQ(Create(1), 1);
+  EXPECT_NE(Rescan(), nullptr);
+  End(stranger);
+}
+
+TEST_F(LocksTest, AStoppedHolderDelaysWritersOfThisFileOnly) {
+  Write("other", StoredDevice{.label = "other"}.File());
+  FileLock lock;
+  const pid_t holder = Stopped([&] { EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD); });
+  Refuses(0, device_.get(), [&] { return Create(1); });
+  Refuses(0, device_.get(), [&] { return DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr); });
+  EXPECT_EQ(ReadSize(1), -7) << "readers go on";
+  const SetHandle set(DeviceGetAllDevices());
+  EXPECT_EQ(DeviceGetDeviceCount(set.get()), 2);
+  for (int i = 0; i < set->count; i++) {
+    const bool isHeld = Path("dev") == set->devices[i]->filePath;
+    EXPECT_EQ(DeviceCreateData(set->devices[i], 1, 0, 3), isHeld ? 0 : 1);
+  }
+  End(holder);
+  EXPECT_EQ(Create(1), 1);
+}
+
+// It has emptied the file: until it is dead its backup is read and left alone.
+TEST_F(LocksTest, AHolderThatStopsInTheMiddleOfAWrite) {
+  EXPECT_EQ(Create(1), 1);
+  const std::string old = Read("dev");
+  const pid_t writer = Stopped([&] {
+    const Hook hook{[](const ImportCall& call) {
+      if (call.name == "fwrite" && call.bytes.size() == 4) raise(SIGSTOP);
+      return 0;
+    }};
+    Create(2);
+  });
+  EXPECT_EQ(Read("dev"), "");
+  const Folder half = List();
+  EXPECT_EQ(ReadSize(1), 1);
+  EXPECT_EQ(DeviceReadDataEx(Rescan().get(), 1, 0, nullptr, 0, nullptr), 1);
+  EXPECT_EQ(Create(3), 0);
+  EXPECT_TRUE(List() == half);
+  End(writer);
+  EXPECT_EQ(ReadSize(1), 1);
+  EXPECT_TRUE(Read("dev") == old && !Exists("dev.bak"));
+}
+
+// With no patience at all, it is waited for a holder that gets on; how long is counted, not timed.
+TEST_F(LocksTest, AHolderThatGetsOnIsWaitedFor) {
+  FileLock lock;
+  const pid_t holder = Stopped([&] { EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD); });
+  int pauses = 0;
+  const Hook hook{[&](const ImportCall& call) {
+    if (call.name != "nanosleep") return 0;
+    pauses++;
+    Write("dev.bak", std::string(static_cast<size_t>(pauses), 'x'));  // as if it was the holder's
+    if (pauses == 20) End(holder);
+    return 0;
+  }};
+  EXPECT_EQ(Create(1), 1);
+  EXPECT_GE(pauses, 20);
+}
+
+TEST_F(LocksTest, AParentThatIsKilledLeavesNoLockWithItsChild) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t parent = Stopped([&] {
+    FileLock lock;
+    EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD);
+    const pid_t child = fork();
+    if (child == 0) pause();
+    EXPECT_EQ(write(ends[1], &child, sizeof(child)), ssize_t{sizeof(child)});
+    kill(getpid(), SIGSTOP);
+  });
+  pid_t child = 0;
+  EXPECT_EQ(read(ends[0], &child, sizeof(child)), ssize_t{sizeof(child)});
+  End(parent);
+  EXPECT_EQ(Create(1), 1);
+  kill(child, SIGKILL);
+  for (const int end : ends) close(end);
+}
+
+TEST_F(LocksTest, ALockThatCannotBeHadFailsTheCallAndAFileSystemWithoutLocksDoesNot) {
+  const std::tuple<const char*, int, int> rows[] = {
+      {"fcntl", ENOLCK, 0},     {"fcntl", ENOMEM, 0}, {"open", EMFILE, 0}, {"open", ENOMEM, 0},
+      {"fcntl", EOPNOTSUPP, 1}, {"fcntl", EINVAL, 1}, {"fcntl", EINTR, 1},
+  };
+  int id = 1;
+  for (const auto& [name, error, want] : rows) {
+    SCOPED_TRACE(std::string(name) + " " + strerror(error));
+    int calls = 0;
+    const std::string before = Read("dev");
+    const auto create = [&, name = name, error = error] {
+      const Hook hook{[&](const ImportCall& call) {
+        if (call.name != name || (call.name == "open" && !call.modifies)) return 0;
+        return calls++ == 0 ? error : 0;
+      }};
+      return Create(id++);
+    };
+    EXPECT_EQ(create(), want);
+    EXPECT_EQ(Read("dev") != before, want == 1);
+    EXPECT_GE(calls, 1);
+  }
+}
+
+TEST_F(LocksTest, APipeThatTakesTheFilesPlaceHangsNobody) {
+  const std::function<int()> uses[] = {[&] { return Create(1); }, [&] { return ReadSize(1); }};
+  for (const auto& use : uses) {
+    bool isPipe = false;
+    const Hook hook{[&](const ImportCall& call) {
+      if (isPipe || call.name != "open" || !call.path.ends_with("/dev")) return 0;
+      isPipe = remove(Path("dev").c_str()) == 0 && mkfifo(Path("dev").c_str(), 0600) == 0;
+      return 0;
+    }};
+    EXPECT_EQ(use(), 0);
+    EXPECT_TRUE(isPipe);
+    remove(Path("dev").c_str());
+    Write("dev", StoredDevice().File());
+  }
+}
+
+TEST_F(LocksTest, TheBackupIsNeverWrittenThroughALink) {
+  Write("victim", "precious");
+  const std::string victim = Path("victim");
+  const std::function<int()> links[] = {
+      [&] { return symlink(victim.c_str(), Path("dev.bak").c_str()); },
+      [&] { return link(victim.c_str(), Path("dev.bak").c_str()); },
+      [&] { return symlink(Path("nowhere").c_str(), Path("dev.bak").c_str()); },
+      [&] { return mkfifo(Path("dev.bak").c_str(), 0600); },
+  };
+  int id = 1;
+  for (const auto& make : links) {
+    EXPECT_EQ(make(), 0);
+    EXPECT_EQ(Create(id++), 1);
+    EXPECT_EQ(ReadText(victim), "precious");
+    EXPECT_TRUE(!Exists("nowhere") && List().size() == 2);
+  }
+}
+
+TEST_F(LocksTest, AThreadThatIsCancelledFinishesItsCall) {
+  int result = -1;
+  std::thread thread([&] {
+    const Hook hook{[](const ImportCall& call) {
+      if (call.name == "fwrite") pthread_cancel(pthread_self());
+      return 0;
+    }};
+    result = Create(1);
+  });
+  thread.join();
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(ReadSize(1), 1);
+}
+
+// --- What costs little ---------------------------------------------------------------------------
+
+TEST_F(LocksTest, WhatIsNoContainerIsHardlyRead) {
+  Write("sparse", "");
+  ASSERT_EQ(truncate(Path("sparse").c_str(), 0x7fffffff), 0);
+  for (int i = 0; i < 1000; i++) Write("foreign" + std::to_string(i), std::string(5000, 'x'));
+  size_t bytes = 0, calls = 0;
+  const Hook hook{[&](const ImportCall& call) {
+    if (call.name == "fread") bytes += call.bytes.size();
+    calls += call.onFiles ? 1 : 0;
+    return 0;
+  }};
+  EXPECT_NE(Rescan(), nullptr);
+  EXPECT_LT(bytes, 1001 * 8 + Read("dev").size() + 1);
+  EXPECT_LT(calls, 10 * 1001u);
+}
+
+TEST_F(LocksTest, AnObjectThatCannotFitIsRefusedByItsLength) {
+  const Folder before = List();
+  for (const int length : {0x7fffffff, 0x40000000, 0x3fffffff}) {
+    const Hook hook{[&](const ImportCall& call) {
+      EXPECT_TRUE(call.name != "VakroPKICryptoHexEncode" && call.name != "fwrite") << length;
+      return 0;
+    }};
+    EXPECT_EQ(DeviceCreateData(device_.get(), 1, 0, length), 0);
+  }
+  EXPECT_TRUE(List() == before);
+}
+
+// --- Backups of backups, and links ---------------------------------------------------------------
+
+TEST_F(LocksTest, ABackupOfABackupIsRestoredWhereNothingIsLost) {
+  const std::string a = StoredDevice{.label = "a"}.File(), b = StoredDevice{.label = "b"}.File();
+  const std::tuple<const char*, Files, Files> rows[] = {
+      {"alone", {{"x.bak.bak", a}}, {{"x.bak", a}}},
+      {"beside x", {{"x", b}, {"x.bak.bak", a}}, {{"x", b}, {"x.bak.bak", a}}},
+      {"beside x.bak", {{"x.bak", b}, {"x.bak.bak", a}}, {{"x", b}, {"x.bak.bak", a}}},
+  };
+  for (const auto& [what, start, left] : rows) {
+    SCOPED_TRACE(what);
+    Put(start);
+    EXPECT_NE(Rescan(), nullptr);
+    EXPECT_TRUE(Get() == left);
+  }
+}
+
+TEST_F(LocksTest, ALinkToNowhereIsNoBackup) {
+  ASSERT_EQ(symlink("nowhere", Path("dev.bak").c_str()), 0);
+  const Folder before = List();
+  EXPECT_NE(Rescan(), nullptr);
+  EXPECT_TRUE(List() == before);
+}
