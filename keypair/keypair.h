@@ -44,6 +44,10 @@ int EncryptKeypairData(Device* device, Keypair* keypair, const unsigned char* pl
 // EncodeRSAKeypair hands out the keypair encoding in crypto-library memory; wipe it after use.
 int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen);
 
+// IsKeypairsPin returns 1 when `pin` deciphers the stored private key, whether that can be used or
+// not (it may be on a curve that can't be opened); else 0.
+int IsKeypairsPin(const Keypair* keypair, const char* pin);
+
 // DecryptKeyPair decrypts a device keypair's private key with `pin`, whatever the device's own. A
 // new key, or NULL: wrong PIN, damage or failure. *curve is written for an elliptic-curve key.
 EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const char* pin,

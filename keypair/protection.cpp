@@ -139,22 +139,38 @@ int EncodeRSAKeypair(RSA* rsa, unsigned char** encoding, int* encodingLen) {
   return made.HandOut(result, encoding, encodingLen);
 }
 
+// What deciphering the stored key may need; 0 when there is none.
+static size_t DecipheredSize(const Keypair* keypair) {
+  if (keypair->encryptedPrivateKey == nullptr || keypair->encryptedPrivateKeyLen < 0) return 0;
+  return static_cast<size_t>(keypair->encryptedPrivateKeyLen) + CIPHER_SLACK;
+}
+
+static bool Decipher(const Keypair* keypair, const char* pin, const KeyUtilBytes& output,
+                     unsigned int* length) {
+  CipherInputs inputs;
+  return output.bytes != nullptr && inputs.Derive(pin, keypair->device->fileTag, keypair) &&
+         CalculateCipher(0, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE,
+                         keypair->encryptedPrivateKey,
+                         static_cast<unsigned int>(keypair->encryptedPrivateKeyLen), output.bytes,
+                         length, &inputs.params) == 1;
+}
+
 EVP_PKEY* DecryptKeyPair(unsigned int algorithm, const Keypair* keypair, const char* pin,
                          int* curve) {
-  if (keypair->encryptedPrivateKey == nullptr || keypair->encryptedPrivateKeyLen < 0)
-    return nullptr;
-  CipherInputs inputs;
-  if (!inputs.Derive(pin, keypair->device->fileTag, keypair)) return nullptr;
-  const size_t size = static_cast<size_t>(keypair->encryptedPrivateKeyLen) + CIPHER_SLACK;
+  const size_t size = DecipheredSize(keypair);
+  if (size == 0) return nullptr;
   const KeyUtilBytes output(NewBytes(size), size);
-  if (output.bytes == nullptr) return nullptr;
-  unsigned int outputLen = 0;
-  if (CalculateCipher(0, PRIVATE_KEY_CIPHER_ID, inputs.material.bytes, CIPHER_KEY_SIZE,
-                      keypair->encryptedPrivateKey,
-                      static_cast<unsigned int>(keypair->encryptedPrivateKeyLen), output.bytes,
-                      &outputLen, &inputs.params) != 1)
-    return nullptr;
-  return DecodePair(algorithm, output.bytes, static_cast<int>(outputLen), curve);
+  unsigned int length = 0;
+  if (!Decipher(keypair, pin, output, &length)) return nullptr;
+  return DecodePair(algorithm, output.bytes, static_cast<int>(length), curve);
+}
+
+int IsKeypairsPin(const Keypair* keypair, const char* pin) {
+  const size_t size = DecipheredSize(keypair);
+  if (size == 0) return 0;
+  const KeyUtilBytes output(NewBytes(size), size);
+  unsigned int length = 0;
+  return Decipher(keypair, pin, output, &length) ? 1 : 0;
 }
 
 static EVP_PKEY* DecodeRSAEncoding(const unsigned char* encoding, int length) {

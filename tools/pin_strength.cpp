@@ -58,7 +58,8 @@ static std::string Duration(double seconds) {
     snprintf(text, sizeof text, "%.0f %s", seconds / unit.seconds, unit.name);
     return text;
   }
-  snprintf(text, sizeof text, "%.0f seconds", std::max(1.0, ceil(seconds)));
+  if (seconds <= 1) return "a second";
+  snprintf(text, sizeof text, "%.0f seconds", ceil(seconds));
   return text;
 }
 

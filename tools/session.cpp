@@ -152,7 +152,10 @@ static bool Opens(const Keypair* keypair, const SecretText& pin) {
 
 void ProvePin(Device* device, const SecretText& pin) {
   Keypair** const end = device->keypairs + device->keypairCount;
-  if (std::any_of(device->keypairs, end, [&](Keypair* k) { return Opens(k, pin); })) return;
+  if (std::any_of(device->keypairs, end,
+                  [&](Keypair* k) { return IsKeypairsPin(k, pin.data()) == 1; })) {
+    return;
+  }
   FailWrongPin(device);
 }
 
@@ -163,7 +166,7 @@ static void ExplainWrongPin(Device* device, const SecretText& pin) {
   for (int i = 0; i < device->keypairCount; i++) {
     if (!Opens(device->keypairs[i], pin)) closed.push_back(NameOf(device->keypairs[i]));
   }
-  if (closed.size() == static_cast<size_t>(device->keypairCount)) FailWrongPin(device);
+  ProvePin(device, pin);
   throw Failure("The PIN of device " + NameOf(device) + " is right, but keypair " + Join(closed) +
                     " does not open, which keeps the whole device shut.",
                 "'softdevice check' says what is wrong there. 'softdevice restore' takes a backup; "
