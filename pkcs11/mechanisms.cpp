@@ -6,10 +6,10 @@
 #include <iterator>
 
 // The prefixes of the SHA-2 family differ in the last byte of the identifier and in lengths.
-#define SHA2_PREFIX(identifier, size)                                                          \
-  19, {                                                                                        \
-    0x30, 0x11 + size, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, \
-        identifier, 0x05, 0x00, 0x04, size                                                     \
+#define SHA2_PREFIX(identifier, size)                                                            \
+  19, {                                                                                          \
+    0x30, 0x11 + (size), 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, \
+        identifier, 0x05, 0x00, 0x04, size                                                       \
   }
 #define SHA1_PREFIX \
   15, { 0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e, 0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 20 }

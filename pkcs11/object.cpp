@@ -184,10 +184,12 @@ ObjectKey* NewObjectKey(Span encoding, Keypair* keypair) {
   const unsigned int algorithm = isOne ? be2int(encoding.data() + MAGIC_SIZE) : 0;
   if ((algorithm == ALGORITHM_RSA && FillRsa(*key, encoding)) ||
       (algorithm == ALGORITHM_ECC && FillEc(*key, encoding))) {
-    // Fails for curves that the module makes keys on and can't use.
-    DeviceImportPublicKey(nullptr, encoding.data(), static_cast<int>(encoding.size()),
-                          &key->publicKey);
-    if (key->encoding.Append(encoding)) return key;
+    const bool imported =
+        DeviceImportPublicKey(nullptr, encoding.data(), static_cast<int>(encoding.size()),
+                              &key->publicKey) == VAKRO_OK;
+    // The module makes keys on curves that it can't use.
+    const bool isUsable = key->kind != KeyKind::KEY_EC || key->curve == CURVE_P256;
+    if ((imported || !isUsable) && key->encoding.Append(encoding)) return key;
   }
   ReleaseKey(key);
   return nullptr;

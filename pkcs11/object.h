@@ -76,6 +76,7 @@ struct View {
   ObjectKey* anchor = nullptr;  // held; NULL: there is none
   bool hasSoPin = false;        // the PIN is the security officer's; the user has none yet
   bool hasAllDatas = true;      // the data objects could be read
+  bool isComplete = true;       // and all keys: where one could not, it may be for want of memory
   Buffer table;                 // as it is stored
   Buffer unclaimed;             // records in it that belong to nothing that is there
 

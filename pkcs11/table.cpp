@@ -62,6 +62,12 @@ static bool AppendRecord(Buffer& to, unsigned int kind, Span reference, Span att
 // --- Reading
 // ---------------------------------------------------------------------------------------
 
+// What can't be understood now, be it for want of memory, is written again as it is.
+static bool Keep(const Record& record, View& view) {
+  view.isComplete = false;
+  return AppendRecord(view.unclaimed, record.kind, record.reference, record.attributes);
+}
+
 // The records that make objects come first, then those that name objects: a name counts how many
 // objects like this one there are.
 static bool MakeObject(const Record& record, View& view) {
@@ -70,12 +76,12 @@ static bool MakeObject(const Record& record, View& view) {
                            be2int(record.reference.data()) == 0;
   if (record.kind == RECORD_PUBLIC_KEY) {
     ObjectKey* const key = NewObjectKey(record.reference, nullptr);
-    if (key == nullptr) return true;  // an encoding that is none; or no memory, and the next fails
+    if (key == nullptr) return Keep(record, view);
     made = NewKeyObject(CKO_PUBLIC_KEY, key);
     ReleaseKey(key);
   } else if (record.kind == RECORD_CERTIFICATE) {
     made = NewCertificateObject(record.reference);
-    if (made == nullptr) return true;
+    if (made == nullptr) return Keep(record, view);
   } else if (isEmptyData) {
     made = NewDataObject(0, {});
   } else {

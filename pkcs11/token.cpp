@@ -121,7 +121,7 @@ CK_RV Publish(Slot& slot, Device* device, const Stamp& stamp) {
     std::swap(slot.view, view);
     device = std::exchange(slot.device, fresh.release());
     slot.stamp = stamp;
-    slot.stamp.settled = stamp.settled && slot.view->hasAllDatas;
+    slot.stamp.settled = stamp.settled && slot.view->hasAllDatas && slot.view->isComplete;
     slot.gone = false;
     slot.writable = faccessat(AT_FDCWD, slot.path.get(), W_OK, AT_EACCESS) == 0;
   }

@@ -39,6 +39,7 @@ bool AddKeypairObjects(Device* device, int index, View& view) {
   use.Reset(key);
   if (key == nullptr) {
     LogReason("keypair '%s' is not offered: its public key can't be read", keypair->label);
+    view.isComplete = false;
     return true;
   }
   if (!BelongTogether(keypair, *key)) {
@@ -58,8 +59,11 @@ bool AddKeypairObjects(Device* device, int index, View& view) {
 static bool AddCertificates(Keypair* keypair, View& view) {
   for (int i = 0; i < keypair->certCount; i++) {
     const Cert* const cert = keypair->certs[i];
-    Object* const object = NewCertificateObject({cert->data, static_cast<size_t>(cert->length)});
-    if (object == nullptr) continue;  // no certificate; the list takes any bytes
+    const Span bytes(cert->data, static_cast<size_t>(cert->length));
+    CertificateParts parts;
+    if (!ParseCertificate(bytes, parts)) continue;  // the list takes any bytes
+    Object* const object = NewCertificateObject(bytes);
+    if (object == nullptr) return false;
     object->keypair = keypair;
     memcpy(object->label, keypair->label, NAME_SIZE);
     if (!AddTokenObject(view, object, Place::KEYPAIR)) return false;
