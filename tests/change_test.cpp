@@ -1,0 +1,90 @@
+// A change of one file in one breath: what the caller edits is written, everything else in the file
+// stays, whatever others have stored in the meantime.
+#include "device/change.h"
+#include "keypair/keypair.h"
+#include "tests/support/world.h"
+
+class ChangeTest : public ModuleTest {
+ protected:
+  static Keypair* First(const DeviceChange& change) { return change.device->keypairs[0]; }
+
+  const std::string unreadable_ = R"(["too","short"])";
+  // Two keypairs, between them one that the reader passes over; data objects, and an item that
+  // nobody knows.
+  const std::string text_ = [this] {
+    std::string text =
+        StoredDevice{.keypairs = {StoredKeypair{.certs = {"one"}}.Json(), unreadable_,
+                                  StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json()}}
+            .Json();
+    text.back() = ',';
+    return text + R"([[5,1,0,0,"00"]],"unknown"])";
+  }();
+  const DeviceHandle device_ = Load(Container(TAG, text_));
+  const std::string path_ = Path("dev");
+};
+
+TEST_F(ChangeTest, WritesWhatWasEditedAndKeepsTheRest) {
+  EXPECT_EQ(DeviceAddCertificate(device_->keypairs[1], Raw("two"), 3), 1);  // the record is older
+  const std::string start = TextOf(Read("dev"));
+  DeviceChange change;
+  ASSERT_EQ(BeginChange(path_.c_str(), change), 1);
+  EXPECT_EQ(TakeOverKeys(change.device, device_.get()), 1);
+  EXPECT_EQ(change.device->keypairs[1]->privateKey, device_->keypairs[1]->privateKey);
+  strcpy(First(change)->label, "renamed");
+  strcpy(change.device->label, "xyz");
+  First(change)->certs[First(change)->certCount++] = NewCert(Raw("three"), 5);
+  ASSERT_EQ(CommitChange(change), 1);
+  const DeviceHandle fresh(TakeRecord(change));
+  EXPECT_EQ(TextOf(Read("dev")),
+            Replaced(Replaced(Replaced(start, R"("abc")", R"("xyz")"), R"("sign")", R"("renamed")"),
+                     R"("b25l")", R"("b25l","dGhyZWU=")"));
+  EXPECT_EQ(Describe(*Rescan(PIN), false), Describe(*fresh, false));
+}
+
+TEST_F(ChangeTest, DeletesAKeypairBesideDataObjects) {
+  EXPECT_EQ(DeleteStoredKeypair(device_->keypairs[1]), 1);
+  EXPECT_EQ(DeleteStoredKeypair(device_->keypairs[1]), -7);
+  const std::string rsa = StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json();
+  EXPECT_EQ(TextOf(Read("dev")), Replaced(text_, "," + rsa, ""));
+}
+
+TEST_F(ChangeTest, RefusesWhatTheFileCannotHold) {
+  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], "RSA"), -6);
+  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], std::string(64, 'x').c_str()), 0);
+  EXPECT_EQ(RenameStoredDevice(path_.c_str(), std::string(64, 'x').c_str()), 0);
+  EXPECT_EQ(RenameStoredDevice(Path("none").c_str(), "x"), 0);
+  EXPECT_EQ(TextOf(Read("dev")), text_);
+  {
+    DeviceChange change;
+    ASSERT_EQ(BeginChange(path_.c_str(), change), 1);
+    change.device->label[0] = 'x';  // and no commit
+  }
+  EXPECT_EQ(TextOf(Read("dev")), text_);
+  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], "other"), 1);
+  EXPECT_EQ(RenameStoredDevice(path_.c_str(), "other"), 1);
+}
+
+TEST_F(ChangeTest, KeysAreTakenOverOrDecryptedAnew) {
+  Device* loaded = nullptr;
+  ASSERT_EQ(LoadDevice(path_.c_str(), &loaded), 1);
+  const OwnedDevice fresh(loaded);
+  const OwnedDevice unverified([&] { return LoadDevice(path_.c_str(), &loaded), loaded; }());
+  EXPECT_EQ(TakeOverKeys(fresh.get(), unverified.get()), -8);
+  EXPECT_EQ(DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr), 1);
+  EXPECT_EQ(TakeOverKeys(fresh.get(), device_.get()), -5) << "it still stands under the old PIN";
+  EXPECT_EQ(fresh->pin, nullptr);
+  ASSERT_EQ(LoadDevice(path_.c_str(), &loaded), 1);
+  const OwnedDevice newer(loaded);
+  EXPECT_EQ(TakeOverKeys(newer.get(), device_.get()), 1);
+  EXPECT_STREQ(newer->pin, "new");
+  EXPECT_EQ(LoadDevice(Path("none").c_str(), &loaded), 0);
+}
+
+TEST_F(ChangeTest, ACopyIsCheckedAndNeverWrittenOverAnything) {
+  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("copy").c_str()), 1);
+  EXPECT_EQ(Read("copy"), Read("dev"));
+  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("copy").c_str()), -6);
+  Write("dev", Flipped(Read("dev"), 20));
+  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("second").c_str()), 0);
+  EXPECT_FALSE(Exists("second"));
+}
