@@ -18,5 +18,7 @@ echo "Formatted; clang-tidy for ${#changed[@]} files that differ from $(git rev-
 cmake --preset release >/dev/null
 cmake --build --preset release --target sm2/generator_table.inc >/dev/null  # a source that is made
 mkdir -p build/tidy
-sed 's/ -fno-gnu-unique//g' build/release/compile_commands.json >build/tidy/compile_commands.json
+# clang knows neither this flag of g++'s nor its precompiled headers.
+sed -E 's/ (-fno-gnu-unique|-include [^ ]*cmake_pch.hxx)//g' build/release/compile_commands.json \
+  >build/tidy/compile_commands.json
 printf '%s\n' "${changed[@]}" | xargs -P "$(nproc)" -n 2 clang-tidy -p build/tidy --quiet
