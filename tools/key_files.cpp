@@ -4,6 +4,7 @@
 #include "tools/report.h"
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
@@ -143,12 +144,20 @@ static void ReadPkcs7(const Secret& content, KeyFile& file) {
   }
 }
 
+static OSSL_PROVIDER *g_usual, *g_legacy;
+
+static void UnloadProviders() {
+  if (g_legacy != nullptr) OSSL_PROVIDER_unload(g_legacy);
+  if (g_usual != nullptr) OSSL_PROVIDER_unload(g_usual);
+}
+
 // Files of older programs use ciphers that OpenSSL keeps apart; they may not be installed. Once
-// they are asked for, what is usual has to be asked for, too. Both stay loaded: keys refer to them.
+// they are asked for, what is usual has to be asked for, too. Both stay loaded until OpenSSL cleans
+// up at the program's end: keys refer to them.
 static void LoadProviders() {
-  static const bool loaded = OSSL_PROVIDER_load(nullptr, "default") != nullptr &&
-                             OSSL_PROVIDER_try_load(nullptr, "legacy", 1) != nullptr;
-  static_cast<void>(loaded);
+  if (g_usual != nullptr || OPENSSL_atexit(UnloadProviders) != 1) return;
+  g_usual = OSSL_PROVIDER_load(nullptr, "default");
+  if (g_usual != nullptr) g_legacy = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
 }
 
 KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
