@@ -17,8 +17,7 @@ void Value::Set(CK_ULONG number) {
   bytes = {reinterpret_cast<const unsigned char*>(&own.number), sizeof(own.number)};
 }
 
-// --- What holds where nothing is set
-// ---------------------------------------------------------------
+// --- What holds where nothing is set -------------------------------------------------------------
 
 template <bool value>
 static bool Always(const Object& /*object*/, Value& out) {
@@ -157,8 +156,7 @@ static bool ValueOf(const Object& object, Value& out) {
   return true;
 }
 
-// --- The table
-// ---------------------------------------------------------------------------------------
+// --- The table -----------------------------------------------------------------------------------
 
 enum ClassBit : unsigned int { PRIV = 1, PUB = 2, CERT = 4, DATA = 8, RSA_ONLY = 16, EC_ONLY = 32 };
 static constexpr unsigned int KEYS = PRIV | PUB;
@@ -292,8 +290,7 @@ bool Matches(const Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG coun
   return true;
 }
 
-// --- Templates
-// ---------------------------------------------------------------------------------------
+// --- Templates -----------------------------------------------------------------------------------
 
 static constexpr CK_ULONG MAX_VALUE_SIZE = 0xFFFFFF;
 
@@ -411,8 +408,7 @@ CK_RV ApplyTemplate(Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG cou
   return CKR_OK;
 }
 
-// --- Reading
-// -----------------------------------------------------------------------------------------
+// --- Reading -------------------------------------------------------------------------------------
 
 static CK_RV AnswerOne(const Object& object, CK_ATTRIBUTE& asked) {
   const CK_ULONG room = asked.ulValueLen;

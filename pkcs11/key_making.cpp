@@ -61,8 +61,7 @@ CK_RV MakeKeypair(const KeyRequest& request, OwnedKeypair& made) {
   return CKR_OK;
 }
 
-// --- Import
-// ------------------------------------------------------------------------------------------
+// --- Import --------------------------------------------------------------------------------------
 
 static BigNum NumberFrom(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type) {
   const Span bytes = BytesIn(attributes, count, type);

@@ -122,8 +122,7 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
   });
 }
 
-// --- Giving and changing the PIN
-// -------------------------------------------------------------------
+// --- Giving and changing the PIN -----------------------------------------------------------------
 
 // Changes the PIN of the record and the file in one rewrite. The PIN is the user's from then on,
 // unless `keepSo`.
@@ -173,8 +172,7 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
   });
 }
 
-// --- C_InitToken
-// -----------------------------------------------------------------------------------
+// --- C_InitToken ---------------------------------------------------------------------------------
 
 static void ReadLabel(const CK_UTF8CHAR* padded, char (&label)[33]) {
   size_t length = 32;

@@ -47,8 +47,7 @@ Call::~Call() {
   g_calls.fetch_sub(1, std::memory_order_release);
 }
 
-// --- Configuration
-// ---------------------------------------------------------------------------------
+// --- Configuration -------------------------------------------------------------------------------
 
 namespace {
 struct Configuration {
@@ -130,8 +129,7 @@ static CK_RV Configure(const CK_C_INITIALIZE_ARGS* arguments, Configuration& con
   return ReadSettings(string, configuration);
 }
 
-// --- Start and end
-// ---------------------------------------------------------------------------------
+// --- Start and end -------------------------------------------------------------------------------
 
 static CK_RV Start(const CK_C_INITIALIZE_ARGS* arguments) {
   Configuration configuration;
@@ -231,8 +229,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
   });
 }
 
-// --- The lists of functions
-// ------------------------------------------------------------------------
+// --- The lists of functions ----------------------------------------------------------------------
 
 #define CK_PKCS11_FUNCTION_INFO(name) name,
 static CK_FUNCTION_LIST g_functions = {

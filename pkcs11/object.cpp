@@ -6,8 +6,7 @@
 
 #include <openssl/sha.h>
 
-// --- Attributes that are set
-// -----------------------------------------------------------------------
+// --- Attributes that are set ---------------------------------------------------------------------
 
 static constexpr size_t SET_HEADER_SIZE = 8;
 
@@ -72,8 +71,7 @@ bool Attributes::Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const {
   return Find(type, &value) && value.size() == 1 ? value[0] != CK_FALSE : otherwise;
 }
 
-// --- Curves and public keys
-// ------------------------------------------------------------------------
+// --- Curves and public keys ----------------------------------------------------------------------
 
 namespace {
 struct Curve {
@@ -234,8 +232,7 @@ bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding) {
   return encoding.Assign({made, static_cast<size_t>(length)});
 }
 
-// --- Objects
-// -----------------------------------------------------------------------------------------
+// --- Objects -------------------------------------------------------------------------------------
 
 static std::atomic<CK_OBJECT_HANDLE> g_nextHandle{1};
 

@@ -89,8 +89,7 @@ struct View {
   void Remove(Object* object);  // and deletes it
 };
 
-// --- Making single objects
-// ------------------------------------------------------------------------
+// --- Making single objects -----------------------------------------------------------------------
 
 // NewObjectKey makes a key from the crypto library's public-key encoding and, for a private key, a
 // handle of its keypair, which it takes over, also on failure. NULL when memory is out or the

@@ -72,8 +72,7 @@ struct Named {
 using OwnedObject = std::unique_ptr<Object, Release<Delete<Object>>>;
 }  // namespace
 
-// --- Keypairs
-// ------------------------------------------------------------------------------------------
+// --- Keypairs ------------------------------------------------------------------------------------
 
 // The label of the keypair in the file: what the client calls the key, as far as it goes there.
 static void LabelKeypair(Keypair* keypair, Span label) {
@@ -238,8 +237,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
   });
 }
 
-// --- C_CreateObject
-// ------------------------------------------------------------------------------------
+// --- C_CreateObject ------------------------------------------------------------------------------
 
 static CK_RV CreatePrivateKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
   OwnedKeypair keypair;
@@ -340,8 +338,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
   });
 }
 
-// --- C_CopyObject
-// --------------------------------------------------------------------------------------
+// --- C_CopyObject --------------------------------------------------------------------------------
 
 namespace {
 // An object's own attributes and then those of a template, as one template.
@@ -469,8 +466,7 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
   });
 }
 
-// --- C_DestroyObject, C_SetAttributeValue
-// ----------------------------------------------------------
+// --- C_DestroyObject, C_SetAttributeValue --------------------------------------------------------
 
 namespace {
 // What is looked at before an object is changed.
@@ -585,8 +581,7 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
   });
 }
 
-// --- What there is nothing to do for
-// -------------------------------------------------------------------
+// --- What there is nothing to do for -------------------------------------------------------------
 
 // There are no secret keys.
 CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,

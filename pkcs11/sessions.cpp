@@ -169,8 +169,7 @@ void EndPrivateWork(Slot& slot) {
   }
 }
 
-// --- Calls
-// -----------------------------------------------------------------------------------------
+// --- Calls ---------------------------------------------------------------------------------------
 
 static CK_RV Open(Slot& slot, CK_FLAGS flags, CK_SESSION_HANDLE* handle) {
   const CK_RV refreshed = Refresh(slot);

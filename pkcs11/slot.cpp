@@ -232,8 +232,7 @@ Slot* AddSlot(const char* path) {
   return slot;
 }
 
-// --- Calls
-// -----------------------------------------------------------------------------------------
+// --- Calls ---------------------------------------------------------------------------------------
 
 static bool IsPresent(Slot& slot) {
   const MutexLock lock(slot.state);

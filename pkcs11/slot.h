@@ -55,8 +55,7 @@ inline constexpr CK_ULONG MAX_PIN_SIZE = 255;
 
 using OwnedDeviceHandle = std::unique_ptr<Device, Release<DeviceFreeDevice>>;
 
-// --- The list of slots (slot.cpp)
-// ------------------------------------------------------------------
+// --- The list of slots (slot.cpp) ----------------------------------------------------------------
 
 CK_RV OpenSlots();   // by C_Initialize
 void CloseSlots();   // by C_Finalize, when no session and no call is left
@@ -72,8 +71,7 @@ CK_RV RefreshSlots();
 // it answers to FREE_SLOT, too. NULL without memory.
 Slot* AddSlot(const char* path);
 
-// --- One token (token.cpp)
-// -------------------------------------------------------------------------
+// --- One token (token.cpp) -----------------------------------------------------------------------
 
 // Refresh makes the slot's state that of its file, for the price of a stat where nothing changed.
 // CKR_OK; CKR_TOKEN_NOT_PRESENT when the file is no more; CKR_DEVICE_ERROR when it can't be looked
@@ -97,8 +95,7 @@ int LookAt(const char* path, Stamp& stamp);
 void EndLogin(Slot& slot);
 void EndPrivateWork(Slot& slot);
 
-// --- Sessions (sessions.cpp)
-// -----------------------------------------------------------------------
+// --- Sessions (sessions.cpp) ---------------------------------------------------------------------
 
 void CloseSessions();              // by C_Finalize: all
 void ForgetSessions();             // in a child process

@@ -24,8 +24,7 @@ enum RecordKind : unsigned int {
 // In the record of the device: the PIN is the security officer's.
 static constexpr CK_ATTRIBUTE_TYPE SO_PIN = CKA_VENDOR_DEFINED | 0x56414B01;
 
-// --- Records
-// ---------------------------------------------------------------------------------------
+// --- Records -------------------------------------------------------------------------------------
 
 namespace {
 struct Record {
@@ -59,8 +58,7 @@ static bool AppendRecord(Buffer& to, unsigned int kind, Span reference, Span att
   return to.AppendWord(kind) && AppendBlock(to, reference) && AppendBlock(to, attributes);
 }
 
-// --- Reading
-// ---------------------------------------------------------------------------------------
+// --- Reading -------------------------------------------------------------------------------------
 
 // What can't be understood now, be it for want of memory, is written again as it is.
 static bool Keep(const Record& record, View& view) {
@@ -163,8 +161,7 @@ bool HasSoPin(const Keypair* anchor) {
   return false;
 }
 
-// --- Writing
-// ---------------------------------------------------------------------------------------
+// --- Writing -------------------------------------------------------------------------------------
 
 static bool AppendObject(Buffer& table, const Object& object) {
   const Span attributes = object.set.stored;
@@ -196,8 +193,7 @@ bool WriteTable(const View& view, Buffer& table) {
   return true;
 }
 
-// --- The certificate
-// -------------------------------------------------------------------------------
+// --- The certificate -----------------------------------------------------------------------------
 
 // 2.25.222188772222909311613639560807111841882, drawn for this use (ITU-T X.667).
 static constexpr unsigned char TABLE_OID[] = {0x06, 0x14, 0x69, 0x82, 0xce, 0xa8, 0x80, 0x8f,

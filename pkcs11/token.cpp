@@ -17,8 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// --- Looking
-// ---------------------------------------------------------------------------------------
+// --- Looking -------------------------------------------------------------------------------------
 
 // Times of files advance in ticks of up to 10 ms: a file that was written just now may be written
 // again within the same one.
@@ -105,8 +104,7 @@ CK_RV Reload(Slot& slot) {
   return Publish(slot, fresh, stamp);
 }
 
-// --- Publishing
-// ------------------------------------------------------------------------------------
+// --- Publishing ----------------------------------------------------------------------------------
 
 CK_RV Publish(Slot& slot, Device* device, const Stamp& stamp) {
   OwnedDeviceHandle fresh(device);
@@ -141,8 +139,7 @@ void EndLogin(Slot& slot) {
   FreePin(slot.device);
 }
 
-// --- What it says of itself
-// --------------------------------------------------------------------------
+// --- What it says of itself ----------------------------------------------------------------------
 
 // Sixteen characters: longer serial numbers are told apart by a digest.
 static void WriteSerialNumber(const char* serialNumber, CK_CHAR (&field)[16]) {

@@ -36,8 +36,7 @@ CK_RV BeginVerifiedChange(TokenChange& change) {
   return LoadTokenView(change.device(), slot.view, change.view) == 1 ? CKR_OK : CKR_HOST_MEMORY;
 }
 
-// --- The table
-// ---------------------------------------------------------------------------------------
+// --- The table -----------------------------------------------------------------------------------
 
 static CK_RV PlaceTable(Keypair* anchor, Span certificate) {
   Span former;
@@ -98,8 +97,7 @@ CK_RV CommitTokenChange(TokenChange& change) {
   return Publish(change.slot, TakeRecord(change.file), stamp);
 }
 
-// --- Keypairs
-// ----------------------------------------------------------------------------------------
+// --- Keypairs ------------------------------------------------------------------------------------
 
 CK_RV TakeOutKeypair(TokenChange& change, Object* privateKey) {
   Keypair* const keypair = privateKey->key->keypair;
@@ -181,8 +179,7 @@ CK_RV PutInKeypair(TokenChange& change, Keypair* made, Object** privateKey, Obje
   return CKR_OK;
 }
 
-// --- Certificates
-// ------------------------------------------------------------------------------------
+// --- Certificates --------------------------------------------------------------------------------
 
 // The keypair whose public key the certificate holds, if its list has room and not this one yet.
 static Keypair* KeypairFor(const TokenChange& change, const Object& certificate) {
@@ -236,8 +233,7 @@ CK_RV TakeOutCertificate(TokenChange& change, Object* certificate) {
   return CKR_OK;
 }
 
-// --- Data objects
-// ------------------------------------------------------------------------------------
+// --- Data objects --------------------------------------------------------------------------------
 
 // Private data is enciphered to the anchor, under which the view knows it from the next look on.
 static CK_RV Seal(TokenChange& change, Span value, Buffer& sealed) {
