@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Signs a file by ECDSA with the first keypair of the first device, from Python.
+"""Signs a file by ECDSA with a P-256 keypair of the first device, from Python.
 
-  sign.py FOLDER FILE SIGNATURE      the PIN is read from standard input
+  sign.py FOLDER LABEL FILE SIGNATURE      the PIN is read from standard input
 """
 import ctypes
 import hashlib
 import sys
 
-OK, PIN_TYPE_USER, ECC, ECDSA_SIGN = 1, 1, 4, 2048
+OK, PIN_TYPE_USER, ECDSA_SIGN = 1, 1, 2048
 
 vakro = ctypes.CDLL("libvakro_device.so.0")
 # Handles are pointers: without these lines Python would cut them to 32 bits.
@@ -15,7 +15,9 @@ for name in ("DeviceGetAllDevices", "DeviceGetDevice", "DeviceGetKeypair"):
     getattr(vakro, name).restype = ctypes.c_void_p
 vakro.DeviceGetDevice.argtypes = [ctypes.c_void_p, ctypes.c_uint]
 vakro.DeviceGetKeypair.argtypes = [ctypes.c_void_p, ctypes.c_int]
-vakro.DeviceGetKeypairAlgorithm.argtypes = [ctypes.c_void_p]
+vakro.DeviceGetKeypairCount.argtypes = [ctypes.c_void_p]
+vakro.DeviceGetKeypairLabel.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int,
+                                        ctypes.POINTER(ctypes.c_int)]
 vakro.DeviceVerifyPwd.argtypes = [ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p, ctypes.c_void_p]
 vakro.DeviceSign.argtypes = [ctypes.c_void_p, ctypes.c_uint, ctypes.c_void_p, ctypes.c_char_p,
                              ctypes.c_int, ctypes.c_char_p, ctypes.c_int,
@@ -29,6 +31,17 @@ def check(result):
         sys.exit(f"refused: {result}")
 
 
+def find(device, label):
+    """A handle to the keypair of this label."""
+    for index in range(vakro.DeviceGetKeypairCount(device)):
+        keypair, name = vakro.DeviceGetKeypair(device, index), ctypes.create_string_buffer(64)
+        check(vakro.DeviceGetKeypairLabel(keypair, name, len(name), ctypes.c_int()))
+        if name.value.decode() == label:
+            return keypair
+        vakro.DeviceFreeKeypair(keypair)
+    sys.exit(f"there is no keypair {label}")
+
+
 def sign(keypair, digest):
     size = ctypes.c_int()
     check(vakro.DeviceSign(keypair, ECDSA_SIGN, None, digest, len(digest), None, 0, size))
@@ -38,7 +51,7 @@ def sign(keypair, digest):
     return signature.raw[:size.value]
 
 
-folder, document, output = sys.argv[1:]
+folder, label, document, output = sys.argv[1:]
 pin = sys.stdin.readline().rstrip("\n").encode()
 check(vakro.DeviceInit())
 check(vakro.DeviceSetKeyFolder(folder.encode()))
@@ -47,9 +60,7 @@ device = vakro.DeviceGetDevice(devices, 0)
 if not device:
     sys.exit(f"there is no device in {folder}")
 check(vakro.DeviceVerifyPwd(device, PIN_TYPE_USER, pin, None))
-keypair = vakro.DeviceGetKeypair(device, 0)
-if not keypair or vakro.DeviceGetKeypairAlgorithm(keypair) != ECC:
-    sys.exit("its first keypair is none for ECDSA")
+keypair = find(device, label)
 with open(document, "rb") as source:
     signature = sign(keypair, hashlib.sha256(source.read()).digest())
 with open(output, "wb") as target:
