@@ -105,6 +105,8 @@ CK_RV TakeOutKeypair(TokenChange& change, Object* privateKey) {
   View& view = change.view;
   // The public key alone takes the place, and the name, of the one in the pair.
   ObjectKey* const alone = NewObjectKey(privateKey->key->encoding, nullptr);
+  KeyUse use;
+  use.Reset(alone);
   if (alone == nullptr) return CKR_HOST_MEMORY;
   for (size_t i = view.objects.count; i-- > 0;) {
     Object* const object = view.objects[i];
@@ -117,20 +119,19 @@ CK_RV TakeOutKeypair(TokenChange& change, Object* privateKey) {
     if (!object->set.Has(CKA_LABEL)) {
       const Span label(reinterpret_cast<const unsigned char*>(keypair->label),
                        strlen(keypair->label));
-      object->set.Set(CKA_LABEL, label);
+      if (!object->set.Set(CKA_LABEL, label)) return CKR_HOST_MEMORY;
     }
     ReleaseKey(object->key);
     HoldKey(alone);
     object->key = alone;
     object->place = Place::TABLE;
   }
-  ReleaseKey(alone);
   for (Object* object : view.objects) {
     if (object->cls != CKO_CERTIFICATE || object->keypair != keypair) continue;
     if (!object->set.Has(CKA_LABEL)) {
       const Span label(reinterpret_cast<const unsigned char*>(keypair->label),
                        strlen(keypair->label));
-      object->set.Set(CKA_LABEL, label);
+      if (!object->set.Set(CKA_LABEL, label)) return CKR_HOST_MEMORY;
     }
     object->place = Place::TABLE;
     object->keypair = nullptr;
