@@ -44,6 +44,6 @@ struct KeyUse {
 // CKA_VERIFY and CKA_ENCRYPT a public one. CKR_OK with `use` set, its publicKey not NULL, and for a
 // private key its keypair; else CKR_KEY_HANDLE_INVALID, CKR_KEY_FUNCTION_NOT_PERMITTED or
 // CKR_USER_NOT_LOGGED_IN. Whether the key fits the mechanism is the caller's to check.
-CK_RV FetchKey(Session& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE usage, KeyUse& use);
+CK_RV FetchKey(Session& session, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_TYPE usage, KeyUse& use);
 
 #endif

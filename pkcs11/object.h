@@ -122,6 +122,6 @@ bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding);
 
 // The curve of an OID in DER, and the other way round; 0 or empty for one that is not known.
 int CurveOf(Span oid);
-Span OidOf(int curve);
+Span OidOf(int id);
 
 #endif

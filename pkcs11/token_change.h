@@ -30,8 +30,8 @@ CK_RV CommitTokenChange(TokenChange& change);
 CK_RV TakeOutKeypair(TokenChange& change, Object* privateKey);
 
 // PutInKeypair puts a keypair into the record, enciphered under the PIN, and its objects into the
-// view. It takes `keypair` over, also on failure. CKR_DEVICE_MEMORY when the device is full.
-CK_RV PutInKeypair(TokenChange& change, Keypair* keypair, Object** privateKey, Object** publicKey);
+// view. It takes `made` over, also on failure. CKR_DEVICE_MEMORY when the device is full.
+CK_RV PutInKeypair(TokenChange& change, Keypair* made, Object** privateKey, Object** publicKey);
 
 // PutInCertificate puts a certificate into the list of the keypair whose public key it holds, or
 // into the table, and makes its object.

@@ -157,7 +157,7 @@ JacobianPoint PublicPointMultiple(const U256& t, const AffinePoint& p) {
   JacobianPoint sum{};
   for (int i = 256; i >= 0; i--) {
     Double<Field>(sum);
-    const int digit = naf.digits[i];
+    const signed char digit = naf.digits[i];
     if (digit == 0) continue;
     Addend addend = table[(digit < 0 ? -digit : digit) / 2];
     NegateIf<Field>(MaskOfBit(digit < 0), addend.y);

@@ -129,8 +129,10 @@ static std::string TextOf(Keypair* keypair, int index) {
 static void List(const Target& target) {
   const KeypairSession session(target, true);
   Keypair* keypair = session.keypair.get();
+  const int count = DeviceGetCertificateCount(keypair);
   std::vector<std::string> texts;
-  for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
+  texts.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; i++) {
     texts.push_back(TextOf(keypair, i));
   }
   Show(texts.empty() ? "No certificates." : Join(texts, "\n"),

@@ -39,6 +39,7 @@ struct Candidates {
 template <class Record>
 static std::string Lines(const std::vector<Record*>& records, std::string (*describe)(Record*)) {
   std::vector<std::string> lines;
+  lines.reserve(records.size());
   for (Record* record : records) lines.push_back(describe(record));
   std::sort(lines.begin(), lines.end());
   return Join(lines, "; ");
@@ -77,6 +78,7 @@ static void FailWithoutDevices(DeviceSet* set) {
   const std::vector<Passed> passed = PassedOver(set);
   if (passed.empty()) return;
   std::vector<std::string> reasons;
+  reasons.reserve(passed.size());
   for (const Passed& file : passed) reasons.push_back(file.path + ": " + file.reason);
   throw Failure("No device of the folder could be loaded.", Join(reasons, "; ") + ".");
 }

@@ -32,7 +32,7 @@ int DescriptorNamed(const std::string& path) {
     if (rest.empty() || rest.size() > 6 || rest.find_first_not_of("0123456789") != rest.npos) {
       continue;
     }
-    number = atoi(rest.c_str());
+    number = static_cast<int>(strtol(rest.c_str(), nullptr, 10));
   }
   if (path == "/dev/stdin") number = STDIN_FILENO;
   if (path == "/dev/stdout") number = STDOUT_FILENO;

@@ -19,7 +19,7 @@ struct KeyFile {
 // ReadKeyFile reads PEM and DER: private keys (PKCS#8, also encrypted, PKCS#1, SEC1), PKCS#12, also
 // without a MAC, PKCS#7, public keys and certificates. The passphrase is asked for where one is
 // needed. Fails only when a file can't be read; what is found may be nothing.
-KeyFile ReadKeyFile(const std::string& path, const SecretSource& passphrase);
+KeyFile ReadKeyFile(const std::string& path, const SecretSource& source);
 
 // RequirePrivateKey fails unless the file holds a private key that a device can take; remarks on a
 // file that holds several.

@@ -146,7 +146,8 @@ std::string KindName(EVP_PKEY* key) {
   if (EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1 &&
       EVP_PKEY_is_a(key, "DH") == 0) {
     for (size_t i = 0; i < std::size(CURVES); i++) {
-      if (CURVES[i].group != nullptr && OBJ_txt2nid(group) == OBJ_txt2nid(CURVES[i].group)) {
+      if (CURVES[i].group != nullptr && CURVE_NAMES[i] != nullptr &&
+          OBJ_txt2nid(group) == OBJ_txt2nid(CURVES[i].group)) {
         return CURVE_NAMES[i];
       }
     }

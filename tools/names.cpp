@@ -14,7 +14,7 @@ std::string NameOf(Device* device) {
 std::string NameOf(Keypair* keypair) {
   const Device* device = keypair->device;
   const auto isNamesake = [&](const Keypair* k) { return strcmp(k->label, keypair->label) == 0; };
-  const std::string label = keypair->label;
+  std::string label = keypair->label;
   if (device == nullptr) return label;
   const auto count =
       std::count_if(device->keypairs, device->keypairs + device->keypairCount, isNamesake);

@@ -52,6 +52,11 @@ static std::string WithoutLinks(const std::string& path) {
   return std::string(folder.get()) + "/" + name;
 }
 
+static Failure InKeyFolder(const std::string& path, const std::string& folder) {
+  return Failure("The output " + path + " would lie in the key folder " + folder + ".",
+                 "Every file there is taken for a device; choose another folder.");
+}
+
 static void RefuseKeyFolder(const std::string& path, const std::string& place,
                             const Target& target) {
   struct stat parent = {};
@@ -59,9 +64,14 @@ static void RefuseKeyFolder(const std::string& path, const std::string& place,
   for (const std::string& folder : KeyFolders(target)) {
     struct stat keys = {};
     if (stat(folder.c_str(), &keys) != 0 || !SameFile(parent, keys)) continue;
-    throw Failure("The output " + path + " would lie in the key folder " + folder + ".",
-                  "Every file there is taken for a device; choose another folder.");
+    throw InKeyFolder(path, folder);
   }
+}
+
+static Failure OverInput(const std::string& path, const std::string& input) {
+  return Failure(
+      "The output " + path + " would replace the file " + input + " that this command reads.",
+      "Choose another --output.");
 }
 
 static void RefuseInputs(const std::string& path, const struct stat& there,
@@ -70,9 +80,7 @@ static void RefuseInputs(const std::string& path, const struct stat& there,
     struct stat status = {};
     if (input.empty() || stat(input.c_str(), &status) != 0 || !SameFile(status, there)) continue;
     if (!S_ISREG(status.st_mode)) continue;
-    throw Failure(
-        "The output " + path + " would replace the file " + input + " that this command reads.",
-        "Choose another --output.");
+    throw OverInput(path, input);
   }
 }
 

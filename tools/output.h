@@ -12,7 +12,7 @@ enum class Output { TEXT, BINARY, SECRET };
 // something already (unless --force), is one of the command's input files, or lies in a key folder.
 // Write then replaces the whole file in one step: until it succeeds, what was there stays.
 struct OutputFile {
-  OutputFile(const OutputOptions& options, Output kind, const Target& target,
+  OutputFile(const OutputOptions& options, Output what, const Target& target,
              const std::vector<std::string>& inputs);
   void Write(ByteSpan bytes) const;
   void Write(const std::string& text) const;

@@ -39,7 +39,7 @@ static void RequireBuilt(bool ok) {
 
 static void Push(const Extensions& list, Extension extension) {
   RequireBuilt(extension && sk_X509_EXTENSION_push(list.get(), extension.get()) > 0);
-  extension.release();
+  static_cast<void>(extension.release());  // the list has it now
 }
 
 static void PushText(const Extensions& list, X509V3_CTX* context, int nid,

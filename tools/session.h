@@ -64,7 +64,7 @@ struct Passed {
   std::string path;
   std::string reason;
 };
-std::vector<Passed> PassedOver(DeviceSet* devices);
+std::vector<Passed> PassedOver(DeviceSet* set);
 
 std::string NameOf(Device* device);    // label and serial number
 std::string NameOf(Keypair* keypair);  // label; with the type where the label alone is not enough

@@ -203,7 +203,7 @@ Bytes SignMessage(Keypair* keypair, const PublicPart& key, const Scheme& scheme,
   const Bytes block = key.kind != Kind::RSA_PKCS1 ? digest
                       : scheme.pss                ? PssBlock(key, hash, digest)
                                                   : DigestInfo(digest);
-  const Bytes signature = SignBlock(keypair, AlgorithmOf(key.kind, scheme), block);
+  Bytes signature = SignBlock(keypair, AlgorithmOf(key.kind, scheme), block);
   if (IsValid(key, scheme, digest, signature)) return signature;
   throw Failure("What keypair " + NameOf(keypair) +
                     " has signed is not valid for its public key "
