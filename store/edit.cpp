@@ -3,6 +3,22 @@
 // stays.
 #include "store/inside.h"
 
+// HasAllCerts says whether a keypair was loaded with every certificate of its item. One for which
+// there was no memory would be lost in the rewrite.
+static bool HasAllCerts(VakroJson* item, const Keypair* keypair) {
+  VakroJson* certs = vakro_json_getarrayitem(item, KEYPAIR_CERTS);
+  const int count = vakro_json_getarraysize(certs);
+  int readable = 0;
+  for (int i = 0; i < count; i++) {
+    Cert* cert = nullptr;
+    const Found found = ReadCert(vakro_json_getarrayitem(certs, i), &cert);
+    const OwnedCert owned(cert);
+    if (found == Found::UNKNOWN) return false;
+    if (found == Found::GOOD) readable++;
+  }
+  return readable == keypair->certCount;
+}
+
 Found LoadRecord(const FileChange& change, EditedRecord* edited) {
   Device* loaded = nullptr;
   const Found found = LoadTree(change.root.get(), be2int(change.image.bytes.get()), &loaded);
@@ -14,6 +30,9 @@ Found LoadRecord(const FileChange& change, EditedRecord* edited) {
   for (int i = 0; i < count && known < device->maxKeypairs; i++)
     if (IsKeypairItem(vakro_json_getarrayitem(keypairs, i))) edited->positions[known++] = i;
   if (known != device->keypairCount) return Found::UNKNOWN;  // one was dropped for want of memory
+  for (int i = 0; i < known; i++)
+    if (!HasAllCerts(vakro_json_getarrayitem(keypairs, edited->positions[i]), device->keypairs[i]))
+      return Found::UNKNOWN;
   memcpy(edited->keypairs, device->keypairs, sizeof(edited->keypairs));
   edited->count = known;
   edited->device = device.release();
