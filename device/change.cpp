@@ -12,7 +12,7 @@
 #include <new>
 #include <utility>
 
-static int ToResult(Found found) { return static_cast<int>(found); }
+static int ToResult(ReadResult found) { return static_cast<int>(found); }
 
 // SetPaths gives a record the paths of its file and backup.
 static bool SetPaths(Device* device, const char* path) {
@@ -30,11 +30,11 @@ int LoadDevice(const char* path, Device** out) {
   const OwnedDevice paths(NewDevice());
   if (!paths || !SetPaths(paths.get(), path)) return -1;
   FileImage image;
-  Found found = ReadCurrent(path, paths->backupPath, false, ReadImage, &image);
-  if (found != Found::GOOD) return ToResult(found);
+  ReadResult found = ReadCurrent(path, paths->backupPath, false, ReadImage, &image);
+  if (found != ReadResult::GOOD) return ToResult(found);
   Device* loaded = nullptr;
   found = LoadImage(image.bytes.get(), &loaded);
-  if (found != Found::GOOD) return ToResult(found);
+  if (found != ReadResult::GOOD) return ToResult(found);
   std::swap(loaded->filePath, paths->filePath);
   std::swap(loaded->backupPath, paths->backupPath);
   *out = loaded;
@@ -116,11 +116,11 @@ int BeginChange(const char* path, DeviceChange& change) {
   if (memory == nullptr) return -1;
   change.file = new (memory) OpenFile;
   if (!paths || !SetPaths(paths.get(), path)) return -1;
-  Found found = BeginFileChange(paths.get(), Reading::RESTORED, &change.file->change);
-  if (found != Found::GOOD) return ToResult(found);
+  ReadResult found = BeginFileChange(paths.get(), Reading::RESTORED, &change.file->change);
+  if (found != ReadResult::GOOD) return ToResult(found);
   if (StoredKeypairs(change.file->change) == nullptr) return 0;
   found = LoadRecord(change.file->change, &change.file->edited);
-  if (found != Found::GOOD) return ToResult(found);
+  if (found != ReadResult::GOOD) return ToResult(found);
   change.device = change.file->edited.device;
   change.datasKnown = ReadDatas(change.file->change.root, &change.datas, &change.dataCount);
   std::swap(change.device->filePath, paths->filePath);
@@ -202,7 +202,7 @@ int RenameStoredDevice(const char* path, const char* label) {
 
 int CopyDeviceFile(const char* path, const char* destination) {
   FileImage image;
-  const Found found = ReadImage(path, &image);
-  if (found != Found::GOOD) return ToResult(found);
+  const ReadResult found = ReadImage(path, &image);
+  if (found != ReadResult::GOOD) return ToResult(found);
   return WriteNewFile(destination, image);
 }

@@ -125,9 +125,7 @@ int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries) {
 static bool TakeOthersCerts(const FileChange& change, Device* device, CertList* lists) {
   bool others[MAX_KEYPAIRS] = {};
   for (int i = 0; i < device->keypairCount; i++) {
-    const Found found = ReadOthersCerts(change, device->keypairs[i], &lists[i]);
-    if (found == Found::UNKNOWN) return false;
-    others[i] = found == Found::GOOD;
+    if (!ReadStoredCerts(change, device->keypairs[i], &lists[i], &others[i])) return false;
   }
   for (int i = 0; i < device->keypairCount; i++)
     if (others[i]) ExchangeCerts(device->keypairs[i], &lists[i]);
@@ -147,10 +145,10 @@ int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* ne
   if (verified != VAKRO_OK) return verified;
   FileChange change;
   CertList certs[MAX_KEYPAIRS];
-  const Found found = BeginFileChange(device, Reading::RESTORED, &change);
+  const ReadResult found = BeginFileChange(device, Reading::RESTORED, &change);
   // Where there is no file any more nothing of another process can be undone.
-  const bool isGone = found == Found::MISSING_OR_DAMAGED && !change.lock.IsHeld();
-  if (!isGone && (found != Found::GOOD || StoredKeypairs(change) == nullptr ||
+  const bool isGone = found == ReadResult::BAD && !change.lock.IsHeld();
+  if (!isGone && (found != ReadResult::GOOD || StoredKeypairs(change) == nullptr ||
                   !HoldsSameKeypairs(change, device) || !TakeOthersCerts(change, device, certs)))
     return VAKRO_FAILED;
   const int changed = ChangePin(device, newPin);

@@ -48,16 +48,16 @@ static bool HasChanged(const char* path, const FileImage& image) {
 // ReadFromFolder reads a file of which nothing is known; the folder may hold a hundred thousand
 // that are no devices. One that looks damaged may be a device file that is being written: then a
 // backup lies beside it, or it changes under the look.
-static Found ReadFromFolder(const char* path, const char* backupPath, FileImage* image) {
-  Found found = ReadImage(path, image);
-  for (int look = 0; look < MOST_LOOKS && found == Found::MISSING_OR_DAMAGED; look++) {
+static ReadResult ReadFromFolder(const char* path, const char* backupPath, FileImage* image) {
+  ReadResult found = ReadImage(path, image);
+  for (int look = 0; look < MOST_LOOKS && found == ReadResult::BAD; look++) {
     if (IsThere(backupPath)) {
       FileLock lock;
       const LockResult result = lock.Try(path);
       if (result == LockResult::HELD) return ReadImage(path, image);
       if (result != LockResult::BUSY) return found;
       found = ReadImage(backupPath, image);
-      if (found == Found::GOOD) return found;
+      if (found == ReadResult::GOOD) return found;
     } else if (!HasChanged(path, *image) && (look > 0 || !image->bytes)) {
       return found;
     }
@@ -71,9 +71,10 @@ static void AddFromName(DeviceSet* set, const char* name) {
   if (!path) return;
   UtilText backupPath(CopyText(path.get(), strlen(path.get()), BACKUP_SUFFIX));
   FileImage image;
-  if (!backupPath || ReadFromFolder(path.get(), backupPath.get(), &image) != Found::GOOD) return;
+  if (!backupPath || ReadFromFolder(path.get(), backupPath.get(), &image) != ReadResult::GOOD)
+    return;
   Device* loaded = nullptr;
-  if (LoadImage(image.bytes.get(), &loaded) != Found::GOOD) return;
+  if (LoadImage(image.bytes.get(), &loaded) != ReadResult::GOOD) return;
   OwnedDevice device(loaded);
   if (IsThere(backupPath.get())) RemoveStaleBackup(path.get(), backupPath.get());
   AddToSet(set, device, path, backupPath);
@@ -95,7 +96,7 @@ static bool IsBackupOfAnother(const char* path) {
   struct stat info;
   FileImage image;
   return !shorter || lstat(shorter.get(), &info) == 0 ||
-         ReadDeviceImage(path, &image) != Found::MISSING_OR_DAMAGED;
+         ReadDeviceImage(path, &image) != ReadResult::BAD;
 }
 
 static void AddFromBackup(DeviceSet* set, const char* name) {
@@ -108,12 +109,12 @@ static void AddFromBackup(DeviceSet* set, const char* name) {
   if (!path || !IsThere(backupPath.get())) return;
   if (Holds(set, path.get()) || IsBackupOfAnother(path.get())) return;
   FileImage image;
-  if (ReadDeviceImage(backupPath.get(), &image) != Found::GOOD) return;
+  if (ReadDeviceImage(backupPath.get(), &image) != ReadResult::GOOD) return;
   // Only a file that is surely missing or damaged gives way to an older one.
-  if (ReadCurrent(path.get(), backupPath.get(), false, ReadDeviceImage, &image) != Found::GOOD)
+  if (ReadCurrent(path.get(), backupPath.get(), false, ReadDeviceImage, &image) != ReadResult::GOOD)
     return;
   Device* loaded = nullptr;
-  if (LoadImage(image.bytes.get(), &loaded) != Found::GOOD) return;
+  if (LoadImage(image.bytes.get(), &loaded) != ReadResult::GOOD) return;
   OwnedDevice device(loaded);
   if (IsThere(backupPath.get())) RemoveStaleBackup(path.get(), backupPath.get());
   AddToSet(set, device, path, backupPath);

@@ -37,10 +37,9 @@ struct CertChange {
 
   bool Begin() {
     if (keypair->device == nullptr || !BeginCheckedChange(keypair->device, &file)) return false;
-    const Found found = ReadOthersCerts(file, keypair, &list);
-    isOthers = found == Found::GOOD;
+    if (!ReadStoredCerts(file, keypair, &list, &isOthers)) return false;
     if (isOthers) ExchangeCerts(keypair, &list);
-    return found != Found::UNKNOWN;
+    return true;
   }
 };
 }  // namespace

@@ -10,8 +10,9 @@
 namespace sm2 {
 namespace {
 
-constexpr int STEPS = 60;   // of one matrix
-constexpr int ROUNDS = 10;  // 600 steps, 590 are needed
+constexpr int STEPS = 60;  // of one matrix
+constexpr int ROUNDS = 10;
+static_assert(STEPS * ROUNDS >= 590, "the proven bound for 256 bits");
 constexpr int LIMB_BITS = 60;
 constexpr uint64_t LIMB_MASK = (uint64_t{1} << LIMB_BITS) - 1;
 

@@ -10,9 +10,12 @@
 
 #include <sys/stat.h>
 
-// What a look at a file or an image says. UNKNOWN is a passing failure (memory, a descriptor, a
-// read error, a lock): the file may well be good, so nothing may take its place.
-enum class Found { MISSING_OR_DAMAGED = 0, GOOD = 1, UNKNOWN = -1 };
+// What a look at a file, or at something in it, says.
+//   BAD      it is missing, damaged, or not what was looked for
+//   UNKNOWN  a passing failure (memory, a descriptor, a read error, a lock): it may well be good,
+//   so
+//            nothing may take its place
+enum class ReadResult { BAD = 0, GOOD = 1, UNKNOWN = -1 };
 
 // A whole file in memory, and its owner, mode and times when it was opened.
 struct FileImage {
@@ -25,24 +28,24 @@ struct FileImage {
 // failure to look. `image` is of use on GOOD only; else it tells whether the header fitted the size
 // (its bytes are set) and what the file was like, if there is one (its status). Takes no lock: a
 // file that is being rewritten is damaged.
-Found ReadImage(const char* path, FileImage* image);
+ReadResult ReadImage(const char* path, FileImage* image);
 
 // LoadImage builds the device record of a checked image as GetDeviceHandleFromData does, and tells
 // an image that is no device from exhausted memory. On GOOD *out is set.
-Found LoadImage(const unsigned char* image, Device** out);
+ReadResult LoadImage(const unsigned char* image, Device** out);
 
 // --- The current content (current.cpp) -----------------------------------------------------------
 
 // ReadDeviceImage is ReadImage, and the image must load as a device.
-Found ReadDeviceImage(const char* path, FileImage* image);
+ReadResult ReadDeviceImage(const char* path, FileImage* image);
 
 // ReadCurrent reads the device file. One that is missing or damaged is restored from its backup,
 // under the lock; while another process holds that, or where this one may not write, the backup's
 // content is handed out and nothing touched.
 //   read         ReadImage or ReadDeviceImage: what a good file is
 //   mustRestore  a backup that can't take the file's place is a failure
-Found ReadCurrent(const char* path, const char* backupPath, bool mustRestore,
-                  Found (*read)(const char*, FileImage*), FileImage* image);
+ReadResult ReadCurrent(const char* path, const char* backupPath, bool mustRestore,
+                       ReadResult (*read)(const char*, FileImage*), FileImage* image);
 
 // RemoveStaleBackup removes the backup of a device file that is good and on stable storage, unless
 // another process has the file in hand.
@@ -65,7 +68,7 @@ struct FileChange {
 
 // BeginFileChange locks the device's file, reads and decodes it, once. GOOD also for a text that is
 // not JSON. The device's fileTag stays as it is: its keys are bound to it.
-Found BeginFileChange(const Device* device, Reading reading, FileChange* change);
+ReadResult BeginFileChange(const Device* device, Reading reading, FileChange* change);
 
 // RewriteFile is the backed-up rewrite: encodes `tree` and replaces the file's content with it; the
 // change is over then, whatever the result. Refuses to give up a valid backup for a device file
@@ -128,9 +131,11 @@ struct CertList {
   ~CertList();
 };
 
-// ReadOthersCerts reads the keypair's certificates from the file if they are others than those of
-// the record. MISSING_OR_DAMAGED: they are the same, or the file does not hold the keypair.
-Found ReadOthersCerts(const FileChange& change, const Keypair* keypair, CertList* list);
+// ReadStoredCerts reads the keypair's certificates from the file and says whether they are others
+// than those of the record; a keypair that the file does not hold has no others. False when memory
+// is out.
+bool ReadStoredCerts(const FileChange& change, const Keypair* keypair, CertList* list,
+                     bool* areOthers);
 
 void ExchangeCerts(Keypair* keypair, CertList* list);
 bool IsSameCert(const Cert* a, const Cert* b);
@@ -146,7 +151,7 @@ struct EditedRecord {
 };
 
 // LoadRecord makes a fresh record of a change's tree, its paths not set.
-Found LoadRecord(const FileChange& change, EditedRecord* edited);
+ReadResult LoadRecord(const FileChange& change, EditedRecord* edited);
 
 // WriteEdited writes names and keypairs of the record, as they are by now, over those that were
 // loaded, and `datas`, unless it is NULL, over the data objects; all else of the file stays. The

@@ -18,40 +18,40 @@ static LibBytes Digest(const unsigned char* text, unsigned int length) {
   return rawLength >= DIGEST_SIZE ? std::move(digest) : nullptr;
 }
 
-Found CheckImage(const FileImage& image) {
+ReadResult CheckImage(const FileImage& image) {
   constexpr unsigned int FRAME = HEADER_SIZE + DIGEST_SIZE;
-  if (image.size < FRAME) return Found::MISSING_OR_DAMAGED;
+  if (image.size < FRAME) return ReadResult::BAD;
   const unsigned int textLength = image.size - FRAME;
-  if (be2int(image.bytes.get() + LENGTH_OFFSET) != textLength) return Found::MISSING_OR_DAMAGED;
+  if (be2int(image.bytes.get() + LENGTH_OFFSET) != textLength) return ReadResult::BAD;
   const unsigned char* text = image.bytes.get() + HEADER_SIZE;
   const LibBytes digest = Digest(text, textLength);
-  if (!digest) return Found::UNKNOWN;
+  if (!digest) return ReadResult::UNKNOWN;
   const bool same = memcmp(text + textLength, digest.get(), DIGEST_SIZE) == 0;
-  return same ? Found::GOOD : Found::MISSING_OR_DAMAGED;
+  return same ? ReadResult::GOOD : ReadResult::BAD;
 }
 
-Found ReadImage(const char* path, FileImage* image) {
+ReadResult ReadImage(const char* path, FileImage* image) {
   image->bytes.reset();
   File file;
-  const Found opened = OpenRegularFile(path, &file, &image->status);
-  if (opened != Found::GOOD) return opened;
+  const ReadResult opened = OpenRegularFile(path, &file, &image->status);
+  if (opened != ReadResult::GOOD) return opened;
   const off_t size = image->status.st_size;
   if (size < off_t{HEADER_SIZE + DIGEST_SIZE} || size > off_t{MAX_FILE_SIZE})
-    return Found::MISSING_OR_DAMAGED;
+    return ReadResult::BAD;
   image->size = static_cast<unsigned int>(size);
 
   // Any file may stand in the folder, of any size: of one that is no container only this is read.
   unsigned char header[HEADER_SIZE];
-  Found read = ReadBytes(file, header, HEADER_SIZE);
-  if (read != Found::GOOD) return read;
+  ReadResult read = ReadBytes(file, header, HEADER_SIZE);
+  if (read != ReadResult::GOOD) return read;
   if (be2int(header + LENGTH_OFFSET) != image->size - HEADER_SIZE - DIGEST_SIZE)
-    return Found::MISSING_OR_DAMAGED;
+    return ReadResult::BAD;
 
   image->bytes.reset(static_cast<unsigned char*>(vakro_malloc(image->size, "json", __LINE__)));
-  if (!image->bytes) return Found::UNKNOWN;
+  if (!image->bytes) return ReadResult::UNKNOWN;
   memcpy(image->bytes.get(), header, HEADER_SIZE);
   read = ReadBytes(file, image->bytes.get() + HEADER_SIZE, image->size - HEADER_SIZE);
-  return read == Found::GOOD ? CheckImage(*image) : read;
+  return read == ReadResult::GOOD ? CheckImage(*image) : read;
 }
 
 UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size) {
@@ -71,7 +71,7 @@ UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size)
 
 int VerifyDeviceFile(const char* path, unsigned char** image, unsigned int* size) {
   FileImage read;
-  if (ReadImage(path, &read) != Found::GOOD) return 0;
+  if (ReadImage(path, &read) != ReadResult::GOOD) return 0;
   *image = read.bytes.release();
   *size = read.size;
   return 1;

@@ -8,11 +8,11 @@
 
 static constexpr int MOST_ROUNDS = 8;  // of looks at files that change all the while
 
-Found ReadDeviceImage(const char* path, FileImage* image) {
-  const Found read = ReadImage(path, image);
-  if (read != Found::GOOD) return read;
+ReadResult ReadDeviceImage(const char* path, FileImage* image) {
+  const ReadResult read = ReadImage(path, image);
+  if (read != ReadResult::GOOD) return read;
   Device* loaded = nullptr;
-  const Found found = LoadImage(image->bytes.get(), &loaded);
+  const ReadResult found = LoadImage(image->bytes.get(), &loaded);
   FreeDevice(loaded);
   return found;
 }
@@ -31,7 +31,8 @@ void RemoveStaleBackup(const char* path, const char* backupPath) {
   FileLock lock;
   FileImage image;
   // What was good before the lock was taken may have been left half-written since.
-  if (lock.Try(path) != LockResult::HELD || ReadDeviceImage(path, &image) != Found::GOOD) return;
+  if (lock.Try(path) != LockResult::HELD || ReadDeviceImage(path, &image) != ReadResult::GOOD)
+    return;
   // A good device file may still be in memory only, if the process that wrote it has died.
   if (SyncFile(path)) RemoveFile(backupPath);
 }
@@ -47,14 +48,14 @@ static bool MoveOver(const char* path, const char* backupPath, const FileImage& 
 }
 
 // SettleHeld reads a device file whose lock is held, and restores it if need be.
-static Found SettleHeld(const char* path, const char* backupPath, bool mustRestore,
-                        Found (*read)(const char*, FileImage*), FileImage* image) {
-  Found found = read(path, image);
-  if (found != Found::MISSING_OR_DAMAGED) return found;
+static ReadResult SettleHeld(const char* path, const char* backupPath, bool mustRestore,
+                             ReadResult (*read)(const char*, FileImage*), FileImage* image) {
+  ReadResult found = read(path, image);
+  if (found != ReadResult::BAD) return found;
   found = read(backupPath, image);
-  if (found != Found::GOOD) return found;
+  if (found != ReadResult::GOOD) return found;
   const bool restored = MoveOver(path, backupPath, *image);
-  return restored || !mustRestore ? Found::GOOD : Found::UNKNOWN;
+  return restored || !mustRestore ? ReadResult::GOOD : ReadResult::UNKNOWN;
 }
 
 static bool IsRegular(const char* path) {
@@ -66,15 +67,15 @@ static bool IsRegular(const char* path) {
 // there is no device file to lock. HELD: look again, there may be a device file now, whoever has
 // put it there. MISSING: there is no good backup either.
 static LockResult MoveIn(const char* path, const char* backupPath, bool wait,
-                         Found (*read)(const char*, FileImage*)) {
+                         ReadResult (*read)(const char*, FileImage*)) {
   FileLock lock;
   const LockResult result = wait ? lock.Take(backupPath, path) : lock.Try(backupPath);
   if (result == LockResult::MISSING && IsRegular(path)) return LockResult::HELD;
   if (result != LockResult::HELD) return result;
   FileImage image;
-  const Found found = read(backupPath, &image);
-  if (found == Found::MISSING_OR_DAMAGED) return LockResult::MISSING;
-  if (found == Found::UNKNOWN) return LockResult::FAILED;
+  const ReadResult found = read(backupPath, &image);
+  if (found == ReadResult::BAD) return LockResult::MISSING;
+  if (found == ReadResult::UNKNOWN) return LockResult::FAILED;
   if (IsRegular(path)) return LockResult::HELD;
   if (rename(backupPath, path) == 0)
     return SyncFolder(path) ? LockResult::HELD : LockResult::FAILED;
@@ -83,45 +84,45 @@ static LockResult MoveIn(const char* path, const char* backupPath, bool wait,
   return made.fd >= 0 ? LockResult::HELD : LockResult::FAILED;
 }
 
-Found ReadCurrent(const char* path, const char* backupPath, bool mustRestore,
-                  Found (*read)(const char*, FileImage*), FileImage* image) {
+ReadResult ReadCurrent(const char* path, const char* backupPath, bool mustRestore,
+                       ReadResult (*read)(const char*, FileImage*), FileImage* image) {
   LockResult result = LockResult::FAILED;
   for (int round = 0; round < MOST_ROUNDS; round++) {
-    Found found = read(path, image);
-    if (found != Found::MISSING_OR_DAMAGED) return found;
+    ReadResult found = read(path, image);
+    if (found != ReadResult::BAD) return found;
     FileLock lock;
     result = lock.Try(path);
     if (result == LockResult::HELD) return SettleHeld(path, backupPath, mustRestore, read, image);
-    if (result == LockResult::FAILED) return Found::UNKNOWN;
+    if (result == LockResult::FAILED) return ReadResult::UNKNOWN;
 
     found = read(backupPath, image);
-    if (found == Found::UNKNOWN) return found;
+    if (found == ReadResult::UNKNOWN) return found;
     if (result == LockResult::MISSING) {
-      if (found == Found::MISSING_OR_DAMAGED && !IsRegular(path)) return found;
+      if (found == ReadResult::BAD && !IsRegular(path)) return found;
       const LockResult moved = MoveIn(path, backupPath, false, read);
       if (moved == LockResult::HELD || moved == LockResult::MISSING) continue;
       const bool mayRead = moved != LockResult::FAILED || !mustRestore;
-      return mayRead && found == Found::GOOD ? found : Found::UNKNOWN;
+      return mayRead && found == ReadResult::GOOD ? found : ReadResult::UNKNOWN;
     }
-    if (found == Found::GOOD) return found;
+    if (found == ReadResult::GOOD) return found;
     Pause(1L << round);  // whoever held the lock may just have removed the backup, and be done
   }
-  return result == LockResult::SHUT ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+  return result == LockResult::SHUT ? ReadResult::BAD : ReadResult::UNKNOWN;
 }
 
-Found LockCurrent(const char* path, const char* backupPath, FileLock* lock, FileImage* image) {
+ReadResult LockCurrent(const char* path, const char* backupPath, FileLock* lock, FileImage* image) {
   for (int round = 0; round < MOST_ROUNDS; round++) {
     LockResult result = lock->Take(path, backupPath);
     if (result == LockResult::HELD) {
-      const Found found = SettleHeld(path, backupPath, true, ReadImage, image);
+      const ReadResult found = SettleHeld(path, backupPath, true, ReadImage, image);
       // The backup that has taken the file's place is another file, with a lock of its own.
-      if (found != Found::GOOD || lock->Names(path)) return found;
+      if (found != ReadResult::GOOD || lock->Names(path)) return found;
       continue;
     }
-    if (result != LockResult::MISSING) return Found::UNKNOWN;
+    if (result != LockResult::MISSING) return ReadResult::UNKNOWN;
     result = MoveIn(path, backupPath, true, ReadImage);
-    if (result == LockResult::MISSING) return Found::MISSING_OR_DAMAGED;
-    if (result != LockResult::HELD) return Found::UNKNOWN;
+    if (result == LockResult::MISSING) return ReadResult::BAD;
+    if (result != LockResult::HELD) return ReadResult::UNKNOWN;
   }
-  return Found::UNKNOWN;
+  return ReadResult::UNKNOWN;
 }

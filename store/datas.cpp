@@ -78,7 +78,8 @@ bool ReadDatas(const Json& root, Data*** list, unsigned int* count) {
 Json ReadStoredTree(Device* device) {
   if (device == nullptr) return nullptr;
   FileImage image;
-  if (ReadCurrent(device->filePath, device->backupPath, true, ReadImage, &image) != Found::GOOD)
+  if (ReadCurrent(device->filePath, device->backupPath, true, ReadImage, &image) !=
+      ReadResult::GOOD)
     return nullptr;
   device->fileTag = be2int(image.bytes.get() + TAG_OFFSET);
   Json root;
@@ -92,17 +93,17 @@ int GetAllDatasFromFile(Device* device, Data*** list, unsigned int* count) {
 }
 
 bool BeginDataChange(Device* device, FileChange* change) {
-  if (BeginFileChange(device, Reading::RESTORED, change) != Found::GOOD) return false;
+  if (BeginFileChange(device, Reading::RESTORED, change) != ReadResult::GOOD) return false;
   device->fileTag = be2int(change->image.bytes.get() + TAG_OFFSET);
   return IsArray(change->root.get());
 }
 
 // PutDatas makes `datas` the data objects of the tree; NULL when memory is out.
 static Json PutDatas(Json root, const VakroJson* datas) {
-  if (vakro_json_getarraysize(root.get()) != DEVICE_ITEMS) {
+  if (vakro_json_getarraysize(root.get()) != DEVICE_DATAS) {
     Json first(vakro_json_newarray());
     if (!first) return nullptr;
-    for (int i = 0; i < DEVICE_ITEMS; i++) {
+    for (int i = 0; i < DEVICE_DATAS; i++) {
       const VakroJson* item = vakro_json_getarrayitem(root.get(), i);
       if (item == nullptr || vakro_json_addarrayitem(first.get(), item) != 1) return nullptr;
     }

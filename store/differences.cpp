@@ -3,7 +3,7 @@
 #include "store/inside.h"
 
 bool BeginCheckedChange(const Device* device, FileChange* change) {
-  return BeginFileChange(device, Reading::CHECKED, change) == Found::GOOD &&
+  return BeginFileChange(device, Reading::CHECKED, change) == ReadResult::GOOD &&
          StoredKeypairs(*change) != nullptr;
 }
 
@@ -141,17 +141,20 @@ static bool HoldSame(const Keypair* keypair, const CertList& list) {
   return true;
 }
 
-Found ReadOthersCerts(const FileChange& change, const Keypair* keypair, CertList* list) {
-  if (HasTwin(keypair)) return Found::MISSING_OR_DAMAGED;  // of two items neither is surely its own
+bool ReadStoredCerts(const FileChange& change, const Keypair* keypair, CertList* list,
+                     bool* areOthers) {
+  *areOthers = false;
+  if (HasTwin(keypair)) return true;  // of two items neither is surely its own
   VakroJson* item = FindCurrentItem(change, keypair);
-  if (item == nullptr) return Found::MISSING_OR_DAMAGED;
+  if (item == nullptr) return true;
   VakroJson* certs = vakro_json_getarrayitem(item, KEYPAIR_CERTS);
   const int count = IsArray(certs) ? vakro_json_getarraysize(certs) : 0;
   for (int i = 0; i < count && list->count < MAX_CERTS; i++) {
     Cert* cert = nullptr;
-    const Found found = ReadCert(vakro_json_getarrayitem(certs, i), &cert);
-    if (found == Found::UNKNOWN) return found;
-    if (found == Found::GOOD) list->certs[list->count++] = cert;
+    const ReadResult found = ReadCert(vakro_json_getarrayitem(certs, i), &cert);
+    if (found == ReadResult::UNKNOWN) return false;
+    if (found == ReadResult::GOOD) list->certs[list->count++] = cert;
   }
-  return HoldSame(keypair, *list) ? Found::MISSING_OR_DAMAGED : Found::GOOD;
+  *areOthers = !HoldSame(keypair, *list);
+  return true;
 }

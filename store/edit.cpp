@@ -11,32 +11,33 @@ static bool HasAllCerts(VakroJson* item, const Keypair* keypair) {
   int readable = 0;
   for (int i = 0; i < count; i++) {
     Cert* cert = nullptr;
-    const Found found = ReadCert(vakro_json_getarrayitem(certs, i), &cert);
+    const ReadResult found = ReadCert(vakro_json_getarrayitem(certs, i), &cert);
     const OwnedCert owned(cert);
-    if (found == Found::UNKNOWN) return false;
-    if (found == Found::GOOD) readable++;
+    if (found == ReadResult::UNKNOWN) return false;
+    if (found == ReadResult::GOOD) readable++;
   }
   return readable == keypair->certCount;
 }
 
-Found LoadRecord(const FileChange& change, EditedRecord* edited) {
+ReadResult LoadRecord(const FileChange& change, EditedRecord* edited) {
   Device* loaded = nullptr;
-  const Found found = LoadTree(change.root.get(), be2int(change.image.bytes.get()), &loaded);
-  if (found != Found::GOOD) return found;
+  const ReadResult found = LoadTree(change.root.get(), be2int(change.image.bytes.get()), &loaded);
+  if (found != ReadResult::GOOD) return found;
   OwnedDevice device(loaded);
   VakroJson* keypairs = StoredKeypairs(change);
   const int count = vakro_json_getarraysize(keypairs);
   int known = 0;
   for (int i = 0; i < count && known < device->maxKeypairs; i++)
     if (IsKeypairItem(vakro_json_getarrayitem(keypairs, i))) edited->positions[known++] = i;
-  if (known != device->keypairCount) return Found::UNKNOWN;  // one was dropped for want of memory
+  if (known != device->keypairCount)
+    return ReadResult::UNKNOWN;  // one was dropped for want of memory
   for (int i = 0; i < known; i++)
     if (!HasAllCerts(vakro_json_getarrayitem(keypairs, edited->positions[i]), device->keypairs[i]))
-      return Found::UNKNOWN;
+      return ReadResult::UNKNOWN;
   memcpy(edited->keypairs, device->keypairs, sizeof(edited->keypairs));
   edited->count = known;
   edited->device = device.release();
-  return Found::GOOD;
+  return ReadResult::GOOD;
 }
 
 static bool IsInDevice(const Device* device, const Keypair* keypair) {
@@ -107,7 +108,7 @@ int WriteEdited(FileChange* change, const EditedRecord& edited, const VakroJson*
     return 0;
   const int count = vakro_json_getarraysize(root);
   if (datas != nullptr && vakro_json_addarrayitem(tree.get(), datas) != 1) return 0;
-  for (int i = datas == nullptr ? DEVICE_ITEMS : DEVICE_DATAS + 1; i < count; i++) {
+  for (int i = datas == nullptr ? DEVICE_DATAS : DEVICE_DATAS + 1; i < count; i++) {
     const VakroJson* item = vakro_json_getarrayitem(root, i);
     if (item == nullptr || vakro_json_addarrayitem(tree.get(), item) != 1) return 0;
   }

@@ -9,47 +9,47 @@ static constexpr mode_t OWNER_ONLY = S_IRUSR | S_IWUSR;
 static constexpr mode_t PERMISSIONS = S_IRWXU | S_IRWXG | S_IRWXO;
 
 // What the failure to look at or open a file says of it.
-static Found WhyNoFile() {
+static ReadResult WhyNoFile() {
   const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
-  return missing ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+  return missing ? ReadResult::BAD : ReadResult::UNKNOWN;
 }
 
-Found OpenRegularFile(const char* path, File* file, struct stat* status) {
-  if (path == nullptr) return Found::MISSING_OR_DAMAGED;
+ReadResult OpenRegularFile(const char* path, File* file, struct stat* status) {
+  if (path == nullptr) return ReadResult::BAD;
   // Look before opening: that alone can do something to what is not a file.
   if (stat(path, status) != 0) return WhyNoFile();
-  if (!S_ISREG(status->st_mode)) return Found::MISSING_OR_DAMAGED;
+  if (!S_ISREG(status->st_mode)) return ReadResult::BAD;
   // Without O_NONBLOCK a pipe that has taken the file's place since would be waited for.
   const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return WhyNoFile();
   file->reset(fdopen(fd, "rb"));
   if (!*file) close(fd);
-  if (!*file || fstat(fd, status) != 0) return Found::UNKNOWN;
-  if (!S_ISREG(status->st_mode)) return Found::MISSING_OR_DAMAGED;
-  return Found::GOOD;
+  if (!*file || fstat(fd, status) != 0) return ReadResult::UNKNOWN;
+  if (!S_ISREG(status->st_mode)) return ReadResult::BAD;
+  return ReadResult::GOOD;
 }
 
-Found ReadBytes(const File& file, void* bytes, size_t length) {
-  if (fread(bytes, 1, length, file.get()) == length) return Found::GOOD;
+ReadResult ReadBytes(const File& file, void* bytes, size_t length) {
+  if (fread(bytes, 1, length, file.get()) == length) return ReadResult::GOOD;
   // Somebody who rewrites the file has emptied it since its size was taken.
-  return feof(file.get()) != 0 ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+  return feof(file.get()) != 0 ? ReadResult::BAD : ReadResult::UNKNOWN;
 }
 
-Found ReadFile(const char* path, FileImage* image) {
+ReadResult ReadFile(const char* path, FileImage* image) {
   File file;
-  const Found opened = OpenRegularFile(path, &file, &image->status);
-  if (opened != Found::GOOD) return opened;
+  const ReadResult opened = OpenRegularFile(path, &file, &image->status);
+  if (opened != ReadResult::GOOD) return opened;
   const off_t size = image->status.st_size;
-  if (size == 0 || size > off_t{MAX_FILE_SIZE}) return Found::MISSING_OR_DAMAGED;
+  if (size == 0 || size > off_t{MAX_FILE_SIZE}) return ReadResult::BAD;
   image->size = static_cast<unsigned int>(size);
   image->bytes.reset(static_cast<unsigned char*>(vakro_malloc(image->size, "json", __LINE__)));
-  if (!image->bytes) return Found::UNKNOWN;
+  if (!image->bytes) return ReadResult::UNKNOWN;
   return ReadBytes(file, image->bytes.get(), image->size);
 }
 
 int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length) {
   FileImage image;
-  if (ReadFile(path, &image) != Found::GOOD) return 0;
+  if (ReadFile(path, &image) != ReadResult::GOOD) return 0;
   *data = image.bytes.release();
   *length = image.size;
   return 1;
@@ -161,7 +161,7 @@ int WriteNewFile(const char* path, const FileImage& image) {
 
 int CopyFileData(const char* source, const char* destination) {
   FileImage image;
-  if (ReadFile(source, &image) != Found::GOOD) return 0;
+  if (ReadFile(source, &image) != ReadResult::GOOD) return 0;
   const File file = OpenEmptied(destination, &image.status);
   if (!WriteOut(file, image.bytes.get(), image.size)) return 0;
   return SyncFolder(destination) ? 1 : 0;

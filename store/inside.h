@@ -8,14 +8,14 @@
 // --- file.cpp ------------------------------------------------------------------------------------
 
 // OpenRegularFile opens a regular file for reading and hands out its owner, mode and size.
-Found OpenRegularFile(const char* path, File* file, struct stat* status);
+ReadResult OpenRegularFile(const char* path, File* file, struct stat* status);
 
-// ReadBytes reads the next `length` bytes. MISSING_OR_DAMAGED when the file ends before.
-Found ReadBytes(const File& file, void* bytes, size_t length);
+// ReadBytes reads the next `length` bytes. BAD when the file ends before.
+ReadResult ReadBytes(const File& file, void* bytes, size_t length);
 
 // ReadFile is ReadWholeFile; it tells a bad file (missing, not a regular one, empty, too large)
 // from a failure to read.
-Found ReadFile(const char* path, FileImage* image);
+ReadResult ReadFile(const char* path, FileImage* image);
 
 // OpenEmptied opens a file for writing and empties it; one that does not exist is made for its
 // owner alone. With `like` the file has that one's owner and mode before a byte goes. NULL on
@@ -36,8 +36,8 @@ int OpenFolderOf(const char* path);  // a descriptor of the folder that holds th
 
 // --- json.cpp ------------------------------------------------------------------------------------
 
-// DecodeText decodes a text. MISSING_OR_DAMAGED when it is not JSON, UNKNOWN for want of memory.
-Found DecodeText(std::string_view text, Json* tree);
+// DecodeText decodes a text. BAD when it is not JSON, UNKNOWN for want of memory.
+ReadResult DecodeText(std::string_view text, Json* tree);
 
 bool IsArray(const VakroJson* value);
 bool JsonString(const VakroJson* value, std::string_view* text);  // false for any other type
@@ -54,10 +54,15 @@ bool AddName(VakroJson* array, const char (&name)[NAME_SIZE]);
 
 UtilText EncodeTree(const VakroJson* tree, unsigned int* length);  // NULL on failure
 
+// IsDeviceRoot says whether a text's root has what every device has. HasDatas: and something in the
+// place of the data objects.
+bool IsDeviceRoot(VakroJson* root);
+bool HasDatas(VakroJson* root);
+
 // --- container.cpp -------------------------------------------------------------------------------
 
 // CheckImage checks container and digest of a file that has been read.
-Found CheckImage(const FileImage& image);
+ReadResult CheckImage(const FileImage& image);
 
 // MakeImage puts a text into its container; NULL on failure.
 UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size);
@@ -67,23 +72,31 @@ std::string_view ImageText(const unsigned char* image);
 
 // --- reader.cpp ----------------------------------------------------------------------------------
 
+// False for an item of another type, and for a name that is too long.
+bool ReadName(const VakroJson* item, char (&name)[NAME_SIZE]);
+bool ReadNumber(const VakroJson* item, unsigned int* field);
+
 // LoadTree is LoadImage for a text that has been decoded.
-Found LoadTree(VakroJson* root, unsigned int tag, Device** out);
+ReadResult LoadTree(VakroJson* root, unsigned int tag, Device** out);
 
 Keypair* Json2Keypair(VakroJson* item);  // NULL for an item that breaks the layout
 
-// ReadCert makes a certificate of a stored string. MISSING_OR_DAMAGED for anything else, UNKNOWN
-// for want of memory.
-Found ReadCert(const VakroJson* item, Cert** out);
+// ReadCert makes a certificate of a stored string. BAD for anything else, UNKNOWN for want of
+// memory.
+ReadResult ReadCert(const VakroJson* item, Cert** out);
 
 // IsKeypairItem says whether the reader makes a keypair of a stored item, whatever the memory.
 bool IsKeypairItem(VakroJson* item);
+
+// --- identity.cpp --------------------------------------------------------------------------------
 
 bool IsItemNamed(VakroJson* item, unsigned int type, const char* label);
 
 // IsItemOf says whether a stored item is this keypair's: same label, type and public key. These
 // stay when the PIN changes.
 bool IsItemOf(VakroJson* item, const Keypair* keypair);
+
+// HexEquals says whether a string is the hex, of either case, of these bytes.
 bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length);
 
 // HasTwin says whether the record holds another keypair of the same label, type and public key: the
@@ -98,7 +111,7 @@ void PutBack(const FileChange& change, const Device* device);
 // --- current.cpp ---------------------------------------------------------------------------------
 
 // LockCurrent locks a device file, waiting for another holder, and reads it as ReadCurrent does.
-Found LockCurrent(const char* path, const char* backupPath, FileLock* lock, FileImage* image);
+ReadResult LockCurrent(const char* path, const char* backupPath, FileLock* lock, FileImage* image);
 
 // --- lock.cpp ------------------------------------------------------------------------------------
 

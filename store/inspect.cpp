@@ -162,12 +162,12 @@ static int InspectText(std::string_view text, const Teller& tell) {
     tell({.fault = Fault::TEXT});
     return 0;
   }
-  if (!IsArray(root.get()) || vakro_json_getarraysize(root.get()) < DEVICE_ITEMS) {
+  if (!IsDeviceRoot(root.get())) {
     tell({.fault = Fault::ROOT});
     return 0;
   }
   int loads = 1;
-  for (int field = 0; field < DEVICE_ITEMS; field++) {
+  for (int field = 0; field < DEVICE_DATAS; field++) {
     const VakroJson* value = vakro_json_getarrayitem(root.get(), field);
     if (field == DEVICE_KEYPAIRS ? IsArray(value) : IsName(value)) continue;
     tell({.fault = Fault::ROOT_FIELD, .field = field});

@@ -6,11 +6,11 @@
 #include <math.h>
 
 // The decoder says by errno why there is no tree: everything but EINVAL is no fault of the text.
-Found DecodeText(std::string_view text, Json* tree) {
+ReadResult DecodeText(std::string_view text, Json* tree) {
   errno = 0;
   tree->reset(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
-  if (*tree) return Found::GOOD;
-  return errno == EINVAL ? Found::MISSING_OR_DAMAGED : Found::UNKNOWN;
+  if (*tree) return ReadResult::GOOD;
+  return errno == EINVAL ? ReadResult::BAD : ReadResult::UNKNOWN;
 }
 
 static bool HasType(const VakroJson* value, VakroJsonType type) {
@@ -66,6 +66,10 @@ UtilText EncodeTree(const VakroJson* tree, unsigned int* length) {
   if (vakro_json_encode(tree, VAKRO_JSON_COMPACT, &text, length) != 1) return nullptr;
   return UtilText(text);
 }
+
+bool IsDeviceRoot(VakroJson* root) { return SizeOf(root) >= DEVICE_DATAS; }
+
+bool HasDatas(VakroJson* root) { return SizeOf(root) > DEVICE_DATAS; }
 
 // CopyArrayBut copies an array with `item` in place of the one at `index`, or without it for NULL.
 static VakroJson* CopyArrayBut(VakroJson* array, int index, const VakroJson* item) {

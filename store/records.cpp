@@ -4,18 +4,14 @@
 
 VakroJson* StoredKeypairs(const FileChange& change) {
   VakroJson* root = change.root.get();
-  if (!IsArray(root) || vakro_json_getarraysize(root) < DEVICE_ITEMS) return nullptr;
+  if (!IsDeviceRoot(root)) return nullptr;
   VakroJson* keypairs = vakro_json_getarrayitem(root, DEVICE_KEYPAIRS);
   return IsArray(keypairs) ? keypairs : nullptr;
 }
 
-static bool HoldsDatas(const FileChange& change) {
-  return vakro_json_getarraysize(change.root.get()) > DEVICE_ITEMS;
-}
-
 // Begin is the first step of every update here: the file as it stands, its digest unchecked.
 static bool Begin(const Device* device, FileChange* change) {
-  return BeginFileChange(device, Reading::UNCHECKED, change) == Found::GOOD &&
+  return BeginFileChange(device, Reading::UNCHECKED, change) == ReadResult::GOOD &&
          StoredKeypairs(*change) != nullptr;
 }
 
@@ -52,7 +48,8 @@ int AddhKeypairToFile(Device* device, Keypair* keypair) {
 
 int DeleteKeypairFromFile(Keypair* keypair) {
   FileChange change;
-  if (keypair == nullptr || !Begin(keypair->device, &change) || HoldsDatas(change)) return 0;
+  if (keypair == nullptr || !Begin(keypair->device, &change) || HasDatas(change.root.get()))
+    return 0;
   const Json item(Keypair2Json(keypair));
   if (!item) return 0;
   VakroJson* keypairs = StoredKeypairs(change);
@@ -62,7 +59,7 @@ int DeleteKeypairFromFile(Keypair* keypair) {
 }
 
 int DeleteKeypairFromChange(FileChange* change, Keypair* keypair) {
-  if (HoldsDatas(*change)) return 0;
+  if (HasDatas(change->root.get())) return 0;
   const Json item(Keypair2Json(keypair));
   Json left(vakro_json_newarray());
   VakroJson* keypairs = StoredKeypairs(*change);
@@ -81,7 +78,8 @@ int DeleteKeypairFromChange(FileChange* change, Keypair* keypair) {
 
 int UpdateKeypairToFile(Keypair* keypair) {
   FileChange change;
-  if (keypair == nullptr || !Begin(keypair->device, &change) || HoldsDatas(change)) return 0;
+  if (keypair == nullptr || !Begin(keypair->device, &change) || HasDatas(change.root.get()))
+    return 0;
   const Json item(Keypair2Json(keypair));
   if (!item) return 0;
   const Json keypairs(UpdateJsonKeypairToKeypairs(StoredKeypairs(change), item.get()));

@@ -5,44 +5,44 @@
 #include <errno.h>
 
 // ReadUnchecked reads a device file of which only the length word must fit.
-static Found ReadUnchecked(const char* path, FileImage* image) {
-  const Found read = ReadFile(path, image);
-  if (read != Found::GOOD) return read;
+static ReadResult ReadUnchecked(const char* path, FileImage* image) {
+  const ReadResult read = ReadFile(path, image);
+  if (read != ReadResult::GOOD) return read;
   const bool fits = image->size >= HEADER_SIZE &&
                     be2int(image->bytes.get() + LENGTH_OFFSET) <= image->size - HEADER_SIZE;
-  return fits ? Found::GOOD : Found::MISSING_OR_DAMAGED;
+  return fits ? ReadResult::GOOD : ReadResult::BAD;
 }
 
-static Found LockAndRead(const Device* device, Reading reading, FileChange* change) {
+static ReadResult LockAndRead(const Device* device, Reading reading, FileChange* change) {
   if (reading == Reading::RESTORED)
     return LockCurrent(device->filePath, device->backupPath, &change->lock, &change->image);
   switch (change->lock.Take(device->filePath, device->backupPath)) {
     case LockResult::HELD:
       break;
     case LockResult::MISSING:
-      return Found::MISSING_OR_DAMAGED;
+      return ReadResult::BAD;
     default:
-      return Found::UNKNOWN;
+      return ReadResult::UNKNOWN;
   }
   const auto read = reading == Reading::CHECKED ? ReadImage : ReadUnchecked;
   return read(device->filePath, &change->image);
 }
 
-Found BeginFileChange(const Device* device, Reading reading, FileChange* change) {
+ReadResult BeginFileChange(const Device* device, Reading reading, FileChange* change) {
   if (device == nullptr || device->filePath == nullptr || device->backupPath == nullptr)
-    return Found::MISSING_OR_DAMAGED;
-  const Found found = LockAndRead(device, reading, change);
-  if (found != Found::GOOD) return found;
-  const Found decoded = DecodeText(ImageText(change->image.bytes.get()), &change->root);
-  return decoded == Found::UNKNOWN ? decoded : Found::GOOD;
+    return ReadResult::BAD;
+  const ReadResult found = LockAndRead(device, reading, change);
+  if (found != ReadResult::GOOD) return found;
+  const ReadResult decoded = DecodeText(ImageText(change->image.bytes.get()), &change->root);
+  return decoded == ReadResult::UNKNOWN ? decoded : ReadResult::GOOD;
 }
 
 // A valid backup may be the only good copy: only a valid device file may take its place, and one
 // that is on the disk: the process that wrote it may have died before it had synced it.
 static bool MayReplaceBackup(const FileChange& change, const Device* device) {
   FileImage backup;
-  if (ReadImage(device->backupPath, &backup) == Found::MISSING_OR_DAMAGED) return true;
-  return CheckImage(change.image) == Found::GOOD && SyncFile(device->filePath);
+  if (ReadImage(device->backupPath, &backup) == ReadResult::BAD) return true;
+  return CheckImage(change.image) == ReadResult::GOOD && SyncFile(device->filePath);
 }
 
 static bool WriteBackup(const FileChange& change, const Device* device) {

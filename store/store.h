@@ -29,8 +29,8 @@ inline constexpr int FILE_HASH_ID = VAKRO_HASH_SHA512;
 inline constexpr unsigned int MAX_FILE_SIZE = INT_MAX;
 inline constexpr unsigned int MAX_TEXT_SIZE = MAX_FILE_SIZE - HEADER_SIZE - DIGEST_SIZE;
 
-// Positions in the root, with the number of items that every device file has.
-enum { DEVICE_SERIAL_NUMBER, DEVICE_LABEL, DEVICE_KEYPAIRS, DEVICE_ITEMS, DEVICE_DATAS = 3 };
+// Positions in the root. A device file that has never held data objects ends before theirs.
+enum { DEVICE_SERIAL_NUMBER, DEVICE_LABEL, DEVICE_KEYPAIRS, DEVICE_DATAS };
 
 enum {
   KEYPAIR_LABEL,
@@ -91,7 +91,7 @@ int VerifyDeviceFile(const char* path, unsigned char** image, unsigned int* size
 // alone. On 0 the file may be cut short.
 int WriteDeviceDataToFile(Device* device, const unsigned char* text, unsigned int length);
 
-// --- Records from and to JSON (reader.cpp) -------------------------------------------------------
+// --- Records from and to JSON (reader.cpp, writer.cpp) -------------------------------------------
 
 // GetDeviceHandleFromData builds a device record from a checked image; the paths are not set.
 // `size` is not read. NULL for an image that is no device, or without memory. A keypair item that

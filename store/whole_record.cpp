@@ -4,7 +4,8 @@
 int GetDeviceDataFromFile(Device* device, unsigned char** text, unsigned int* length) {
   if (device == nullptr) return 0;
   FileImage image;
-  if (ReadCurrent(device->filePath, device->backupPath, true, ReadImage, &image) != Found::GOOD)
+  if (ReadCurrent(device->filePath, device->backupPath, true, ReadImage, &image) !=
+      ReadResult::GOOD)
     return 0;
   device->fileTag = be2int(image.bytes.get() + TAG_OFFSET);
   const std::string_view stored = ImageText(image.bytes.get());
@@ -36,7 +37,7 @@ static Json RecordTree(const Device* device) {
 static int Rewrite(FileChange* change, Device* device, Json tree) {
   if (!tree) return 0;
   VakroJson* const root = change->root.get();
-  if (IsArray(root) && vakro_json_getarraysize(root) > DEVICE_DATAS) {
+  if (HasDatas(root)) {
     const VakroJson* datas = vakro_json_getarrayitem(root, DEVICE_DATAS);
     if (datas == nullptr || vakro_json_addarrayitem(tree.get(), datas) != 1) return 0;
   }
@@ -59,8 +60,8 @@ int UpdateDeviceDataToFile(Device* device) {
   Json tree = RecordTree(device);
   if (!tree) return 0;
   FileChange change;
-  Found found = BeginFileChange(device, Reading::RESTORED, &change);
+  ReadResult found = BeginFileChange(device, Reading::RESTORED, &change);
   // Of a damaged file without a good backup nothing is carried over, but it makes a backup.
-  if (found == Found::MISSING_OR_DAMAGED) found = ReadFile(device->filePath, &change.image);
-  return found == Found::GOOD ? Rewrite(&change, device, std::move(tree)) : 0;
+  if (found == ReadResult::BAD) found = ReadFile(device->filePath, &change.image);
+  return found == ReadResult::GOOD ? Rewrite(&change, device, std::move(tree)) : 0;
 }
