@@ -13,6 +13,7 @@ PROTECTED VakroPKICryptoDevice* g_hSoftDevice = nullptr;
 PROTECTED char* g_keyFolder = nullptr;
 PROTECTED SM2Info* g_sm2 = nullptr;
 
+namespace {
 struct SmallLocks {
   pthread_mutex_t start = PTHREAD_MUTEX_INITIALIZER;
   pthread_mutex_t key = PTHREAD_MUTEX_INITIALIZER;
@@ -21,6 +22,7 @@ struct SmallLocks {
   // long as others sign without a pause.
   pthread_rwlock_t computing = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 };
+}  // namespace
 static constinit SmallLocks g_small;
 
 int DeviceLockDevice(Device* /*device*/) { return vakro_lock_lock(g_lock) == 1 ? 1 : 0; }

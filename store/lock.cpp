@@ -99,10 +99,12 @@ LockResult FileLock::Try(const char* path) {
 
 static constexpr int SLOTS = 256;  // of threads that work on files at one time
 
+namespace {
 struct OpenLocks {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   int slots[SLOTS] = {};  // a descriptor and 1, or 0
 };
+}  // namespace
 static constinit OpenLocks g_open;
 
 // A descriptor is made and listed in one step, which no fork comes between.

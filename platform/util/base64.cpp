@@ -11,10 +11,16 @@
 static constexpr char ALPHABET[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// The two characters of every 12-bit value.
+namespace {
+// The two characters of a 12-bit value.
 struct Pair {
   char first, second;
 };
+struct Values {
+  std::array<uint32_t, 256> at[4];
+};
+}  // namespace
+
 static constexpr auto PAIRS = [] {
   std::array<Pair, 4096> pairs = {};
   for (size_t i = 0; i < pairs.size(); i++) pairs[i] = {ALPHABET[i >> 6], ALPHABET[i & 63]};
@@ -24,9 +30,6 @@ static constexpr auto PAIRS = [] {
 // The 6-bit value of every character, moved to its place among the four of a group; BAD for the
 // characters outside the alphabet.
 static constexpr uint32_t BAD = 1u << 31;
-struct Values {
-  std::array<uint32_t, 256> at[4];
-};
 static constexpr auto VALUES = [] {
   Values values = {};
   for (int place = 0; place < 4; place++) {

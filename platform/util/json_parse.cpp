@@ -18,6 +18,7 @@ static constexpr unsigned FLAGS = rapidjson::kParseInsituFlag;
 // The reader's vector code looks at up to 15 bytes behind the NUL that ends the text.
 static constexpr size_t PADDING = 16;
 
+namespace {
 // Takes the reader's events and makes the tree in one block of `count` nodes, which is the most
 // that the text can hold. Finished values wait at its beginning until their array or object ends;
 // then they move to its end, in front of the items that came before. The root is left at the
@@ -70,6 +71,7 @@ struct Builder {
   bool StartObject() { return Open(); }
   bool EndObject(unsigned count) { return Close(VAKRO_JSON_OBJECT, 2 * count); }
 };
+}  // namespace
 
 static bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
