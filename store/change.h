@@ -9,6 +9,7 @@
 #include "store/lock.h"
 
 #include <sys/stat.h>
+#include <string_view>
 
 // What a look at a file, or at something in it, says.
 //   BAD      it is missing, damaged, or not what was looked for
@@ -29,6 +30,9 @@ struct FileImage {
 // (its bytes are set) and what the file was like, if there is one (its status). Takes no lock: a
 // file that is being rewritten is damaged.
 ReadResult ReadImage(const char* path, FileImage* image);
+
+// ImageText is the text of an image whose length word has been checked.
+std::string_view ImageText(const unsigned char* image);
 
 // LoadImage builds the device record of a checked image as GetDeviceHandleFromData does, and tells
 // an image that is no device from exhausted memory. On GOOD *out is set.

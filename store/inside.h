@@ -67,9 +67,6 @@ ReadResult CheckImage(const FileImage& image);
 // MakeImage puts a text into its container; NULL on failure.
 UtilBytes MakeImage(unsigned int tag, std::string_view text, unsigned int* size);
 
-// ImageText is the text of an image whose length word has been checked.
-std::string_view ImageText(const unsigned char* image);
-
 // --- reader.cpp ----------------------------------------------------------------------------------
 
 // False for an item of another type, and for a name that is too long.

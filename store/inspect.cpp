@@ -1,9 +1,11 @@
-// The checks of container.cpp, reader.cpp and datas.cpp, one by one, with a name for each.
+// The checks of container.cpp, reader.cpp and datas.cpp, one by one, with a name for each; and the
+// mending of a container.
 #include "store/inspect.h"
 
 #include "store/inside.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 
 namespace {
@@ -18,6 +20,12 @@ struct Teller {
   }
 };
 }  // namespace
+
+static constexpr const char* ROOT_FIELDS[] = {"serial number", "label", "list of keypairs"};
+static constexpr const char* KEYPAIR_FIELDS[] = {
+    "label",       "type", "algorithm", "bits", "salt", "iv", "public key", "encrypted private key",
+    "certificates"};
+static_assert(std::size(ROOT_FIELDS) == DEVICE_DATAS && std::size(KEYPAIR_FIELDS) == KEYPAIR_ITEMS);
 
 static bool IsName(const VakroJson* item) {
   std::string_view text;
@@ -75,9 +83,9 @@ static void InspectKeypair(VakroJson* item, int keypair, const Teller& tell) {
                        : isHex                  ? IsString(value)
                                                 : IsNumber(value);
     if (!typed)
-      tell({.fault = Fault::KEYPAIR_FIELD, .keypair = keypair, .field = field});
+      tell({.fault = Fault::KEYPAIR_FIELD, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
     else if (isHex && !Decodes(value, true))
-      tell({.fault = Fault::KEYPAIR_HEX, .keypair = keypair, .field = field});
+      tell({.fault = Fault::KEYPAIR_HEX, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
     else if (field == KEYPAIR_CERTS)
       InspectCerts(value, keypair, tell);
   }
@@ -170,7 +178,7 @@ static int InspectText(std::string_view text, const Teller& tell) {
   for (int field = 0; field < DEVICE_DATAS; field++) {
     const VakroJson* value = vakro_json_getarrayitem(root.get(), field);
     if (field == DEVICE_KEYPAIRS ? IsArray(value) : IsName(value)) continue;
-    tell({.fault = Fault::ROOT_FIELD, .field = field});
+    tell({.fault = Fault::ROOT_FIELD, .field = ROOT_FIELDS[field]});
     loads = 0;
   }
   VakroJson* keypairs = vakro_json_getarrayitem(root.get(), DEVICE_KEYPAIRS);
@@ -180,10 +188,22 @@ static int InspectText(std::string_view text, const Teller& tell) {
   return loads;
 }
 
+static constexpr unsigned int LEAST = HEADER_SIZE + DIGEST_SIZE;  // with an empty text
+
+// IsProven says whether a text of this length is followed by its digest: 1, 0; -1 when memory is
+// out.
+static int IsProven(const unsigned char* image, unsigned int length) {
+  const unsigned char* text = image + HEADER_SIZE;
+  unsigned char* raw = nullptr;
+  unsigned int rawLength = 0;
+  if (CalculateHash(FILE_HASH_ID, text, length, &raw, &rawLength) != 1) return -1;
+  const LibBytes digest(raw);
+  return rawLength >= DIGEST_SIZE && memcmp(raw, text + length, DIGEST_SIZE) == 0 ? 1 : 0;
+}
+
 int InspectImage(const unsigned char* image, unsigned int size,
                  void (*tell)(void* context, const StoredFault& fault), void* context) {
   const Teller teller{tell, context, {}};
-  constexpr unsigned int LEAST = HEADER_SIZE + DIGEST_SIZE;
   if (size < LEAST) {
     teller({.fault = Fault::SHORT, .found = size, .wanted = LEAST});
     return 0;
@@ -194,13 +214,31 @@ int InspectImage(const unsigned char* image, unsigned int size,
     return 0;
   }
   const std::string_view text = ImageText(image);
-  unsigned char* digest = nullptr;
-  unsigned int digestLen = 0;
-  if (CalculateHash(FILE_HASH_ID, image + HEADER_SIZE, length, &digest, &digestLen) != 1) return -1;
-  const LibBytes owned(digest);
-  const bool same =
-      digestLen == DIGEST_SIZE && memcmp(digest, image + HEADER_SIZE + length, DIGEST_SIZE) == 0;
-  if (!same) teller({.fault = Fault::DIGEST});
+  const int proven = IsProven(image, length);
+  if (proven < 0) return proven;
+  if (proven == 0) teller({.fault = Fault::DIGEST});
   const int loads = InspectText(text, teller);
-  return loads == 1 && !same ? 0 : loads;
+  return loads == 1 && proven == 0 ? 0 : loads;
+}
+
+// --- Mending -------------------------------------------------------------------------------------
+
+int FindText(const unsigned char* image, unsigned int size, unsigned int* length) {
+  if (size < LEAST) return 0;
+  const unsigned int bySize = size - LEAST;
+  const unsigned int byWord = be2int(image + LENGTH_OFFSET);
+  if (byWord == bySize) return 0;
+  *length = bySize;
+  const int proven = IsProven(image, bySize);
+  if (proven != 0 || byWord > bySize) return proven;
+  *length = byWord;
+  return IsProven(image, byWord);
+}
+
+bool SetTextLength(const char* path, unsigned int length) {
+  const Descriptor file(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW));
+  unsigned char word[4];
+  int2be(length, word);
+  return file.fd >= 0 && pwrite(file.fd, word, sizeof(word), LENGTH_OFFSET) == sizeof(word) &&
+         ftruncate(file.fd, off_t{LEAST} + length) == 0 && fsync(file.fd) == 0;
 }

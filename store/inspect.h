@@ -1,5 +1,5 @@
 // Looking at a device file to the last item, for people: where the readers answer "damaged" or pass
-// something over, this says what and where. Changes nothing.
+// something over, this says what and where; and what can be mended without guessing.
 #ifndef VAKRO_STORE_INSPECT_H
 #define VAKRO_STORE_INSPECT_H
 
@@ -34,7 +34,7 @@ struct StoredFault {
   Fault fault;
   int keypair = -1;             // place in the list, from 0
   std::string_view label = {};  // of the keypair, as far as it can be read; good during the call
-  int field = -1;               // a position of the layout
+  const char* field = nullptr;  // the name of an item: "label", "public key"
   int at = -1;
   unsigned int found = 0;
   unsigned int wanted = 0;
@@ -46,5 +46,14 @@ struct StoredFault {
 // Returns 1 when the readers load a device of it, 0 when they don't, -1 when memory is out.
 int InspectImage(const unsigned char* image, unsigned int size,
                  void (*tell)(void* context, const StoredFault& fault), void* context);
+
+// FindText finds the text of a file whose length word and size contradict each other: the digest
+// proves which of the two is right. Returns 1 with its length; 0 when neither is, or both are; -1
+// when memory is out.
+int FindText(const unsigned char* image, unsigned int size, unsigned int* length);
+
+// SetTextLength gives a device file the length word of such a text and cuts off what stands behind
+// its digest. Caller holds the file's lock. False with errno set, and the file may have changed.
+bool SetTextLength(const char* path, unsigned int length);
 
 #endif

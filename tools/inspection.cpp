@@ -1,6 +1,7 @@
 // Words for the faults that store/inspect finds.
 #include "tools/inspection.h"
 
+#include "store/change.h"
 #include "store/inspect.h"
 #include "store/store.h"
 #include "tools/text.h"
@@ -10,11 +11,6 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
-
-static constexpr const char* KEYPAIR_FIELDS[] = {
-    "label",       "type", "algorithm", "bits", "salt", "iv", "public key", "encrypted private key",
-    "certificates"};
-static constexpr const char* ROOT_FIELDS[] = {"serial number", "label", "list of keypairs"};
 
 const char* WeightName(Weight weight) {
   switch (weight) {
@@ -37,8 +33,8 @@ static Weight WeightOf(Fault fault) {
 
 // The parser stops at the first byte that fits into no JSON.
 static std::string WhereJsonEnds(const Bytes& image) {
-  rapidjson::MemoryStream stream(reinterpret_cast<const char*>(image.data()) + HEADER_SIZE,
-                                 image.size() - HEADER_SIZE - DIGEST_SIZE);
+  const std::string_view text = ImageText(image.data());
+  rapidjson::MemoryStream stream(text.data(), text.size());
   rapidjson::BaseReaderHandler<> ignore;
   rapidjson::Reader reader;
   const rapidjson::ParseResult result =
@@ -53,9 +49,7 @@ static std::string Numbers(const StoredFault& fault) {
 }
 
 static std::string InWords(const StoredFault& fault, const Bytes& image) {
-  const auto field = [&](const auto& names) {
-    return "the " + std::string(names[static_cast<size_t>(fault.field)]);
-  };
+  const std::string field = fault.field == nullptr ? "" : std::string("the ") + fault.field;
   const std::string at = std::to_string(fault.at + 1);
   switch (fault.fault) {
     case Fault::SHORT:
@@ -69,13 +63,13 @@ static std::string InWords(const StoredFault& fault, const Bytes& image) {
     case Fault::ROOT:
       return "the text is no array of 3 items or more";
     case Fault::ROOT_FIELD:
-      return field(ROOT_FIELDS) + " has the wrong type or is longer than 63 bytes";
+      return field + " has the wrong type or is longer than 63 bytes";
     case Fault::KEYPAIR:
       return "it is no array of 9 items";
     case Fault::KEYPAIR_FIELD:
-      return field(KEYPAIR_FIELDS) + " has the wrong type or is longer than 63 bytes";
+      return field + " has the wrong type or is longer than 63 bytes";
     case Fault::KEYPAIR_HEX:
-      return field(KEYPAIR_FIELDS) + " is not hex";
+      return field + " is not hex";
     case Fault::TOO_MANY_CERTS:
       return "it has " + std::to_string(fault.found) + " certificates; " +
              std::to_string(fault.wanted) + " are the most";

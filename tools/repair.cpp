@@ -1,14 +1,15 @@
 // What can be put right without guessing. The digest is the judge.
 #include "tools/repair.h"
 
+#include "store/inspect.h"
+#include "store/lock.h"
 #include "store/store.h"
 #include "tools/files.h"
 #include "tools/inspection.h"
 #include "tools/report.h"
+#include "tools/session.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,43 +39,20 @@ std::string KeepCopy(const std::string& path) {
   return copy;
 }
 
-static bool IsProven(const unsigned char* image, size_t textSize) {
-  unsigned char* raw = nullptr;
-  unsigned int length = 0;
-  const unsigned char* text = image + HEADER_SIZE;
-  if (CalculateHash(FILE_HASH_ID, text, static_cast<unsigned int>(textSize), &raw, &length) != 1) {
-    throw std::bad_alloc();
-  }
-  const LibBytes digest(raw);
-  return length == DIGEST_SIZE && memcmp(raw, text + textSize, DIGEST_SIZE) == 0;
-}
-
-// Change writes the length word and cuts the file; both are what they were where they were right.
-static void Change(const std::string& path, unsigned int textSize) {
-  const FileHandle file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-  unsigned char word[4];
-  int2be(textSize, word);
-  if (file.fd < 0 || pwrite(file.fd, word, sizeof word, LENGTH_OFFSET) != sizeof word ||
-      ftruncate(file.fd, off_t{HEADER_SIZE} + textSize + DIGEST_SIZE) != 0 || fsync(file.fd) != 0) {
-    throw Failure("Can't write " + path + ": " + SystemError() + ".");
-  }
-}
-
 static void RepairContainer(const std::string& path) {
   const Bytes image = ReadInput(path);
-  constexpr size_t LEAST = HEADER_SIZE + DIGEST_SIZE;
-  if (image.size() < LEAST || IsDeviceFile(path)) return;
-  const size_t bySize = image.size() - LEAST;
-  const size_t byWord = be2int(image.data() + LENGTH_OFFSET);
-  const bool wordIsWrong = IsProven(image.data(), bySize);
-  const bool endIsWrong = !wordIsWrong && byWord < bySize && IsProven(image.data(), byWord);
-  if (!wordIsWrong && !endIsWrong) return;
+  const auto size = static_cast<unsigned int>(image.size());
+  unsigned int length = 0;
+  const int found = FindText(image.data(), size, &length);
+  if (found < 0) throw std::bad_alloc();
+  if (found == 0) return;
   const std::string copy = KeepCopy(path);
-  Change(path, static_cast<unsigned int>(wordIsWrong ? bySize : byWord));
+  if (!SetTextLength(path.c_str(), length)) {
+    throw Failure("Can't write " + path + ": " + SystemError() + ".");
+  }
   Warn(path +
-       (wordIsWrong ? ": the length word is put right"
-                    : ": what stood behind the end is cut "
-                      "off") +
+       (length == size - HEADER_SIZE - DIGEST_SIZE ? ": the length word is put right"
+                                                   : ": what stood behind the end is cut off") +
        "; the file as it was is kept as " + copy + ".");
 }
 
@@ -106,6 +84,12 @@ void Repair(const std::string& path) {
   if (lstat(path.c_str(), &status) != 0) FailToOpen(path);
   if (!S_ISREG(status.st_mode)) return;
   CloseToOthers(path);
+  if (IsDeviceFile(path)) return;
+  // What looks damaged may be a file that another program is writing.
+  FileLock lock;
+  if (lock.Take(path.c_str(), (path + BACKUP_SUFFIX).c_str()) != LockResult::HELD) {
+    throw Failure("Can't repair " + path + ": " + WhyNotWritten(path) + ".");
+  }
   RepairContainer(path);
   RepairFromBackup(path);
 }

@@ -159,8 +159,8 @@ void WrapAll() {
        pthread_mutex_init, pthread_mutex_lock, mlock, munlock, madvise, mincore, nanosleep>();
   Wrap<READS, Open, SetLock, fdopen, fclose, fread, fsync, fdatasync, opendir, readdir, stat, lstat,
        fstat, access>();
-  Wrap<MODIFIES, fwrite, fflush, ftruncate, rename, remove, fchmod, fchown, write, mkdir, unlink,
-       linkat>();
+  Wrap<MODIFIES, fwrite, fflush, ftruncate, rename, remove, fchmod, fchown, write, pwrite, mkdir,
+       unlink, linkat>();
   static const char* unused = "";
   g_wrappers[Address(malloc)] = {Address(Malloc), &unused};
   g_wrappers[Address(free)] = {Address(Free), &unused};
