@@ -7,8 +7,6 @@
 #include "tools/output.h"
 #include "tools/session.h"
 
-#include <CLI/CLI.hpp>
-
 #include <errno.h>
 #include <string.h>
 #include <time.h>
@@ -127,15 +125,18 @@ static void Restore(const Target& target, const BackupOptions& options) {
 
 void AddBackupCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<BackupOptions>();
-  CLI::App* backup = app.add_subcommand("backup", "Copy a device to a folder; needs no PIN");
-  backup->add_option("into", options->folder, "Folder for the copy, not a key folder")->required();
-  AddDeviceOptions(*backup, target);
-  NoteJson(*backup, "{serial, label, file}");
-  backup->callback([&target, options] { MakeBackup(target, *options); });
+  CLI::App& backup = AddCommand(app, "backup", "Copy a device to a folder; needs no PIN",
+                                [&target, options] { MakeBackup(target, *options); });
+  Add(backup, {.name = "into",
+               .into = &options->folder,
+               .help = "Folder for the copy, not a key folder",
+               .isRequired = true});
+  AddDeviceOptions(backup, target);
+  NoteJson(backup, "{serial, label, file}");
 
-  CLI::App* restore =
-      app.add_subcommand("restore", "Put a copy of a device back; replaces nothing; needs no PIN");
-  restore->add_option("file", options->file, "The copy")->required();
-  NoteJson(*restore, "{serial, label, file}");
-  restore->callback([&target, options] { Restore(target, *options); });
+  CLI::App& restore =
+      AddCommand(app, "restore", "Put a copy of a device back; replaces nothing; needs no PIN",
+                 [&target, options] { Restore(target, *options); });
+  Add(restore, {.name = "file", .into = &options->file, .help = "The copy", .isRequired = true});
+  NoteJson(restore, "{serial, label, file}");
 }

@@ -7,8 +7,6 @@
 #include "tools/output.h"
 #include "tools/terminal.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 struct CertOptions {
@@ -170,10 +168,11 @@ static void Delete(const Target& target, const CertOptions& options) {
   Confirm("Deleted certificate " + NameOf(der) + ".", facts);
 }
 
-static void AddWhich(CLI::App* command, CertOptions& options) {
-  command->add_option("which", options.which,
-                      "Number, as 'cert list' shows it, or fingerprint; may be left out when there "
-                      "is one");
+static void AddWhich(CLI::App& command, CertOptions& options) {
+  Add(command, {.name = "which",
+                .into = &options.which,
+                .help = "Number, as 'cert list' shows it, or fingerprint; may be left out when "
+                        "there is one"});
 }
 
 static const char* const CERT_JSON =
@@ -182,33 +181,35 @@ static const char* const CERT_JSON =
 
 void AddCertCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<CertOptions>();
-  CLI::App* cert = app.add_subcommand("cert", "Certificates of a keypair");
-  cert->require_subcommand(1);
+  CLI::App& cert = AddFamily(app, "cert", "Certificates of a keypair");
 
-  CLI::App* add = cert->add_subcommand("add", "Store the certificates of a file");
-  add->add_option("file", options->file, "PEM, DER or PKCS#7; - is standard input")->required();
-  AddKeypairOptions(*add, target);
-  AddSecretOptions(*add, options->pin, "pin", "PIN");
-  NoteJson(*add, "{added, certificates: [as 'cert list']}");
-  add->callback([&target, options] { Add(target, *options); });
+  CLI::App& add = AddCommand(cert, "add", "Store the certificates of a file",
+                             [&target, options] { Add(target, *options); });
+  Add(add, {.name = "file",
+            .into = &options->file,
+            .help = "PEM, DER or PKCS#7; - is standard input",
+            .isRequired = true});
+  AddKeypairOptions(add, target);
+  AddSecretOptions(add, options->pin, "pin", "PIN");
+  NoteJson(add, "{added, certificates: [as 'cert list']}");
 
-  CLI::App* list = cert->add_subcommand("list", "Show subject, issuer and expiry; needs no PIN");
-  AddKeypairOptions(*list, target);
-  NoteJson(*list, std::string("{certificates: [") + CERT_JSON + "]}");
-  list->callback([&target] { List(target); });
+  CLI::App& list = AddCommand(cert, "list", "Show subject, issuer and expiry; needs no PIN",
+                              [&target] { List(target); });
+  AddKeypairOptions(list, target);
+  NoteJson(list, std::string("{certificates: [") + CERT_JSON + "]}");
 
-  CLI::App* exporting = cert->add_subcommand("export", "Write a certificate as PEM; needs no PIN");
+  CLI::App& exporting = AddCommand(cert, "export", "Write a certificate as PEM; needs no PIN",
+                                   [&target, options] { Export(target, *options); });
   AddWhich(exporting, *options);
-  exporting->add_flag("--der", options->der, "Write DER instead");
-  AddOutputOptions(*exporting, options->output, "File to write");
-  AddKeypairOptions(*exporting, target);
-  exporting->callback([&target, options] { Export(target, *options); });
+  Add(exporting, {.name = "--der", .into = &options->der, .help = "Write DER instead"});
+  AddOutputOptions(exporting, options->output, "File to write");
+  AddKeypairOptions(exporting, target);
 
-  CLI::App* remove = cert->add_subcommand("delete", "Delete a certificate");
+  CLI::App& remove = AddCommand(cert, "delete", "Delete a certificate",
+                                [&target, options] { Delete(target, *options); });
   AddWhich(remove, *options);
-  AddYesOption(*remove, options->yes);
-  AddKeypairOptions(*remove, target);
-  AddSecretOptions(*remove, options->pin, "pin", "PIN");
-  NoteJson(*remove, CERT_JSON);
-  remove->callback([&target, options] { Delete(target, *options); });
+  AddYesOption(remove, options->yes);
+  AddKeypairOptions(remove, target);
+  AddSecretOptions(remove, options->pin, "pin", "PIN");
+  NoteJson(remove, CERT_JSON);
 }

@@ -12,8 +12,6 @@
 
 #include "keypair/keypair.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 struct CheckOptions {
@@ -211,20 +209,23 @@ static void CheckAll(const Target& target, const CheckOptions& options) {
 }
 
 void AddCheckCommand(CLI::App& app, Target& target) {
-  CLI::App* check = app.add_subcommand(
-      "check", "Say what is wrong with device files, and what a scan would do with them");
   const auto options = std::make_shared<CheckOptions>();
-  check->add_option("files", options->files, "Device files [all of the key folder]");
-  check->add_flag("--repair", options->repair,
-                  "Do what is safe, after a copy, and say what was done");
-  check->add_flag("--with-pin", options->withPin,
-                  "Ask for the PIN and look at the private keys, too");
-  AddSecretOptions(*check, options->pin, "pin", "PIN");
-  NoteJson(*check,
+  CLI::App& check = AddCommand(
+      app, "check", "Say what is wrong with device files, and what a scan would do with them",
+      [&target, options] {
+        options->withPin = options->withPin || !options->pin.isTerminal();
+        CheckAll(target, *options);
+      });
+  Add(check,
+      {.name = "files", .into = &options->files, .help = "Device files [all of the key folder]"});
+  Add(check, {.name = "--repair",
+              .into = &options->repair,
+              .help = "Do what is safe, after a copy, and say what was done"});
+  Add(check, {.name = "--with-pin",
+              .into = &options->withPin,
+              .help = "Ask for the PIN and look at the private keys, too"});
+  AddSecretOptions(check, options->pin, "pin", "PIN");
+  NoteJson(check,
            "{sound, files: [{file, loads, scan, findings: [{weight, where, what}]}]}; weight is "
            "refused, passed over, weak or note");
-  check->callback([&target, options] {
-    options->withPin = options->withPin || !options->pin.isTerminal();
-    CheckAll(target, *options);
-  });
 }

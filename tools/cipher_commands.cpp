@@ -6,8 +6,6 @@
 #include "tools/sm2_cipher.h"
 
 #include <openssl/rsa.h>
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 struct CipherOptions {
@@ -145,38 +143,41 @@ static void Decrypt(const Target& target, const CipherOptions& options) {
 
 // --- Options -------------------------------------------------------------------------------------
 
-static void AddCommon(CLI::App* command, CipherOptions& options, const char* what) {
-  command->add_option("file", options.file, what)->required();
-  AddOutputOptions(*command, options.output, "File to write");
-  command->add_flag("--oaep", options.oaep, "RSA: OAEP instead of PKCS#1 v1.5 padding");
-  command->add_option("--hash", options.hash, "Hash of OAEP: sha1, sha256, sha384 or sha512")
-      ->type_name("HASH")
-      ->capture_default_str()
-      ->check(
-          CLI::IsMember({"sha1", "sha256", "sha384", "sha512"}, CLI::ignore_case).description(""));
+static void AddCommon(CLI::App& command, CipherOptions& options, const char* what) {
+  Add(command, {.name = "file", .into = &options.file, .help = what, .isRequired = true});
+  AddOutputOptions(command, options.output, "File to write");
+  Add(command, {.name = "--oaep",
+                .into = &options.oaep,
+                .help = "RSA: OAEP instead of PKCS#1 v1.5 padding"});
+  Add(command, {.name = "--hash",
+                .into = &options.hash,
+                .help = "Hash of OAEP: sha1, sha256, sha384 or sha512",
+                .value = "HASH",
+                .showsDefault = true,
+                .oneOf = {"sha1", "sha256", "sha384", "sha512"}});
 }
 
 void AddCipherCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<CipherOptions>();
 
-  CLI::App* encrypt = app.add_subcommand("encrypt", "Encrypt a small file; needs no PIN");
+  CLI::App& encrypt = AddCommand(app, "encrypt", "Encrypt a small file; needs no PIN",
+                                 [&target, options] { Encrypt(target, *options); });
   AddCommon(encrypt, *options, "File to encrypt; - is standard input");
-  encrypt
-      ->add_option("--format", options->format,
-                   "SM2: raw is C1 || C2 || C3, der what openssl reads")
-      ->type_name("FORM")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"raw", "der"}).description(""));
-  encrypt
-      ->add_option("--public-key", options->publicKey,
-                   "Public key or certificate to use instead of a keypair, PEM or DER")
-      ->type_name("FILE");
-  AddKeypairOptions(*encrypt, target);
-  encrypt->callback([&target, options] { Encrypt(target, *options); });
+  Add(encrypt, {.name = "--format",
+                .into = &options->format,
+                .help = "SM2: raw is C1 || C2 || C3, der what openssl reads",
+                .value = "FORM",
+                .showsDefault = true,
+                .oneOf = {"raw", "der"}});
+  Add(encrypt, {.name = "--public-key",
+                .into = &options->publicKey,
+                .help = "Public key or certificate to use instead of a keypair, PEM or DER",
+                .value = "FILE"});
+  AddKeypairOptions(encrypt, target);
 
-  CLI::App* decrypt = app.add_subcommand("decrypt", "Decrypt a file; SM2 in either format");
+  CLI::App& decrypt = AddCommand(app, "decrypt", "Decrypt a file; SM2 in either format",
+                                 [&target, options] { Decrypt(target, *options); });
   AddCommon(decrypt, *options, "File to decrypt; - is standard input");
-  AddKeypairOptions(*decrypt, target);
-  AddSecretOptions(*decrypt, options->pin, "pin", "PIN");
-  decrypt->callback([&target, options] { Decrypt(target, *options); });
+  AddKeypairOptions(decrypt, target);
+  AddSecretOptions(decrypt, options->pin, "pin", "PIN");
 }

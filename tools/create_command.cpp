@@ -5,8 +5,6 @@
 #include "tools/options.h"
 #include "tools/session.h"
 
-#include <CLI/CLI.hpp>
-
 #include <errno.h>
 
 struct CreateOptions {
@@ -86,23 +84,24 @@ static void Create(const Target& target, const CreateOptions& options) {
 }
 
 void AddCreateCommand(CLI::App& app, Target& target) {
-  CLI::App* create = app.add_subcommand("create", "Make a device and set its PIN");
   const auto options = std::make_shared<CreateOptions>();
-  create->add_option("--label", options->label, "Label of the device")
-      ->required()
-      ->type_name("NAME")
-      ->check(RefuseBadName);
-  create
-      ->add_option("--serial", options->serialNumber,
-                   "Serial number; the file is named after it [16 random digits]")
-      ->type_name("NUMBER")
-      ->check(RefuseBadName);
-  auto* without = create->add_flag("--without-pin", options->withoutPin,
-                                   "Leave the PIN to be set with the first keypair");
-  AddSecretOptions(*create, options->pin, "pin", "new PIN");
-  for (const char* name : {"--pin-file", "--pin-env", "--pin-fd"}) {
-    without->excludes(create->get_option(name));
-  }
-  NoteJson(*create, "{serial, label, file, has_pin}");
-  create->callback([&target, options] { Create(target, *options); });
+  CLI::App& create = AddCommand(app, "create", "Make a device and set its PIN",
+                                [&target, options] { Create(target, *options); });
+  Add(create, {.name = "--label",
+               .into = &options->label,
+               .help = "Label of the device",
+               .value = "NAME",
+               .isRequired = true,
+               .check = RefuseBadName});
+  Add(create, {.name = "--serial",
+               .into = &options->serialNumber,
+               .help = "Serial number; the file is named after it [16 random digits]",
+               .value = "NUMBER",
+               .check = RefuseBadName});
+  AddSecretOptions(create, options->pin, "pin", "new PIN");
+  Add(create, {.name = "--without-pin",
+               .into = &options->withoutPin,
+               .help = "Leave the PIN to be set with the first keypair",
+               .excludes = {"--pin-file", "--pin-env", "--pin-fd"}});
+  NoteJson(create, "{serial, label, file, has_pin}");
 }

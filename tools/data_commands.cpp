@@ -6,8 +6,6 @@
 #include "tools/output.h"
 #include "tools/terminal.h"
 
-#include <CLI/CLI.hpp>
-
 #include <limits.h>
 #include <algorithm>
 
@@ -177,78 +175,88 @@ static void Delete(const Target& target, const DataOptions& options) {
 using DataCommand = void (*)(const Target&, const DataOptions&);
 using SharedOptions = std::shared_ptr<DataOptions>;
 
-static CLI::App* AddDataCommand(CLI::App& data, Target& target, const SharedOptions& options,
+static CLI::App& AddDataCommand(CLI::App& data, Target& target, const SharedOptions& options,
                                 const char* name, const char* what, DataCommand run) {
-  CLI::App* command = data.add_subcommand(name, what);
-  AddDeviceOptions(*command, target);
-  command->callback([&target, options, run] { run(target, *options); });
-  if (run != Get) NoteJson(*command, "{id, bytes}");
+  CLI::App& command =
+      AddCommand(data, name, what, [&target, options, run] { run(target, *options); });
+  AddDeviceOptions(command, target);
+  if (run != Get) NoteJson(command, "{id, bytes}");
   return command;
 }
 
-static void AddId(CLI::App* command, const SharedOptions& options) {
-  command->add_option("id", options->id, "Number of the object")
-      ->required()
-      ->check(CLI::Range(1, INT_MAX).description(""));
+static void AddId(CLI::App& command, const SharedOptions& options) {
+  Add(command, {.name = "id",
+                .into = &options->id,
+                .help = "Number of the object",
+                .isRequired = true,
+                .range = {1, INT_MAX}});
 }
 
-static void AddOffset(CLI::App* command, const SharedOptions& options) {
-  command->add_option("--offset", options->offset, "Byte to begin at [0]")
-      ->type_name("N")
-      ->check(CLI::Range(0, INT_MAX).description(""));
+static void AddOffset(CLI::App& command, const SharedOptions& options) {
+  Add(command, {.name = "--offset",
+                .into = &options->offset,
+                .help = "Byte to begin at [0]",
+                .value = "N",
+                .range = {0, INT_MAX}});
 }
 
-static void AddFile(CLI::App* command, const SharedOptions& options) {
-  command->add_option("file", options->file, "File with the bytes; - is standard input")
-      ->required();
+static void AddFile(CLI::App& command, const SharedOptions& options) {
+  Add(command, {.name = "file",
+                .into = &options->file,
+                .help = "File with the bytes; - is standard input",
+                .isRequired = true});
 }
 
 // `read` is the older name of `get`.
 static void AddGet(CLI::App& data, Target& target, const SharedOptions& options, const char* name) {
-  CLI::App* get = AddDataCommand(data, target, options, name, "Write out an object's bytes", Get);
+  CLI::App& get = AddDataCommand(data, target, options, name, "Write out an object's bytes", Get);
   AddId(get, options);
   AddOffset(get, options);
-  get->add_option("--length", options->length, "Bytes to read [to the end]")
-      ->type_name("N")
-      ->check(CLI::Range(0, INT_MAX).description(""));
-  AddOutputOptions(*get, options->output, "File to write");
+  Add(get, {.name = "--length",
+            .into = &options->length,
+            .help = "Bytes to read [to the end]",
+            .value = "N",
+            .range = {0, INT_MAX}});
+  AddOutputOptions(get, options->output, "File to write");
 }
 
 void AddDataCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<DataOptions>();
-  CLI::App* data =
-      app.add_subcommand("data", "Numbered byte strings on a device; they need no PIN");
-  data->require_subcommand(1);
+  CLI::App& data = AddFamily(app, "data", "Numbered byte strings on a device; they need no PIN");
 
-  CLI::App* put = AddDataCommand(*data, target, options, "put", "Make an object of a file", Put);
+  CLI::App& put = AddDataCommand(data, target, options, "put", "Make an object of a file", Put);
   AddFile(put, options);
-  put->add_option("--id", options->id, "Number of the object [the first that is free]")
-      ->type_name("N")
-      ->check(CLI::Range(1, INT_MAX).description(""));
+  Add(put, {.name = "--id",
+            .into = &options->id,
+            .help = "Number of the object [the first that is free]",
+            .value = "N",
+            .range = {1, INT_MAX}});
 
-  AddGet(*data, target, options, "get");
-  AddGet(*data, target, options, "read");
+  AddGet(data, target, options, "get");
+  AddGet(data, target, options, "read");
 
-  CLI::App* list = data->add_subcommand("list", "Show the objects and their sizes");
-  AddDeviceOptions(*list, target);
-  NoteJson(*list, "{objects: [{id, bytes}]}");
-  list->callback([&target] { List(target); });
+  CLI::App& list =
+      AddCommand(data, "list", "Show the objects and their sizes", [&target] { List(target); });
+  AddDeviceOptions(list, target);
+  NoteJson(list, "{objects: [{id, bytes}]}");
 
-  CLI::App* create =
-      AddDataCommand(*data, target, options, "create", "Make an object of zero bytes", Create);
+  CLI::App& create =
+      AddDataCommand(data, target, options, "create", "Make an object of zero bytes", Create);
   AddId(create, options);
-  create->add_option("size", options->size, "Bytes; the size never changes")
-      ->required()
-      ->check(CLI::Range(1, INT_MAX).description(""));
+  Add(create, {.name = "size",
+               .into = &options->size,
+               .help = "Bytes; the size never changes",
+               .isRequired = true,
+               .range = {1, INT_MAX}});
 
-  CLI::App* write =
-      AddDataCommand(*data, target, options, "write", "Overwrite bytes of an object", Write);
+  CLI::App& write =
+      AddDataCommand(data, target, options, "write", "Overwrite bytes of an object", Write);
   AddId(write, options);
   AddOffset(write, options);
   AddFile(write, options);
 
-  CLI::App* remove =
-      AddDataCommand(*data, target, options, "delete", "Remove an object for good", Delete);
+  CLI::App& remove =
+      AddDataCommand(data, target, options, "delete", "Remove an object for good", Delete);
   AddId(remove, options);
-  AddYesOption(*remove, options->yes);
+  AddYesOption(remove, options->yes);
 }

@@ -8,8 +8,6 @@
 #include "tools/options.h"
 #include "tools/session.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 // --- list ----------------------------------------------------------------------------------------
@@ -183,28 +181,31 @@ static void Rename(const Target& target, const std::string& label, const SecretS
 }
 
 void AddDeviceCommands(CLI::App& app, Target& target) {
-  CLI::App* list = app.add_subcommand("list", "Show devices and keypairs; needs no PIN");
-  NoteJson(*list,
+  CLI::App& list = AddCommand(app, "list", "Show devices and keypairs; needs no PIN",
+                              [&target] { List(target); });
+  NoteJson(list,
            "{folder, devices: [{serial, label, file, has_pin, keypairs: [{index, label, type, "
-           "algorithm, "
-           "bits, fingerprint, certificates}], data_objects, passed_over: [{where, reason}]}], "
-           "passed_over: [{file, reason}]}");
-  list->callback([&target] { List(target); });
+           "algorithm, bits, fingerprint, certificates}], data_objects, passed_over: [{where, "
+           "reason}]}], passed_over: [{file, reason}]}");
 
-  CLI::App* show = app.add_subcommand("show", "Show all of a device; needs no PIN");
-  AddDeviceOptions(*show, target);
-  NoteJson(*show,
+  CLI::App& show = AddCommand(app, "show", "Show all of a device; needs no PIN",
+                              [&target] { ShowDevice(target); });
+  AddDeviceOptions(show, target);
+  NoteJson(show,
            "as one device of 'list', but certificates: [{index, fingerprint, bytes, subject, "
            "issuer, serial, not_before, not_after, days_left, own_key}] and data_objects: [{id, "
            "bytes}]");
-  show->callback([&target] { ShowDevice(target); });
 
-  CLI::App* rename = app.add_subcommand("rename-device", "Give a device another label");
   const auto label = std::make_shared<std::string>();
   const auto pin = std::make_shared<SecretSource>();
-  rename->add_option("label", *label, "The new label")->required()->check(RefuseBadName);
-  AddDeviceOptions(*rename, target);
-  AddSecretOptions(*rename, *pin, "pin", "PIN");
-  NoteJson(*rename, "{serial, label}");
-  rename->callback([&target, label, pin] { Rename(target, *label, *pin); });
+  CLI::App& rename = AddCommand(app, "rename-device", "Give a device another label",
+                                [&target, label, pin] { Rename(target, *label, *pin); });
+  Add(rename, {.name = "label",
+               .into = label.get(),
+               .help = "The new label",
+               .isRequired = true,
+               .check = RefuseBadName});
+  AddDeviceOptions(rename, target);
+  AddSecretOptions(rename, *pin, "pin", "PIN");
+  NoteJson(rename, "{serial, label}");
 }

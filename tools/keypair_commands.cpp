@@ -11,8 +11,7 @@
 #include "tools/session.h"
 #include "tools/terminal.h"
 
-#include <CLI/CLI.hpp>
-
+#include <limits.h>
 #include <string.h>
 #include <algorithm>
 
@@ -235,63 +234,79 @@ static void Delete(const Target& target, const KeypairOptions& options) {
 
 static const char* const KEYPAIR_JSON = "{index, label, type, algorithm, bits, fingerprint}";
 
-static CLI::Option* AddNewKeypairOptions(CLI::App* command, Target& target,
-                                         KeypairOptions& options) {
-  command
-      ->add_option("--type", options.type,
-                   "Any number from 1, its meaning yours; type and label name a keypair")
-      ->capture_default_str()
-      ->type_name("N")
-      ->check(CLI::Range(1u, 2147483647u).description(""));
-  command->add_flag("--new-pin", options.newPin,
-                    "The PIN is a new one, for a device that was made without");
-  AddDeviceOptions(*command, target);
-  AddSecretOptions(*command, options.pin, "pin", "PIN");
-  return command->add_option("--label", options.label, "Label of the keypair")
-      ->type_name("LABEL")
-      ->check(RefuseBadName);
+static void AddNewKeypairOptions(CLI::App& command, Target& target, KeypairOptions& options) {
+  Add(command, {.name = "--type",
+                .into = &options.type,
+                .help = "Any number from 1, its meaning yours; type and label name a keypair",
+                .value = "N",
+                .showsDefault = true,
+                .range = {1, INT_MAX}});
+  Add(command, {.name = "--new-pin",
+                .into = &options.newPin,
+                .help = "The PIN is a new one, for a device that was made without"});
+  AddDeviceOptions(command, target);
+  AddSecretOptions(command, options.pin, "pin", "PIN");
 }
 
 void AddKeypairCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<KeypairOptions>();
 
-  CLI::App* keygen = app.add_subcommand("keygen", "Make a keypair");
-  keygen->add_option("algorithm", options->algorithm, "One of " + Join(AlgorithmNames()))
-      ->required()
-      ->check(CheckAlgorithm);
-  AddNewKeypairOptions(keygen, target, *options)
-      ->description("Label of the keypair [the algorithm's name]");
-  NoteJson(*keygen, KEYPAIR_JSON);
-  keygen->callback([&target, options] { Generate(target, *options); });
+  CLI::App& keygen = AddCommand(app, "keygen", "Make a keypair",
+                                [&target, options] { Generate(target, *options); });
+  Add(keygen, {.name = "algorithm",
+               .into = &options->algorithm,
+               .help = "One of " + Join(AlgorithmNames()),
+               .isRequired = true,
+               .check = CheckAlgorithm});
+  AddNewKeypairOptions(keygen, target, *options);
+  Add(keygen, {.name = "--label",
+               .into = &options->label,
+               .help = "Label of the keypair [the algorithm's name]",
+               .value = "LABEL",
+               .check = RefuseBadName});
+  NoteJson(keygen, KEYPAIR_JSON);
 
-  CLI::App* importing =
-      app.add_subcommand("import", "Store a private key, and its certificates, from a file");
-  importing->footer(
-      "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, "
-      "PKCS#12.");
-  importing->add_option("file", options->file, "Key file; - is standard input")->required();
-  AddNewKeypairOptions(importing, target, *options)->required();
-  AddSecretOptions(*importing, options->passphrase, "passphrase", "passphrase of the key file");
-  NoteJson(*importing, "as 'keygen', and certificates");
-  importing->callback([&target, options] { Import(target, *options); });
+  CLI::App& importing =
+      AddCommand(app, "import", "Store a private key, and its certificates, from a file",
+                 [&target, options] { Import(target, *options); });
+  AddNote(importing,
+          "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, "
+          "PKCS#12.");
+  Add(importing, {.name = "file",
+                  .into = &options->file,
+                  .help = "Key file; - is standard input",
+                  .isRequired = true});
+  AddNewKeypairOptions(importing, target, *options);
+  Add(importing, {.name = "--label",
+                  .into = &options->label,
+                  .help = "Label of the keypair",
+                  .value = "LABEL",
+                  .isRequired = true,
+                  .check = RefuseBadName});
+  AddSecretOptions(importing, options->passphrase, "passphrase", "passphrase of the key file");
+  NoteJson(importing, "as 'keygen', and certificates");
 
-  CLI::App* publicKey = app.add_subcommand("public-key", "Write a public key as PEM; needs no PIN");
-  AddOutputOptions(*publicKey, options->output, "File to write");
-  publicKey->add_flag("--der", options->der, "Write DER instead");
-  AddKeypairOptions(*publicKey, target);
-  publicKey->callback([&target, options] { WritePublicKey(target, *options); });
+  CLI::App& publicKey = AddCommand(app, "public-key", "Write a public key as PEM; needs no PIN",
+                                   [&target, options] { WritePublicKey(target, *options); });
+  AddOutputOptions(publicKey, options->output, "File to write");
+  Add(publicKey, {.name = "--der", .into = &options->der, .help = "Write DER instead"});
+  AddKeypairOptions(publicKey, target);
 
-  CLI::App* relabel = app.add_subcommand("relabel", "Give a keypair another label");
-  relabel->add_option("label", options->label, "The new label")->required()->check(RefuseBadName);
-  AddKeypairOptions(*relabel, target);
-  AddSecretOptions(*relabel, options->pin, "pin", "PIN");
-  NoteJson(*relabel, KEYPAIR_JSON);
-  relabel->callback([&target, options] { Relabel(target, *options); });
+  CLI::App& relabel = AddCommand(app, "relabel", "Give a keypair another label",
+                                 [&target, options] { Relabel(target, *options); });
+  Add(relabel, {.name = "label",
+                .into = &options->label,
+                .help = "The new label",
+                .isRequired = true,
+                .check = RefuseBadName});
+  AddKeypairOptions(relabel, target);
+  AddSecretOptions(relabel, options->pin, "pin", "PIN");
+  NoteJson(relabel, KEYPAIR_JSON);
 
-  CLI::App* remove = app.add_subcommand("delete-keypair", "Delete a keypair for good");
-  AddYesOption(*remove, options->yes);
-  AddKeypairOptions(*remove, target);
-  AddSecretOptions(*remove, options->pin, "pin", "PIN");
-  NoteJson(*remove, KEYPAIR_JSON);
-  remove->callback([&target, options] { Delete(target, *options); });
+  CLI::App& remove = AddCommand(app, "delete-keypair", "Delete a keypair for good",
+                                [&target, options] { Delete(target, *options); });
+  AddYesOption(remove, options->yes);
+  AddKeypairOptions(remove, target);
+  AddSecretOptions(remove, options->pin, "pin", "PIN");
+  NoteJson(remove, KEYPAIR_JSON);
 }

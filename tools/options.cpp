@@ -4,91 +4,122 @@
 #include "device/device.h"
 #include "tools/report.h"
 
-#include <CLI/CLI.hpp>
+#include <limits.h>
 
 static std::string RefuseEmpty(const std::string& value) {
   return value.empty() ? "must not be empty" : "";
 }
 
 void AddAnywhereOptions(CLI::App& app, Target& target) {
-  app.add_option("--folder", target.folder,
-                 "Key folder to work in [VAKRO_FOLDER, or /etc/.VAKRO/SoftwareCert/]")
-      ->type_name("DIR")
-      ->check(RefuseEmpty)
-      ->group("Anywhere on the line");
-  app.add_flag(
-         "-h,--help", [](int64_t) {}, "Show help on the command")
-      ->group("Anywhere on the line");
-  app.add_flag("--json", g_manner.json, "Print results as JSON")->group("Anywhere on the line");
-  app.add_flag("--quiet", g_manner.quiet, "Leave out remarks and confirmations")
-      ->group("Anywhere on the line");
-  app.add_flag("--unsafe", g_manner.unsafe, "Go on where others may write the folder or device")
-      ->group("Anywhere on the line");
+  static const char* const GROUP = "Anywhere on the line";
+  static bool isHelpWanted;  // seen by FindHelp already
+  Add(app, {.name = "--folder",
+            .into = &target.folder,
+            .help = "Key folder to work in [VAKRO_FOLDER, or /etc/.VAKRO/SoftwareCert/]",
+            .value = "DIR",
+            .check = RefuseEmpty,
+            .group = GROUP});
+  Add(app, {.name = "-h,--help",
+            .into = &isHelpWanted,
+            .help = "Show help on the command",
+            .group = GROUP});
+  Add(app,
+      {.name = "--json", .into = &g_manner.json, .help = "Print results as JSON", .group = GROUP});
+  Add(app, {.name = "--quiet",
+            .into = &g_manner.quiet,
+            .help = "Leave out remarks and confirmations",
+            .group = GROUP});
+  Add(app, {.name = "--unsafe",
+            .into = &g_manner.unsafe,
+            .help = "Go on where others may write the folder or device",
+            .group = GROUP});
 }
 
 void AddDeviceOptions(CLI::App& command, Target& target) {
-  command
-      .add_option("--device", target.device,
-                  "Serial number, label or file; may be left out when the folder has one device")
-      ->type_name("NAME")
-      ->check(RefuseEmpty)
-      ->group("Where");
+  Add(command,
+      {.name = "--device",
+       .into = &target.device,
+       .help = "Serial number, label or file; may be left out when the folder has one device",
+       .value = "NAME",
+       .check = RefuseEmpty,
+       .group = "Where"});
 }
 
 void AddKeypairOptions(CLI::App& command, Target& target) {
   AddDeviceOptions(command, target);
-  command
-      .add_option("--keypair", target.keypair,
-                  "Label, number as in #2, or fingerprint; may be left out when there is one")
-      ->type_name("NAME")
-      ->check(RefuseEmpty)
-      ->group("Where");
-  command.add_option("--type", target.type, "Type of the keypair")
-      ->type_name("N")
-      ->check(CLI::Range(1u, 2147483647u).description(""))
-      ->group("Where");
+  Add(command, {.name = "--keypair",
+                .into = &target.keypair,
+                .help = "Label, number as in #2, or fingerprint; may be left out when there is one",
+                .value = "NAME",
+                .check = RefuseEmpty,
+                .group = "Where"});
+  Add(command, {.name = "--type",
+                .into = &target.type,
+                .help = "Type of the keypair",
+                .value = "N",
+                .range = {1, INT_MAX},
+                .group = "Where"});
 }
 
 void AddSecretOptions(CLI::App& command, SecretSource& source, const std::string& name,
                       const std::string& what) {
   static const char* const GROUP = "Secrets (asked on the terminal otherwise)";
-  auto* file = command
-                   .add_option("--" + name + "-file", source.file,
-                               "Read the " + what + " from the first line of FILE")
-                   ->type_name("FILE")
-                   ->check(RefuseEmpty)
-                   ->group(GROUP);
-  auto* env = command
-                  .add_option("--" + name + "-env", source.env,
-                              "Read the " + what + " from the environment variable NAME")
-                  ->type_name("NAME")
-                  ->check(RefuseEmpty)
-                  ->excludes(file)
-                  ->group(GROUP);
-  command
-      .add_option("--" + name + "-fd", source.fd,
-                  "Read the " + what + " from the open file descriptor N")
-      ->type_name("N")
-      ->check(CLI::Range(0, 1048576).description(""))
-      ->excludes(file)
-      ->excludes(env)
-      ->group(GROUP);
+  const std::string file = "--" + name + "-file", env = "--" + name + "-env",
+                    descriptor = "--" + name + "-fd";
+  Add(command, {.name = file.c_str(),
+                .into = &source.file,
+                .help = "Read the " + what + " from the first line of FILE",
+                .value = "FILE",
+                .check = RefuseEmpty,
+                .group = GROUP});
+  Add(command, {.name = env.c_str(),
+                .into = &source.env,
+                .help = "Read the " + what + " from the environment variable NAME",
+                .value = "NAME",
+                .check = RefuseEmpty,
+                .group = GROUP,
+                .excludes = {file}});
+  Add(command, {.name = descriptor.c_str(),
+                .into = &source.fd,
+                .help = "Read the " + what + " from the open file descriptor N",
+                .value = "N",
+                .range = {0, 1048576},
+                .group = GROUP,
+                .excludes = {file, env}});
 }
 
 void AddOutputOptions(CLI::App& command, OutputOptions& output, const std::string& what) {
-  command.add_option("-o,--output", output.path, what + " [standard output]")
-      ->type_name("FILE")
-      ->check(RefuseEmpty);
-  command.add_flag("--force", output.force, "Replace a file that exists");
+  Add(command, {.name = "-o,--output",
+                .into = &output.path,
+                .help = what + " [standard output]",
+                .value = "FILE",
+                .check = RefuseEmpty});
+  Add(command, {.name = "--force", .into = &output.force, .help = "Replace a file that exists"});
 }
 
 void AddYesOption(CLI::App& command, bool& yes) {
-  command.add_flag("--yes", yes, "Do not ask whether it is meant");
+  Add(command, {.name = "--yes", .into = &yes, .help = "Do not ask whether it is meant"});
+}
+
+void AddHashOption(CLI::App& command, std::string& hash) {
+  Add(command, {.name = "--hash",
+                .into = &hash,
+                .help = "sha256, sha384 or sha512; SM2 takes SM3",
+                .value = "HASH",
+                .showsDefault = true,
+                .oneOf = {"sha256", "sha384", "sha512"}});
+}
+
+void AddIdOption(CLI::App& command, std::string& id) {
+  Add(command, {.name = "--id",
+                .into = &id,
+                .help = "User id that an SM2 signature covers",
+                .value = "ID",
+                .showsDefault = true});
 }
 
 void NoteJson(CLI::App& command, const std::string& fields) {
-  const std::string footer = command.get_footer();
-  command.footer(footer + (footer.empty() ? "" : "\n") + "--json: " + fields);
+  AddNote(command, "--json: " + fields);
 }
 
 std::string RefuseBadName(const std::string& name) {

@@ -2,6 +2,7 @@
 #ifndef VAKRO_TOOLS_OPTIONS_H
 #define VAKRO_TOOLS_OPTIONS_H
 
+#include "tools/command_line.h"
 #include "tools/tool.h"
 
 void AddAnywhereOptions(CLI::App& app, Target& target);     // --folder, --json, --quiet, --unsafe
@@ -15,6 +16,8 @@ void AddSecretOptions(CLI::App& command, SecretSource& source, const std::string
 // AddOutputOptions adds --output and --force; `what` is the file.
 void AddOutputOptions(CLI::App& command, OutputOptions& output, const std::string& what);
 void AddYesOption(CLI::App& command, bool& yes);
+void AddHashOption(CLI::App& command, std::string& hash);  // --hash, of a signature
+void AddIdOption(CLI::App& command, std::string& id);      // --id, of SM2's signer
 
 // NoteJson writes into the help of a command what it prints with --json.
 void NoteJson(CLI::App& command, const std::string& fields);

@@ -4,8 +4,6 @@
 #include "tools/repair.h"
 #include "tools/session.h"
 
-#include <CLI/CLI.hpp>
-
 #include <errno.h>
 
 struct PinOptions {
@@ -59,21 +57,21 @@ static void VerifyPin(const Target& target, const SecretSource& pin) {
 
 void AddPinCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<PinOptions>();
-  CLI::App* pin = app.add_subcommand("pin", "Change or verify the PIN");
-  pin->require_subcommand(1);
+  CLI::App& pin = AddFamily(app, "pin", "Change or verify the PIN");
 
-  CLI::App* change = pin->add_subcommand("change", "Encrypt every private key under a new PIN");
-  AddDeviceOptions(*change, target);
-  change->add_flag("--force", options->force,
-                   "Also where a keypair that can't be read is lost, after a copy");
-  AddSecretOptions(*change, options->pin, "pin", "present PIN");
-  AddSecretOptions(*change, options->newPin, "new-pin", "new PIN");
-  NoteJson(*change, "{serial, changed}");
-  change->callback([&target, options] { Change(target, *options); });
+  CLI::App& change = AddCommand(pin, "change", "Encrypt every private key under a new PIN",
+                                [&target, options] { Change(target, *options); });
+  AddDeviceOptions(change, target);
+  Add(change, {.name = "--force",
+               .into = &options->force,
+               .help = "Also where a keypair that can't be read is lost, after a copy"});
+  AddSecretOptions(change, options->pin, "pin", "present PIN");
+  AddSecretOptions(change, options->newPin, "new-pin", "new PIN");
+  NoteJson(change, "{serial, changed}");
 
-  CLI::App* verify = pin->add_subcommand("verify", "Tell whether a PIN is right, and do nothing");
-  AddDeviceOptions(*verify, target);
-  AddSecretOptions(*verify, options->pin, "pin", "PIN");
-  NoteJson(*verify, "{serial, right}");
-  verify->callback([&target, options] { VerifyPin(target, options->pin); });
+  CLI::App& verify = AddCommand(pin, "verify", "Tell whether a PIN is right, and do nothing",
+                                [&target, options] { VerifyPin(target, options->pin); });
+  AddDeviceOptions(verify, target);
+  AddSecretOptions(verify, options->pin, "pin", "PIN");
+  NoteJson(verify, "{serial, right}");
 }

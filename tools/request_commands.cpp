@@ -7,8 +7,6 @@
 
 #include <openssl/pem.h>
 #include <openssl/rand.h>
-#include <CLI/CLI.hpp>
-
 struct RequestOptions {
   std::string subject;
   std::string san;
@@ -193,53 +191,55 @@ static void SelfSign(const Target& target, const RequestOptions& options) {
 
 // --- Options -------------------------------------------------------------------------------------
 
-static void AddCommon(CLI::App* command, Target& target, RequestOptions& options) {
-  command
-      ->add_option("--subject", options.subject, "Name to certify, like /C=CN/O=Example/CN=Alice")
-      ->type_name("NAME")
-      ->required();
-  command->add_option("--san", options.san, "Alternative names, like DNS:example.org,IP:192.0.2.1")
-      ->type_name("NAMES");
-  command
-      ->add_option("--key-usage", options.keyUsage,
-                   "Uses of the key, like digitalSignature,keyEncipherment")
-      ->type_name("USES")
-      ->check(CheckKeyUsage);
-  command
-      ->add_option("--extended-key-usage", options.extendedKeyUsage,
-                   "Purposes, like serverAuth,clientAuth, or object identifiers")
-      ->type_name("USES")
-      ->check(CheckExtendedKeyUsage);
-  command->add_flag("--ca", options.ca, "For a certificate authority");
-  command->add_option("--path-length", options.pathLength, "Authorities that may stand below it")
-      ->type_name("N")
-      ->check(CLI::Range(0, 100).description(""));
-  command->add_option("--hash", options.scheme.hash, "sha256, sha384 or sha512; SM2 takes SM3")
-      ->type_name("HASH")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"sha256", "sha384", "sha512"}).description(""));
-  command->add_option("--id", options.scheme.id, "User id that an SM2 signature covers")
-      ->capture_default_str()
-      ->type_name("ID");
-  command->add_flag("--der", options.der, "Write DER instead of PEM");
-  AddOutputOptions(*command, options.output, "File to write");
-  AddKeypairOptions(*command, target);
-  AddSecretOptions(*command, options.pin, "pin", "PIN");
+static void AddCommon(CLI::App& command, Target& target, RequestOptions& options) {
+  Add(command, {.name = "--subject",
+                .into = &options.subject,
+                .help = "Name to certify, like /C=CN/O=Example/CN=Alice",
+                .value = "NAME",
+                .isRequired = true});
+  Add(command, {.name = "--san",
+                .into = &options.san,
+                .help = "Alternative names, like DNS:example.org,IP:192.0.2.1",
+                .value = "NAMES"});
+  Add(command, {.name = "--key-usage",
+                .into = &options.keyUsage,
+                .help = "Uses of the key, like digitalSignature,keyEncipherment",
+                .value = "USES",
+                .check = CheckKeyUsage});
+  Add(command, {.name = "--extended-key-usage",
+                .into = &options.extendedKeyUsage,
+                .help = "Purposes, like serverAuth,clientAuth, or object identifiers",
+                .value = "USES",
+                .check = CheckExtendedKeyUsage});
+  Add(command, {.name = "--ca", .into = &options.ca, .help = "For a certificate authority"});
+  Add(command, {.name = "--path-length",
+                .into = &options.pathLength,
+                .help = "Authorities that may stand below it",
+                .value = "N",
+                .range = {0, 100}});
+  AddHashOption(command, options.scheme.hash);
+  AddIdOption(command, options.scheme.id);
+  Add(command, {.name = "--der", .into = &options.der, .help = "Write DER instead of PEM"});
+  AddOutputOptions(command, options.output, "File to write");
+  AddKeypairOptions(command, target);
+  AddSecretOptions(command, options.pin, "pin", "PIN");
 }
 
 void AddRequestCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<RequestOptions>();
 
-  CLI::App* csr = app.add_subcommand("csr", "Write a certificate request (PKCS#10)");
+  CLI::App& csr = AddCommand(app, "csr", "Write a certificate request (PKCS#10)",
+                             [&target, options] { MakeRequest(target, *options); });
   AddCommon(csr, target, *options);
-  csr->callback([&target, options] { MakeRequest(target, *options); });
 
-  CLI::App* selfSign = app.add_subcommand("self-sign", "Write a self-signed certificate");
+  CLI::App& selfSign = AddCommand(app, "self-sign", "Write a self-signed certificate",
+                                  [&target, options] { SelfSign(target, *options); });
   AddCommon(selfSign, target, *options);
-  selfSign->add_option("--days", options->days, "Days until it expires")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 36500).description(""));
-  selfSign->add_flag("--store", options->store, "Also add it to the keypair");
-  selfSign->callback([&target, options] { SelfSign(target, *options); });
+  Add(selfSign, {.name = "--days",
+                 .into = &options->days,
+                 .help = "Days until it expires",
+                 .value = "N",
+                 .showsDefault = true,
+                 .range = {1, 36500}});
+  Add(selfSign, {.name = "--store", .into = &options->store, .help = "Also add it to the keypair"});
 }

@@ -5,8 +5,6 @@
 #include "tools/session.h"
 #include "tools/signing.h"
 
-#include <CLI/CLI.hpp>
-
 struct SigningOptions {
   std::string file;
   std::string signature;
@@ -53,42 +51,45 @@ static void Verify(const Target& target, const SigningOptions& options) {
   RequireValid(ReadPublicKey(options.publicKey), options);
 }
 
-static void AddCommon(CLI::App* command, SigningOptions& options) {
-  command->add_option("file", options.file, "File that is signed; - is standard input")->required();
-  command->add_option("--hash", options.scheme.hash, "sha256, sha384 or sha512; SM2 takes SM3")
-      ->type_name("HASH")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"sha256", "sha384", "sha512"}, CLI::ignore_case).description(""))
-      ->transform(Lower);
-  command->add_flag("--pss", options.scheme.pss, "RSA: PSS instead of PKCS#1 v1.5 padding");
-  command->add_flag("--digest", options.scheme.isDigest,
-                    "The file holds the digest itself, in binary (SM2: e)");
-  command->add_option("--id", options.scheme.id, "User id that an SM2 signature covers")
-      ->capture_default_str()
-      ->type_name("ID");
+static void AddCommon(CLI::App& command, SigningOptions& options) {
+  Add(command, {.name = "file",
+                .into = &options.file,
+                .help = "File that is signed; - is standard input",
+                .isRequired = true});
+  AddHashOption(command, options.scheme.hash);
+  Add(command, {.name = "--pss",
+                .into = &options.scheme.pss,
+                .help = "RSA: PSS instead of PKCS#1 v1.5 padding"});
+  Add(command, {.name = "--digest",
+                .into = &options.scheme.isDigest,
+                .help = "The file holds the digest itself, in binary (SM2: e)"});
+  AddIdOption(command, options.scheme.id);
 }
 
 void AddSigningCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<SigningOptions>();
 
-  CLI::App* sign = app.add_subcommand("sign", "Sign a file");
-  sign->footer(
-      "An RSA signature has as many bytes as the modulus, ECDSA and SM2 are DER. What is signed is "
-      "checked\nwith the public key before it is given out.");
+  CLI::App& sign =
+      AddCommand(app, "sign", "Sign a file", [&target, options] { Sign(target, *options); });
+  AddNote(sign,
+          "An RSA signature has as many bytes as the modulus, ECDSA and SM2 are DER. What is "
+          "signed is checked\nwith the public key before it is given out.");
   AddCommon(sign, *options);
-  AddOutputOptions(*sign, options->output, "Signature file");
-  AddKeypairOptions(*sign, target);
-  AddSecretOptions(*sign, options->pin, "pin", "PIN");
-  sign->callback([&target, options] { Sign(target, *options); });
+  AddOutputOptions(sign, options->output, "Signature file");
+  AddKeypairOptions(sign, target);
+  AddSecretOptions(sign, options->pin, "pin", "PIN");
 
-  CLI::App* verify = app.add_subcommand("verify", "Check a signature; needs no PIN");
+  CLI::App& verify = AddCommand(app, "verify", "Check a signature; needs no PIN",
+                                [&target, options] { Verify(target, *options); });
   AddCommon(verify, *options);
-  verify->add_option("signature", options->signature, "Signature file")->required();
-  verify
-      ->add_option("--public-key", options->publicKey,
-                   "Public key or certificate to use instead of a keypair, PEM or DER")
-      ->type_name("FILE");
-  AddKeypairOptions(*verify, target);
-  NoteJson(*verify, "{valid, scheme}");
-  verify->callback([&target, options] { Verify(target, *options); });
+  Add(verify, {.name = "signature",
+               .into = &options->signature,
+               .help = "Signature file",
+               .isRequired = true});
+  Add(verify, {.name = "--public-key",
+               .into = &options->publicKey,
+               .help = "Public key or certificate to use instead of a keypair, PEM or DER",
+               .value = "FILE"});
+  AddKeypairOptions(verify, target);
+  NoteJson(verify, "{valid, scheme}");
 }
