@@ -29,15 +29,8 @@ int AddAnchor(Device* device, const char* pin) {
   Keypair* made = nullptr;
   if (GenerateTempECCKeypair(CURVE_SM2, ANCHOR_BITS, static_cast<int>(ANCHOR_TYPE), &made) != 1)
     return VAKRO_FAILED;
-  OwnedKeypair anchor(made);
-  memcpy(anchor->label, ANCHOR_LABEL, sizeof(ANCHOR_LABEL));
-  if (EncryptECCKeypair(device, anchor.get()) != 1) return VAKRO_FAILED;
-  anchor->isTemp = 0;
-  anchor->device = device;
-  device->keypairs[device->keypairCount] = anchor.release();
-  device->keypairCount++;
-  device->refCount++;
-  return VAKRO_OK;
+  memcpy(made->label, ANCHOR_LABEL, sizeof(ANCHOR_LABEL));
+  return AppendKeypair(device, made);
 }
 
 int MakeAnchor(Device* device, const char* pin) {

@@ -23,8 +23,8 @@ static bool FillECC(Keypair* keypair) {
                               &keypair->publicKeyLen) == 1;
 }
 
-static OwnedKeypair Decode(unsigned int algorithm, const unsigned char* encoding, int encodingLen,
-                           unsigned int type) {
+Keypair* DecodeKeypair(const unsigned char* encoding, int encodingLen, unsigned int type) {
+  const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);
   int curve = 0;
   EvpKey key(DecodePair(algorithm, encoding, encodingLen, &curve));
   OwnedKeypair keypair(key ? NewKeypair() : nullptr);
@@ -34,7 +34,7 @@ static OwnedKeypair Decode(unsigned int algorithm, const unsigned char* encoding
   keypair->curve = curve;
   keypair->privateKey = key.release();
   const bool filled = algorithm == ALGORITHM_RSA ? FillRSA(keypair.get()) : FillECC(keypair.get());
-  return filled ? std::move(keypair) : nullptr;
+  return filled ? keypair.release() : nullptr;
 }
 
 int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encodingLen,
@@ -53,7 +53,7 @@ int DeviceImportKeypair(Device* device, const unsigned char* encoding, int encod
   if (owner != VAKRO_OK) return owner;
   const unsigned int algorithm = be2int(encoding + MAGIC_SIZE);
   if (algorithm != ALGORITHM_RSA && algorithm != ALGORITHM_ECC) return VAKRO_NOT_SUPPORTED;
-  OwnedKeypair keypair = Decode(algorithm, encoding, encodingLen, type);
+  OwnedKeypair keypair(DecodeKeypair(encoding, encodingLen, type));
   if (!keypair) return VAKRO_FAILED;
   return StoreKeypair(device, std::move(keypair), label, out);
 }

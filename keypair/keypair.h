@@ -63,6 +63,16 @@ int GenerateTempRSAKeypair(unsigned int bits, const RSAKeypairParams* params, un
                            Keypair** out);
 int IsGenerateTempRSAKeypair(const RSAKeypairParams* params);
 
+// DecodeKeypair makes a keypair, private key included, of a keypair encoding of 16 bytes or more,
+// RSA or elliptic curve by its head. It has no label yet and is on no device (FreeKeypair). NULL
+// for a broken encoding, or without memory.
+Keypair* DecodeKeypair(const unsigned char* encoding, int encodingLen, unsigned int type);
+
+// AppendKeypair enciphers such a keypair under the PIN of a verified record and puts it behind the
+// record's others, in memory only. It takes `made` over, also on failure. Returns 1; -21 when the
+// record is full; 0. Caller locks, or owns the record.
+int AppendKeypair(Device* device, Keypair* made);
+
 // --- Public keys (public_key.cpp) ----------------------------------------------------------------
 
 PublicKey* NewPublicKey(void);

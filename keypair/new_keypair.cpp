@@ -36,12 +36,27 @@ static bool OpensFile(const FileChange& change, Device* device) {
   return key != nullptr;
 }
 
+static bool Encipher(Device* device, Keypair* keypair) {
+  return (keypair->algorithm == ALGORITHM_ECC ? EncryptECCKeypair(device, keypair)
+                                              : EncryptRSAKeypair(device, keypair)) == 1;
+}
+
+int AppendKeypair(Device* device, Keypair* made) {
+  OwnedKeypair keypair(made);
+  if (device->keypairCount >= device->maxKeypairs) return VAKRO_OUT_OF_RANGE;
+  if (!Encipher(device, keypair.get())) return VAKRO_FAILED;
+  keypair->isTemp = 0;
+  keypair->maxCerts = MAX_CERTS;
+  keypair->device = device;
+  AddReferences(device, 1);
+  device->keypairs[device->keypairCount] = keypair.release();
+  WriteShared(device->keypairCount, device->keypairCount + 1);
+  return VAKRO_OK;
+}
+
 int StoreKeypair(Device* device, OwnedKeypair keypair, const char* label, Keypair** out) {
   memcpy(keypair->label, label, strlen(label) + 1);
-  const int encrypted = keypair->algorithm == ALGORITHM_ECC
-                            ? EncryptECCKeypair(device, keypair.get())
-                            : EncryptRSAKeypair(device, keypair.get());
-  if (encrypted != 1) return VAKRO_FAILED;
+  if (!Encipher(device, keypair.get())) return VAKRO_FAILED;
   FileChange change;
   if (!BeginCheckedChange(device, &change)) return VAKRO_FAILED;
   if (HoldsKeypair(change, keypair->type, label)) return VAKRO_ALREADY_EXISTS;

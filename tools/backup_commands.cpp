@@ -1,7 +1,7 @@
 // backup, restore: copies of a device to keep, outside the key folder.
-#include "device/change.h"
 #include "device/create.h"
 #include "store/store.h"
+#include "tools/change.h"
 #include "tools/inspection.h"
 #include "tools/options.h"
 #include "tools/output.h"

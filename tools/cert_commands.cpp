@@ -1,5 +1,5 @@
 // cert add, list, export, delete.
-#include "device/change.h"
+#include "tools/change.h"
 #include "tools/choice.h"
 #include "tools/describe.h"
 #include "tools/keys.h"
@@ -91,21 +91,23 @@ static void Add(const Target& target, const CertOptions& options) {
   const PublicPart key = PublicPartOf(session.keypair.get());
   RequireRoom(session.keypair.get(), Wanted(session.keypair.get(), file).size());
   Unlock(session, options.pin);
-  Keypair* keypair = session.keypair.get();
-  const std::vector<Bytes> wanted = Wanted(keypair, file);
-  RequireRoom(keypair, wanted.size());
+  std::vector<Bytes> added;
+  Facts facts;
+  ChangeDevice(session, "add certificates", [&](const DeviceChange& change) {
+    Keypair* keypair = SameKeypairIn(change.device, session.keypair.get());
+    added = Wanted(keypair, file);
+    RequireRoom(keypair, added.size());
+    for (const Bytes& der : added) AppendCertificate(keypair, der);
+    facts = CertificatesOf(keypair);
+  });
   std::vector<std::string> names;
-  for (const Bytes& der : wanted) {
-    RequireChange(session.device.get(),
-                  DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
-                  "add certificate " + NameOf(der));
+  for (const Bytes& der : added) {
     RemarkForeign(key, der);
     names.push_back("Added " + NameOf(der));
   }
-  const size_t known = file.certs.size() - wanted.size();
+  const size_t known = file.certs.size() - added.size();
   if (known > 0) names.push_back("Already there: " + Count(known, "certificate"));
-  Confirm(Join(names, "; ") + ".",
-          Fields{{"added", wanted.size()}, {"certificates", CertificatesOf(keypair)}});
+  Confirm(Join(names, "; ") + ".", Fields{{"added", added.size()}, {"certificates", facts}});
 }
 
 // --- list, export, delete ------------------------------------------------------------------------

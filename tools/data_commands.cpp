@@ -1,5 +1,6 @@
 // data: the numbered byte strings of a device. They need no PIN.
 #include "store/store.h"
+#include "tools/change.h"
 #include "tools/data_objects.h"
 #include "tools/files.h"
 #include "tools/options.h"
@@ -19,8 +20,7 @@ struct DataOptions {
   OutputOptions output;
 };
 
-// The text of the device file holds two digits for a byte.
-static constexpr int OBJECT_MAX = static_cast<int>(MAX_FILE_SIZE / 2 - 65536);
+static constexpr size_t SLACK = 65536;  // bytes of a device file that no object is given
 
 struct DataRecords {
   Data** items = nullptr;
@@ -31,12 +31,16 @@ struct DataRecords {
   ~DataRecords() { FreeDatas(items, static_cast<int>(count)); }
 };
 
+static Failure Unreadable(Device* device) {
+  return Failure("The data objects of device " + NameOf(device) + " can't be read.",
+                 "'softdevice check' says what is wrong with them.");
+}
+
 std::vector<DataObject> DataObjects(Device* device) {
   const ModuleLock lock;
   DataRecords list;
   if (!lock.held || GetAllDatasFromFile(device, &list.items, &list.count) != 1) {
-    throw Failure("The data objects of device " + NameOf(device) + " can't be read.",
-                  "'softdevice check' says what is wrong with them.");
+    throw Unreadable(device);
   }
   std::vector<DataObject> objects;
   for (unsigned int i = 0; i < list.count; i++) {
@@ -66,19 +70,27 @@ static bool HasObject(Device* device, int id) {
 
 static Fields FactsOf(int id, size_t bytes) { return {{"id", id}, {"bytes", bytes}}; }
 
-static void CreateObject(Device* device, int id, int size) {
-  if (HasObject(device, id)) {
-    throw Failure(EXIT_EXISTS, "There is a " + Named(id) + " already.", "Choose another number.");
-  }
-  if (size > OBJECT_MAX) {
-    throw Failure("A data object has at most " + std::to_string(OBJECT_MAX) + " bytes.");
-  }
-  RequireChange(device, DeviceCreateData(device, id, 0, size), "create " + Named(id));
+static Failure Taken(int id) {
+  return Failure(EXIT_EXISTS, "There is a " + Named(id) + " already.", "Choose another number.");
+}
+
+// The text of the device file holds two digits for a byte.
+static void RequireRoom(const Device* device, size_t size) {
+  struct stat status = {};
+  const size_t taken =
+      stat(device->filePath, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+  const size_t room = (MAX_FILE_SIZE - std::min<size_t>(MAX_FILE_SIZE, taken + SLACK)) / 2;
+  if (size <= room) return;
+  throw Failure("The device has room for a data object of at most " + Count(room, "byte") + ".");
 }
 
 static void Create(const Target& target, const DataOptions& options) {
   const Session session(target);
-  CreateObject(session.device.get(), options.id, options.size);
+  Device* device = session.device.get();
+  if (HasObject(device, options.id)) throw Taken(options.id);
+  RequireRoom(device, static_cast<size_t>(options.size));
+  RequireChange(device, DeviceCreateData(device, options.id, 0, options.size),
+                "create " + Named(options.id));
   Confirm("Created " + Named(options.id) + " of " + std::to_string(options.size) + " zero bytes.",
           FactsOf(options.id, static_cast<size_t>(options.size)));
 }
@@ -113,12 +125,6 @@ static void Get(const Target& target, const DataOptions& options) {
   output.Write(bytes);
 }
 
-static void WriteBytes(Device* device, int id, int offset, const Bytes& bytes) {
-  RequireChange(device,
-                DeviceWriteDataEx(device, id, offset, bytes.data(), static_cast<int>(bytes.size())),
-                "write " + Named(id));
-}
-
 static Bytes ReadContent(const std::string& file) {
   Bytes bytes = ReadInput(file);
   if (bytes.empty()) throw Failure("There is nothing to write: " + file + " is empty.");
@@ -135,24 +141,45 @@ static void Write(const Target& target, const DataOptions& options) {
                       std::to_string(object.length) + ".",
                   "A data object never grows: 'data delete' and 'data put' make it anew.");
   }
-  WriteBytes(session.device.get(), options.id, options.offset, bytes);
+  RequireChange(session.device.get(),
+                DeviceWriteDataEx(session.device.get(), options.id, options.offset, bytes.data(),
+                                  static_cast<int>(bytes.size())),
+                "write " + Named(options.id));
   Confirm("Wrote " + Count(bytes.size(), "byte") + " to " + Named(options.id) + ".",
           FactsOf(options.id, bytes.size()));
 }
 
-static int FreeNumber(Device* device) {
+static bool HasObject(const DeviceChange& change, int id) {
+  return std::any_of(change.datas, change.datas + change.dataCount,
+                     [id](const Data* data) { return data->id == id; });
+}
+
+static int FreeNumber(const DeviceChange& change) {
   int id = 1;
-  while (HasObject(device, id)) id++;
+  while (HasObject(change, id)) id++;
   return id;
+}
+
+static void Append(DeviceChange& change, int id, const Bytes& bytes) {
+  OwnedData data(newData(id, static_cast<int>(bytes.size())));
+  if (data && change.datas == nullptr) change.datas = Allocate<Data*>(1, "tools");
+  if (!data || change.datas == nullptr) throw std::bad_alloc();
+  std::copy(bytes.begin(), bytes.end(), data->value);
+  change.datas[change.dataCount++] = data.release();
+  change.datasChanged = true;
 }
 
 static void Put(const Target& target, const DataOptions& options) {
   const Bytes bytes = ReadContent(options.file);
   const Session session(target);
-  Device* device = session.device.get();
-  const int id = options.id == 0 ? FreeNumber(device) : options.id;
-  CreateObject(device, id, static_cast<int>(bytes.size()));
-  WriteBytes(device, id, 0, bytes);
+  RequireRoom(session.device.get(), bytes.size());
+  int id = options.id;
+  ChangeDevice(session, "put the data object", [&](DeviceChange& change) {
+    if (!change.datasKnown) throw Unreadable(session.device.get());
+    if (HasObject(change, id)) throw Taken(id);
+    if (id == 0) id = FreeNumber(change);
+    Append(change, id, bytes);
+  });
   Confirm("Put " + Count(bytes.size(), "byte") + " into " + Named(id) + ".",
           FactsOf(id, bytes.size()));
 }

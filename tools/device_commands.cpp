@@ -1,6 +1,6 @@
 // list, show, rename-device: the commands about whole devices.
 #include "device/anchor.h"
-#include "device/change.h"
+#include "tools/change.h"
 #include "tools/data_objects.h"
 #include "tools/describe.h"
 #include "tools/inspection.h"

@@ -1,8 +1,9 @@
 // keygen, import, public-key, relabel, delete-keypair.
 #include "device/anchor.h"
-#include "device/change.h"
+#include "keypair/keypair.h"
 #include "sm2/sm2.h"
 #include "tools/certificates.h"
+#include "tools/change.h"
 #include "tools/describe.h"
 #include "tools/key_files.h"
 #include "tools/options.h"
@@ -125,6 +126,18 @@ static void SortCertificates(std::vector<Certificate>& certs, EVP_PKEY* key) {
   Remark("None of the file's certificates is of this key; they are stored all the same.");
 }
 
+// PutIn puts a keypair behind those of a record that is verified and has room.
+static Keypair* PutIn(Device* device, const Secret& encoding, const KeypairOptions& options) {
+  OwnedKeypair keypair(
+      DecodeKeypair(encoding.data(), static_cast<int>(encoding.size()), options.type));
+  if (!keypair) throw Failure("The module does not take this key.");
+  memcpy(keypair->label, options.label.c_str(), options.label.size() + 1);
+  if (AppendKeypair(device, keypair.release()) != VAKRO_OK) {
+    throw Failure("The private key could not be encrypted: out of memory?");
+  }
+  return device->keypairs[device->keypairCount - 1];
+}
+
 static void Import(const Target& target, const KeypairOptions& options) {
   ProtectInput(options.file);
   KeyFile file = ReadKeyFile(options.file, options.passphrase);
@@ -140,24 +153,19 @@ static void Import(const Target& target, const KeypairOptions& options) {
   Session session(target);
   RequireRoom(session.device.get(), options);
   UnlockForFirst(session, options.pin, options.newPin);
-  Device* device = session.device.get();
-  RequireRoom(device, options);
-  Keypair* raw = nullptr;
-  RequireChange(device,
-                DeviceImportKeypair(device, encoding.data(), static_cast<int>(encoding.size()),
-                                    options.type, options.label.c_str(), &raw),
-                "store keypair " + options.label);
-  const KeypairHandle keypair(raw);
-  Fields facts = FactsOf(raw);
-  for (const Certificate& cert : file.certs) {
-    const Bytes der = ToDer(cert.get());
-    RequireChange(device, DeviceAddCertificate(raw, der.data(), static_cast<int>(der.size())),
-                  "add certificate " + NameText(X509_get_subject_name(cert.get())));
-  }
-  facts.emplace_back("certificates", DeviceGetCertificateCount(raw));
+  std::string kind;
+  Fields facts;
+  ChangeDevice(session, "store keypair " + options.label, [&](const DeviceChange& change) {
+    RequireRoom(change.device, options);
+    Keypair* keypair = PutIn(change.device, encoding, options);
+    for (const Certificate& cert : file.certs) AppendCertificate(keypair, ToDer(cert.get()));
+    kind = KindName(keypair);
+    facts = FactsOf(keypair);
+    facts.emplace_back("certificates", DeviceGetCertificateCount(keypair));
+  });
   const std::string with =
       file.certs.empty() ? "" : ", with " + Count(file.certs.size(), "certificate");
-  Confirm("Imported " + KindName(raw) + " keypair " + options.label + ", type " +
+  Confirm("Imported " + kind + " keypair " + options.label + ", type " +
               std::to_string(options.type) + with + ".",
           facts);
 }

@@ -1,4 +1,5 @@
 // pin change, pin verify.
+#include "tools/change.h"
 #include "tools/inspection.h"
 #include "tools/options.h"
 #include "tools/repair.h"

@@ -4,10 +4,10 @@
 #include "store/inspect.h"
 #include "store/lock.h"
 #include "store/store.h"
+#include "tools/change.h"
 #include "tools/files.h"
 #include "tools/inspection.h"
 #include "tools/report.h"
-#include "tools/session.h"
 
 #include <errno.h>
 #include <time.h>

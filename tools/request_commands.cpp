@@ -1,5 +1,6 @@
 // csr, self-sign: a PKCS#10 request and a self-signed certificate, signed by the device.
 #include "tools/certificates.h"
+#include "tools/change.h"
 #include "tools/options.h"
 #include "tools/output.h"
 #include "tools/session.h"

@@ -10,7 +10,6 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
 
@@ -210,42 +209,4 @@ SecretText UnlockForFirst(Session& session, const SecretSource& source, bool sai
   }
   Verify(session.device.get(), pin);
   return pin;
-}
-
-// --- What went wrong -----------------------------------------------------------------------------
-
-static constexpr unsigned long ROOM_NEEDED = 1UL << 20;  // bytes; about the largest usual file
-
-std::string WhyNotWritten(const std::string& path) {
-  const int cause = errno;
-  const std::string folder = path.substr(0, path.rfind('/') + 1);
-  if (access(folder.c_str(), W_OK) != 0) {
-    return "the folder " + folder + " can't be written: " + SystemError();
-  }
-  if (access(path.c_str(), W_OK) != 0) return path + " can't be written: " + SystemError();
-  struct statvfs room = {};
-  if (statvfs(folder.c_str(), &room) == 0) {
-    if (room.f_bavail * room.f_frsize < ROOM_NEEDED) return "the disk is full, or nearly so";
-    if (room.f_files > 0 && room.f_favail == 0) return "the disk has no room for another file";
-  }
-  if (cause == ETIMEDOUT || cause == EAGAIN) {
-    return "another program holds the device file and does not go on";
-  }
-  errno = cause;
-  return cause == 0 ? "the device file has changed or is damaged" : SystemError();
-}
-
-void RequireChange(Device* device, int result, const std::string& what) {
-  switch (result) {
-    case VAKRO_OK:
-      return NoteChange(what);
-    case VAKRO_ALREADY_EXISTS:
-      throw Failure(EXIT_EXISTS, "Can't " + what + ": it exists already.",
-                    "Choose another label, number or type.");
-    case VAKRO_NO_SUCH_DATA:
-      throw Failure(EXIT_NOT_FOUND, "Can't " + what + ": it is gone by now.");
-    default:
-      throw Failure("Can't " + what + ": " + WhyNotWritten(device->filePath) + ".",
-                    "The device is as it was.");
-  }
 }

@@ -93,11 +93,4 @@ void Verify(Device* device, const SecretText& pin);
 // one.
 SecretText UnlockForFirst(Session& session, const SecretSource& source, bool saidNew);
 
-// WhyNotWritten says what keeps a device file from being written: rights, room, a lock.
-std::string WhyNotWritten(const std::string& path);
-
-// RequireChange fails unless `result`, of a call that changes the device file, is success; `what`
-// was to be done, as in "store the keypair".
-void RequireChange(Device* device, int result, const std::string& what);
-
 #endif
