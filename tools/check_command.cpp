@@ -21,8 +21,6 @@ struct CheckOptions {
   SecretSource pin;
 };
 
-static constexpr int RSA_WEAK_BITS = 2048;
-
 // --- Without the PIN -----------------------------------------------------------------------------
 
 static void CheckRights(const std::string& path, Findings& findings) {
@@ -59,18 +57,12 @@ static void CheckCertificates(Keypair* keypair, Findings& findings) {
 }
 
 static void CheckKeypair(Keypair* keypair, Findings& findings) {
-  const EvpKey key = PublicKeyOf(keypair);
-  const std::string kind = KindName(keypair);
-  const std::string place = PlaceOf(keypair);
-  if (!key) {
-    findings.push_back({Weight::SKIPPED, place, "its public key does not decode"});
-  } else if (keypair->algorithm != ALGORITHM_RSA && CurveOf(key.get()) == 0) {
-    findings.push_back({Weight::SKIPPED, place,
-                        "a stored private key on " + kind +
-                            " can't be opened again, and it keeps "
-                            "the whole device shut ('softdevice delete-keypair')"});
-  } else if (keypair->algorithm == ALGORITHM_RSA && EVP_PKEY_get_bits(key.get()) < RSA_WEAK_BITS) {
-    findings.push_back({Weight::WEAK, place, kind + " is weak"});
+  const std::string unusable = WhyUnusable(keypair);
+  if (!unusable.empty()) {
+    findings.push_back({Weight::SKIPPED, PlaceOf(keypair), unusable});
+  } else if (keypair->algorithm == ALGORITHM_RSA &&
+             EVP_PKEY_get_bits(PublicKeyOf(keypair).get()) < RSA_WEAK_BITS) {
+    findings.push_back({Weight::WEAK, PlaceOf(keypair), KindName(keypair) + " is weak"});
   }
   CheckCertificates(keypair, findings);
 }

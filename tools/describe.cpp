@@ -26,6 +26,16 @@ Fields FactsOf(Keypair* keypair) {
           {"fingerprint", fingerprint.empty() ? Fact(nullptr) : Fact(fingerprint)}};
 }
 
+std::string WhyUnusable(Keypair* keypair) {
+  const std::string kind = KindName(keypair);
+  if (kind != "unknown" && kind != "P-256" && kind != "SM2" && !kind.starts_with("RSA")) {
+    return "a stored private key on " + kind +
+           " can't be opened again, and it keeps the whole device shut ('softdevice "
+           "delete-keypair' gives it up)";
+  }
+  return PublicKeyOf(keypair) ? "" : "its public key does not decode";
+}
+
 Bytes CertificateAt(Keypair* keypair, int index) {
   int length = 0;
   if (DeviceGetCertificate(keypair, index, nullptr, 0, &length) != VAKRO_OK) return {};

@@ -7,6 +7,10 @@
 
 Fields FactsOf(Device* device);    // serial, label, file, has_pin
 Fields FactsOf(Keypair* keypair);  // index, label, type, algorithm, bits, fingerprint
+
+// WhyUnusable says why a keypair can't be used, whatever the PIN; "" for any other.
+std::string WhyUnusable(Keypair* keypair);
+
 Fields CertificateFacts(Keypair* keypair, int index);
 Facts CertificatesOf(Keypair* keypair);
 

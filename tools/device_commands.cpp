@@ -9,6 +9,7 @@
 #include "tools/session.h"
 
 #include <algorithm>
+#include <optional>
 
 // --- list ----------------------------------------------------------------------------------------
 
@@ -50,16 +51,13 @@ static std::vector<std::string> Row(Keypair* keypair) {
           certs > 0 ? Count(static_cast<size_t>(certs), "certificate") : ""};
 }
 
-static std::string TextOf(const Finding& finding) {
-  return finding.where + " is passed over: " + finding.what;
-}
-
-static Facts FactsOf(const Findings& findings) {
-  Facts facts;
-  for (const Finding& finding : findings) {
-    facts.emplace_back(Fields{{"where", finding.where}, {"reason", finding.what}});
-  }
-  return facts;
+// A keypair as list and show have it for programs; what they say of its certificates differs.
+static Fields FactsOf(Keypair* keypair, Fact certificates) {
+  Fields fields = FactsOf(keypair);
+  const std::string problem = WhyUnusable(keypair);
+  fields.emplace_back("problem", problem.empty() ? Fact(nullptr) : Fact(problem));
+  fields.emplace_back("certificates", std::move(certificates));
+  return fields;
 }
 
 // What one device has, for people and for programs.
@@ -67,7 +65,38 @@ struct Listing {
   std::string text;
   Fields facts;
   bool isWhole = true;
+
+  void AddAlarm(const std::string& what) {
+    text += "\n    " + Alarming(Printable(what));
+    isWhole = false;
+  }
 };
+
+// AddProblems adds what of the device can't be used, and what is not even loaded.
+static void AddProblems(Device* device, Listing& listing) {
+  for (Keypair* keypair : KeypairsIn(device)) {
+    const std::string problem = WhyUnusable(keypair);
+    if (problem.empty()) continue;
+    listing.AddAlarm("#" + std::to_string(IndexOf(keypair)) + " can't be used: " + problem);
+  }
+  Facts facts;
+  for (const Finding& finding : PassedOverKeypairs(device->filePath)) {
+    listing.AddAlarm(finding.where + " is passed over: " + finding.what);
+    facts.emplace_back(Fields{{"where", finding.where}, {"reason", finding.what}});
+  }
+  listing.facts.emplace_back("passed_over", facts);
+}
+
+// The device's data objects. A list that can't be read is told, and does not hide the rest.
+static std::optional<std::vector<DataObject>> ObjectsOf(Device* device, Listing& listing) {
+  try {
+    return DataObjects(device);
+  } catch (const Failure& failure) {
+    listing.AddAlarm(failure.what());
+    listing.facts.emplace_back("data_objects", nullptr);
+    return std::nullopt;
+  }
+}
 
 static Listing ListDevice(Device* device) {
   RefuseOpen(device->filePath, true);
@@ -77,21 +106,15 @@ static Listing ListDevice(Device* device) {
   Facts facts;
   for (const KeypairHandle& keypair : keypairs) {
     table.rows.push_back(Row(keypair.get()));
-    Fields fields = FactsOf(keypair.get());
-    fields.emplace_back("certificates", DeviceGetCertificateCount(keypair.get()));
-    facts.emplace_back(fields);
+    facts.emplace_back(FactsOf(keypair.get(), DeviceGetCertificateCount(keypair.get())));
   }
   listing.text += "\n" + (keypairs.empty() ? NoKeypairs(device) : table.Text("    "));
-  const size_t objects = DataObjects(device).size();
-  if (objects > 0) listing.text += "\n    " + Count(objects, "data object");
-  const Findings passed = PassedOverKeypairs(device->filePath);
-  for (const Finding& finding : passed) {
-    listing.text += "\n    " + Alarming(Printable(TextOf(finding)));
-  }
-  listing.isWhole = passed.empty();
   listing.facts.emplace_back("keypairs", facts);
-  listing.facts.emplace_back("data_objects", objects);
-  listing.facts.emplace_back("passed_over", FactsOf(passed));
+  if (const auto objects = ObjectsOf(device, listing)) {
+    if (!objects->empty()) listing.text += "\n    " + Count(objects->size(), "data object");
+    listing.facts.emplace_back("data_objects", objects->size());
+  }
+  AddProblems(device, listing);
   return listing;
 }
 
@@ -115,7 +138,7 @@ static void List(const Target& target) {
        Fields{{"folder", FolderOf(target)}, {"devices", devices}, {"passed_over", files}});
   for (const Passed& file : passed) Warn("passed over " + file.path + ": " + file.reason + ".");
   if (passed.empty() && isWhole) return;
-  throw Failure("Not everything could be loaded.", "'softdevice check' looks closer.");
+  throw Failure("Not everything can be used.", "'softdevice check' looks closer.");
 }
 
 // --- show ----------------------------------------------------------------------------------------
@@ -144,27 +167,24 @@ static std::string KeypairText(Keypair* keypair) {
 static void ShowDevice(const Target& target) {
   const Session session(target, true);
   Device* device = session.device.get();
-  std::string text = Heading(device);
+  Listing listing{Heading(device), FactsOf(device), true};
   Facts keypairs, objects;
   for (const KeypairHandle& keypair : KeypairsOf(device)) {
-    text += "\n" + KeypairText(keypair.get());
-    Fields fields = FactsOf(keypair.get());
-    fields.emplace_back("certificates", CertificatesOf(keypair.get()));
-    keypairs.emplace_back(fields);
+    listing.text += "\n" + KeypairText(keypair.get());
+    keypairs.emplace_back(FactsOf(keypair.get(), CertificatesOf(keypair.get())));
   }
-  if (keypairs.empty()) text += "\n" + NoKeypairs(device);
-  for (const DataObject& object : DataObjects(device)) {
-    text += "\n    data object " + std::to_string(object.id) + ", " +
-            Count(static_cast<size_t>(object.length), "byte");
-    objects.emplace_back(Fields{{"id", object.id}, {"bytes", object.length}});
+  if (keypairs.empty()) listing.text += "\n" + NoKeypairs(device);
+  listing.facts.emplace_back("keypairs", keypairs);
+  if (const auto all = ObjectsOf(device, listing)) {
+    for (const DataObject& object : *all) {
+      listing.text += "\n    data object " + std::to_string(object.id) + ", " +
+                      Count(static_cast<size_t>(object.length), "byte");
+      objects.emplace_back(Fields{{"id", object.id}, {"bytes", object.length}});
+    }
+    listing.facts.emplace_back("data_objects", objects);
   }
-  const Findings passed = PassedOverKeypairs(device->filePath);
-  for (const Finding& finding : passed) text += "\n    " + Alarming(Printable(TextOf(finding)));
-  Fields facts = FactsOf(device);
-  facts.insert(
-      facts.end(),
-      {{"keypairs", keypairs}, {"data_objects", objects}, {"passed_over", FactsOf(passed)}});
-  Show(text, facts);
+  AddProblems(device, listing);
+  Show(listing.text, listing.facts);
 }
 
 // --- rename-device -----------------------------------------------------------------------
@@ -183,10 +203,11 @@ static void Rename(const Target& target, const std::string& label, const SecretS
 void AddDeviceCommands(CLI::App& app, Target& target) {
   CLI::App& list = AddCommand(app, "list", "Show devices and keypairs; needs no PIN",
                               [&target] { List(target); });
-  NoteJson(list,
-           "{folder, devices: [{serial, label, file, has_pin, keypairs: [{index, label, type, "
-           "algorithm, bits, fingerprint, certificates}], data_objects, passed_over: [{where, "
-           "reason}]}], passed_over: [{file, reason}]}");
+  NoteJson(
+      list,
+      "{folder, devices: [{serial, label, file, has_pin, keypairs: [{index, label, type, "
+      "algorithm, bits, fingerprint, problem, certificates}], data_objects, passed_over: [{where, "
+      "reason}]}], passed_over: [{file, reason}]}");
 
   CLI::App& show = AddCommand(app, "show", "Show all of a device; needs no PIN",
                               [&target] { ShowDevice(target); });

@@ -42,8 +42,6 @@ static constexpr Algorithm ALGORITHMS[] = {
     {"rsa-3072", ALGORITHM_RSA, 3072, 0},      {"rsa-4096", ALGORITHM_RSA, 4096, 0},
     {"p-256", ALGORITHM_ECC, 256, CURVE_P256}, {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
 
-static constexpr int RSA_WEAK_BITS = 2048;  // what has fewer is within reach of the well-funded
-
 static std::vector<std::string> AlgorithmNames() {
   std::vector<std::string> names;
   for (const Algorithm& a : ALGORITHMS) names.push_back(a.name);

@@ -11,6 +11,8 @@
 using Bio = std::unique_ptr<BIO, Release<BIO_free_all>>;
 using FieldNumber = Wiped<SM2_FIELD_SIZE>;  // a coordinate or a private scalar
 
+inline constexpr int RSA_WEAK_BITS = 2048;  // what has fewer is within reach of the well-funded
+
 // What a key can do: RSA PKCS#1 v1.5, ECDSA, or SM2.
 enum class Kind { RSA_PKCS1, ECDSA, SM2 };
 
