@@ -5,6 +5,7 @@
 #include "tools/inspection.h"
 #include "tools/options.h"
 #include "tools/output.h"
+#include "tools/rights.h"
 #include "tools/session.h"
 
 #include <errno.h>
@@ -84,7 +85,7 @@ static OwnedDevice DeviceIn(const std::string& path) {
 }
 
 static void RefusePresent(const Target& target, const Device* copy) {
-  if (access(FolderOf(target).c_str(), F_OK) != 0) return;
+  if (access(FolderOf(target).c_str(), F_OK) != 0) return RefuseMovable(FolderOf(target), false);
   const Folder folder(target);
   const DeviceSet* set = folder.devices.get();
   for (int i = 0; i < set->count; i++) {

@@ -8,6 +8,7 @@
 #include "tools/keys.h"
 #include "tools/options.h"
 #include "tools/repair.h"
+#include "tools/rights.h"
 #include "tools/session.h"
 
 #include "keypair/keypair.h"
@@ -23,18 +24,15 @@ struct CheckOptions {
 
 // --- Without the PIN -----------------------------------------------------------------------------
 
+static void AddExposure(const Exposure& exposure, Findings& findings) {
+  if (exposure.what.empty()) return;
+  const std::string remedy = exposure.remedy.empty() ? "" : " (" + exposure.remedy + ")";
+  findings.push_back({Weight::WEAK, "", exposure.what + remedy});
+}
+
 static void CheckRights(const std::string& path, Findings& findings) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return;
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    findings.push_back({Weight::WEAK, "", "others can write it (chmod go-w)"});
-  }
-  if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    findings.push_back({Weight::WEAK, "", "others can read it, and try PINs (chmod 600)"});
-  }
-  if (status.st_uid != geteuid() && status.st_uid != 0) {
-    findings.push_back({Weight::WEAK, "", "it belongs to another user"});
-  }
+  AddExposure(WhoMayWrite(path), findings);
+  AddExposure(WhoMayRead(path), findings);
 }
 
 static std::string PlaceOf(Keypair* keypair) {
@@ -184,8 +182,9 @@ static void CheckAll(const Target& target, const CheckOptions& options) {
   bool isSound = true;
   if (options.files.empty()) {
     Findings folder;
+    AddExposure(WhoMayMove(FolderOf(target)), folder);
     CheckRights(FolderOf(target), folder);
-    for (const Finding& finding : folder) Warn(FolderOf(target) + ": " + finding.what + ".");
+    for (const Finding& finding : folder) Warn(finding.what + ".");
     isSound = folder.empty();
   }
   for (const std::string& path : paths) {

@@ -3,6 +3,7 @@
 #include "device/create.h"
 #include "tools/files.h"
 #include "tools/options.h"
+#include "tools/rights.h"
 #include "tools/session.h"
 
 #include <errno.h>
@@ -17,7 +18,7 @@ struct CreateOptions {
 // What can be refused is refused before the PIN is asked for.
 static void RefuseTaken(const Target& target, const CreateOptions& options) {
   const std::string folder = FolderOf(target);
-  if (access(folder.c_str(), F_OK) != 0) return;
+  if (access(folder.c_str(), F_OK) != 0) return RefuseMovable(folder, false);
   const Folder open(target);
   const DeviceSet* set = open.devices.get();
   if (set->count == MAX_DEVICES) {

@@ -6,6 +6,7 @@
 #include "tools/inspection.h"
 #include "tools/keys.h"
 #include "tools/options.h"
+#include "tools/rights.h"
 #include "tools/session.h"
 
 #include <algorithm>

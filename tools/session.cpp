@@ -5,6 +5,7 @@
 #include "keypair/keypair.h"
 #include "tools/choice.h"
 #include "tools/files.h"
+#include "tools/rights.h"
 #include "tools/scan_report.h"
 
 #include <errno.h>
@@ -35,24 +36,6 @@ std::vector<std::string> KeyFolders(const Target& target) {
   return {FolderOf(target), DEFAULT_FOLDER, FolderOfEnvironment()};
 }
 
-void RefuseOpen(const std::string& path, bool looking) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return;
-  const bool writable = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-  const bool foreign = status.st_uid != geteuid() && status.st_uid != 0;
-  if (writable || foreign) {
-    const std::string what =
-        path + (writable ? " can be written by others: they may swap keys and certificates."
-                         : " belongs to another user, who may swap keys and certificates.");
-    if (looking || g_manner.unsafe) return Warn(what);
-    throw Failure(what, (writable ? "chmod go-w " + path + ", or go" : "Go") +
-                            " on all the same with --unsafe.");
-  }
-  if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    Remark(path + " can be read by others, who may try PINs on a copy (chmod 600 " + path + ").");
-  }
-}
-
 // --- Loading -------------------------------------------------------------------------------------
 
 Module::Module(const Target& target) {
@@ -62,7 +45,8 @@ Module::Module(const Target& target) {
 
 static DeviceSet* LoadDevices(const Target& target, bool looking) {
   const std::string folder = FolderOf(target);
-  if (access(folder.c_str(), F_OK) == 0) RefuseOpen(folder, looking);
+  RefuseMovable(folder, looking);
+  RefuseOpen(folder, looking);
   const Backups before = BackupsIn(folder);
   DeviceSet* devices = DeviceGetAllDevices();
   if (devices != nullptr) {

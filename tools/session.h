@@ -24,10 +24,6 @@ std::string FolderOf(const Target& target);
 // KeyFolders are the folders that no output may lie in: FolderOf's, VAKRO_FOLDER's, the module's.
 std::vector<std::string> KeyFolders(const Target& target);
 
-// RefuseOpen fails where others may write the folder or the file at `path`, unless --unsafe;
-// `looking`, for a command that only looks, warns instead. Remarks where others may read a file.
-void RefuseOpen(const std::string& path, bool looking);
-
 // The module, which main has started, at work on the target's folder.
 struct Module {
   explicit Module(const Target& target);
