@@ -133,7 +133,8 @@ int main(int argc, char** argv) {
   const rlimit none = {0, 0};
   setrlimit(RLIMIT_CORE, &none);  // a core file would hold PIN and keys,
   prctl(PR_SET_DUMPABLE, 0);      // and so would the memory that a debugger reads
-  signal(SIGPIPE, SIG_IGN);       // a write that fails is told
+  signal(SIGPIPE, SIG_IGN);       // a write that fails is told,
+  signal(SIGXFSZ, SIG_IGN);       // whatever the reason
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {

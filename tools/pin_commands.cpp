@@ -23,6 +23,16 @@ static void RefuseLoss(Device* device, bool force) {
   Warn(what + "; the file as it was is kept as " + KeepCopy(device->filePath) + ".");
 }
 
+// What holds after a write that failed is tried, and said only if the file could be read for it.
+static bool StillHolds(Session& session, const SecretText& pin) {
+  try {
+    session.Reload();
+  } catch (const Failure&) {
+    return false;
+  }
+  return DeviceVerifyPwd(session.device.get(), PIN_TYPE_USER, pin.data(), nullptr) == VAKRO_OK;
+}
+
 static void Change(const Target& target, const PinOptions& options) {
   Session session(target);
   const std::string name = NameOf(session.device.get());
@@ -37,12 +47,10 @@ static void Change(const Target& target, const PinOptions& options) {
   errno = 0;
   if (DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr) != VAKRO_OK) {
     const std::string why = WhyNotWritten(device->filePath);
-    session.Reload();
-    const bool holds =
-        DeviceVerifyPwd(session.device.get(), PIN_TYPE_USER, former.data(), nullptr) == VAKRO_OK;
     throw Failure("The PIN of device " + name + " could not be changed: " + why + ".",
-                  holds ? "The old PIN still holds; this was tried."
-                        : "Either PIN may hold: 'softdevice pin verify' tells.");
+                  StillHolds(session, former)
+                      ? "The old PIN still holds; this was tried."
+                      : "Either PIN may hold: 'softdevice pin verify' tells.");
   }
   NoteChange("the PIN of device " + name + " is changed");
   Confirm("The PIN of device " + name + " is changed.",
