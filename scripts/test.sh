@@ -18,7 +18,7 @@ log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 
 for preset in "${presets[@]}"; do
-  echo "== $preset"
+  echo "== $preset, after $SECONDS s"
   cmake --preset "$preset"
   cmake --build --preset "$preset" -j "$jobs"
   if [ "$preset" = fuzz ] && ! scripts/fuzz.sh 20; then failed=$((failed + 1)); fi
@@ -28,7 +28,7 @@ for preset in "${presets[@]}"; do
   failed=$((failed + wrong)) passed=$((passed + all - wrong))
 done
 if [ -n "$clients" ]; then
-  echo "== clients"
+  echo "== clients, after $SECONDS s"
   scripts/setup.sh --clients
   if scripts/clients.sh; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 fi
