@@ -1,30 +1,20 @@
-// After use, nothing secret is left in the memory of the process: PINs, private scalar, nonce,
-// signing factor, derived key and plaintexts are looked for in every page that can be written. The
-// secrets themselves stand in read-only pages. What is given back is never used again in this
-// program, and calls run on a stack of their own: each block and each frame is found as it was
-// left. Nor does the time that a computation takes tell a secret; valgrind's memory checker sees to
-// that.
+// After use nothing secret is left in the memory of the process. PINs, private scalar, nonce,
+// signing factor, derived key and plaintexts are looked for in every page that can be written:
+//
+//   the secrets   are constants, which stand in read-only pages: any other copy is the module's
+//   free          does nothing in this program, so each block is found as it was left
+//   calls         run on a stack of the test's, so their dead frames are found as they were left
+#include "tests/support/own_stack.h"
 #include "tests/support/world.h"
 
-#include "keypair/keypair.h"
-#include "sm2/field.h"
-#include "sm2/field_x86.h"
 #include "sm2/multiply.h"
-#include "sm2/multiply_paths.h"
-#include "sm2/parameters.h"
-#include "sm2/scalar.h"
-#include "sm2/sm2.h"
 
 #include <malloc.h>
-#include <openssl/rand.h>
-#include <ucontext.h>
-#include <valgrind/memcheck.h>
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <span>
 
-extern "C" void free(void* /*block*/) {}
+extern "C" void free(void* /*block*/) {}  // nothing is given back, or used again
 extern "C" void* realloc(void* block, size_t size) {
   void* const larger = malloc(size);
   if (larger != nullptr && block != nullptr)
@@ -53,17 +43,20 @@ using Memory = std::span<const char>;
 template <class Iterator>
 int CountPart(Memory memory, Iterator part) {
   int found = 0;
-  auto at = memory.begin();
-  while ((at = std::search(at, memory.end(), part, part + 16)) != memory.end()) at++, found++;
-  return found;
+  for (auto at = memory.begin();; at++, found++) {
+    at = std::search(at, memory.end(), part, part + 16);
+    if (at == memory.end()) return found;
+  }
 }
 
-// How often its first or last 16 bytes stand there, in either byte order.
+// How often a half of the secret, its first or last 16 bytes, stands there in either byte order. No
+// copy of the secret is made on the way.
 int CountIn(Memory memory, std::string_view secret) {
   return std::max({CountPart(memory, secret.begin()), CountPart(memory, secret.end() - 16),
                    CountPart(memory, secret.rbegin()), CountPart(memory, secret.rend() - 16)});
 }
 
+// How often it stands in the writable pages of the process, g_stack among them.
 int Count(std::string_view secret) {
   std::ifstream maps("/proc/self/maps");
   int found = 0;
@@ -76,26 +69,9 @@ int Count(std::string_view secret) {
   return found;
 }
 
-alignas(16) char g_stack[1 << 18];
-
-// The dead frames of `work` are what g_stack holds afterwards.
-void OnOwnStack(const std::function<void()>& work) {
-  static const std::function<void()>* run;
-  static ucontext_t start, here, there;
-  static const int started = getcontext(&start);  // the same registers each time
-  EXPECT_EQ(started, 0);
-  run = &work;
-  there = start;
-  there.uc_stack = {.ss_sp = g_stack, .ss_flags = 0, .ss_size = sizeof(g_stack)};
-  there.uc_link = &here;
-  makecontext(
-      &there, [] { (*run)(); }, 0);
-  swapcontext(&here, &there);
-}
-
-// A call after which no frame may hold a secret.
-void Call(const std::function<void()>& work) {
-  OnOwnStack(work);
+// Makes a call that may leave no secret in its frames.
+void Call(const std::function<void()>& call) {
+  OnOwnStack(call);
   for (const Secret& secret : ALL) EXPECT_EQ(CountIn(g_stack, secret.bytes), 0) << secret.what;
 }
 
@@ -145,10 +121,12 @@ using SecretsTest = ModuleTest;
 
 }  // namespace
 
+// What OpenSSL draws for a signature is always the same.
 extern "C" int BN_rand_range(BIGNUM* number, const BIGNUM* /*range*/) {
   return BN_bin2bn(Raw(NONCE.bytes), 32, number) != nullptr ? 1 : 0;
 }
 
+// The search itself: half a secret in a frame, and a whole one in a block, backwards.
 TEST_F(SecretsTest, WhatIsLeftIsFound) {
   constexpr std::string_view PLANTED = "gfkhcbpkdplhlmdajhmnpepmmdbkoolf";
   OnOwnStack([&] {
@@ -157,8 +135,8 @@ TEST_F(SecretsTest, WhatIsLeftIsFound) {
     __asm__ volatile("" : : "r"(frame) : "memory");
     static_cast<void>(std::string(PLANTED.rbegin(), PLANTED.rend()));
   });
-  EXPECT_GT(CountIn(g_stack, PLANTED), 0) << "its second half";
-  EXPECT_GT(Count(PLANTED), CountIn(g_stack, PLANTED)) << "backwards, in a block";
+  EXPECT_GT(CountIn(g_stack, PLANTED), 0);
+  EXPECT_GT(Count(PLANTED), CountIn(g_stack, PLANTED));
 }
 
 TEST_F(SecretsTest, NothingIsLeftInMemory) {
@@ -199,104 +177,4 @@ TEST_F(SecretsTest, NothingIsLeftInMemory) {
   }
   for (const Secret& secret : ALL) EXPECT_EQ(Count(secret.bytes), 0) << secret.what;
   EXPECT_EQ(Count({key, sizeof(key)}), 1) << "derived key: the one here";
-}
-
-// --- Arithmetic ----------------------------------------------------------------------------------
-
-namespace {
-// What arithmetic reads and writes: a secret number k, as a scalar too, a point, and the result.
-unsigned char g_k[32], g_point[64];
-alignas(sm2::U256) unsigned char g_out[64];
-sm2::U256 g_a;
-sm2::U256& g_r = reinterpret_cast<sm2::U256&>(g_out);
-auto& g_bytes = reinterpret_cast<unsigned char (&)[32]>(g_out);
-
-using Works = std::vector<std::pair<const char*, std::function<void()>>>;
-
-// Not by CPUID: valgrind answers that, without ADX, but runs it all the same.
-bool ProcessorHasAdx() {
-  const std::string text = ReadText("/proc/cpuinfo");
-  const auto has = [&](const char* flag) { return text.find(flag) != std::string::npos; };
-  return has(" adx") && has(" bmi2") && has(" avx2");
-}
-
-template <class Field>
-void AddMultiples(Works& works, const char* generator, const char* point) {
-  works.emplace_back(generator, [] { sm2::MultiplyGenerator<Field>(g_out, g_k); });
-  works.emplace_back(point, [] { sm2::MultiplyPoint<Field>(g_out, g_k, g_point); });
-}
-
-Works Arithmetic() {
-  Works works = {{"reading", [] { ReadScalar(g_r, g_k, 32); }},
-                 {"writing", [] { WriteScalar(g_bytes, g_a); }},
-                 {"is zero", [] { g_out[31] = IsZeroScalar(g_a); }},
-                 {"sum", [] { AddScalars(g_r, g_a, g_a); }},
-                 {"difference", [] { SubtractScalars(g_r, g_r, g_a); }},
-                 {"product", [] { MultiplyScalars(g_r, g_a, g_a); }},
-                 {"inverse", [] { InvertScalar(g_r, g_a); }}};
-  AddMultiples<sm2::PortableField>(works, "[k]G, portable", "[k]P, portable");
-#ifdef __x86_64__
-  if (ProcessorHasAdx()) AddMultiples<sm2::AdxField>(works, "[k]G, ADX", "[k]P, ADX");
-#endif
-  return works;
-}
-
-// What decryption does with the shared point, up to the compare with C3.
-void CheckC3() {
-  unsigned char text[32];
-  SM2KDF(g_k, 32, text, 32);
-  g_out[31] = IsAllZero(text, 32) == 1;
-  Xor(text, SM2_CURVE.gx, 32);
-  SM3C3(g_k, g_k, text, 32, g_out);
-  g_out[31] ^= CRYPTO_memcmp(g_out, SM2_CURVE.gx, 32) == 0;
-}
-
-// Of each byte of the PINs some bits are known, so that none of them may be NUL.
-void ComparePins() {
-  unsigned char unknown[32] = {};
-  memset(unknown, 0x0f, 31);
-  char pin[] = "abcdefghijklmnopqrstuvwxyzabcde", wrong[] = "abcdefghijklmnopqrstuvwxyzabcdf";
-  VALGRIND_SET_VBITS(pin, unknown, 32);
-  VALGRIND_SET_VBITS(wrong, unknown, 32);
-  g_out[31] = (IsSamePin(pin, pin) ^ IsSamePin(pin, wrong)) == 1;
-}
-}  // namespace
-
-#ifdef __OPTIMIZE__  // other code keeps copies of its own
-// What arithmetic leaves on the stack may not depend on its operand: then nothing of it is there.
-TEST_F(SecretsTest, ArithmeticLeavesNothingOnTheStack) {
-  SM2MultiplyGenerator(g_point, Raw(SCALAR.bytes));
-  for (const auto& [what, work] : Arithmetic()) {
-    std::string left[3];
-    for (std::string& stack : left) {
-      RAND_bytes(g_k, sizeof(g_k));
-      ReadScalar(g_a, g_k, sizeof(g_k));
-      OnOwnStack(work);
-      stack.assign(g_stack, sizeof(g_stack));
-    }
-    EXPECT_TRUE(left[1] == left[2]) << what;  // the first call may settle things for good
-  }
-}
-#endif
-
-// Under valgrind's memory checker, with the secrets marked as undefined memory, each branch and
-// each address that depends on one is an error. A branch on what was computed has to be one, or the
-// checker does not see through the assembler and a clean run says nothing.
-TEST_F(SecretsTest, NoBranchOrAddressDependsOnASecret) {
-  if (RUNNING_ON_VALGRIND == 0) GTEST_SKIP() << "valgrind has to watch";
-  SM2MultiplyGenerator(g_point, Raw(SCALAR.bytes));
-  Works works = Arithmetic();
-  works.emplace_back("C3", CheckC3);
-  works.emplace_back("PINs", ComparePins);
-  VALGRIND_MAKE_MEM_UNDEFINED(g_k, sizeof(g_k));
-  VALGRIND_MAKE_MEM_UNDEFINED(&g_a, sizeof(g_a));
-  for (const auto& [what, work] : works) {
-    memset(g_out, 0, sizeof(g_out));
-    const unsigned long before = VALGRIND_COUNT_ERRORS;
-    work();
-    const unsigned long after = VALGRIND_COUNT_ERRORS;
-    if (g_out[31] % 2 == 1) puts("odd");
-    EXPECT_EQ(after, before) << what;
-    EXPECT_GT(VALGRIND_COUNT_ERRORS, after) << what;
-  }
 }
