@@ -20,6 +20,7 @@ bool Buffers(const ImportCall& call) {
 bool Opens(const ImportCall& call) {
   return call.onFiles && call.name.find("open") != std::string::npos;
 }
+bool Locks(const ImportCall& call) { return call.name.ends_with("_lock"); }
 bool OpensDevice(const ImportCall& call) { return Opens(call) && call.path.ends_with("/dev"); }
 
 constexpr int KILL = -1;  // in the place of an errno
@@ -43,6 +44,7 @@ const Blow BLOWS[] = {
      .error = ENOMEM,
      .andLater = true,
      .step = 4},
+    {.what = "NoLock", .hits = Locks, .error = EIO, .andLater = true},
     {.what = "Killed", .hits = OnFiles, .error = KILL, .step = 8},
     {.what = "KilledWithBytesOut", .hits = Buffers, .error = KILL, .half = true, .step = 4},
     {.what = "ShortWrite", .hits = Buffers, .error = ENOSPC, .half = true},

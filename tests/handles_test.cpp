@@ -55,6 +55,8 @@ TEST_F(HandlesTest, OfPublicKeys) {
   for (const int length : {-1, 0, 11, 12})
     EXPECT_REFUSED(0, DeviceImportPublicKey(nullptr, Raw(encoding), length, &key_));
   EXPECT_REFUSED(0, DeviceImportPublicKey(nullptr, Raw(pair), 124, &key_));
+  const std::string noPoint = Flipped(encoding, 87);
+  EXPECT_REFUSED(0, DeviceImportPublicKey(nullptr, Raw(noPoint), 88, &key_));
   EXPECT_REFUSED(0, DeviceImportPublicKey(nullptr, Raw(encoding), 88, nullptr));
   EXPECT_DONE(DeviceImportPublicKey(nullptr, Raw(encoding), 88, &key_));
   const PublicHandle key(std::exchange(key_, nullptr));
@@ -67,6 +69,12 @@ TEST_F(HandlesTest, OfPublicKeys) {
   EXPECT_EQ(DeviceGetPublicKeyBits(nullptr), 0);
   EXPECT_EQ(DeviceGetPublicKeyBits(key.get()), 256);
   EXPECT_REFUSED(-2, DeviceFreePublicKey(nullptr));
+}
+
+TEST_F(HandlesTest, CannotBeGivenBackWithoutTheLock) {
+  const Hook noLock{Fault{"vakro_lock_lock", 1, true}};
+  EXPECT_REFUSED(0, DeviceFreeDevice(closed_));
+  EXPECT_REFUSED(0, DeviceFreeKeypair(p256_));
 }
 
 // --- How long a record lives: as long as a set, a handle of it or a handle of a keypair of it. ---

@@ -59,33 +59,3 @@ TEST_F(LifecycleTest, TheLockIsRecursiveAndBelongsToOneThread) {
   EXPECT_EQ(DeviceUnlockDevice(nullptr) & DeviceUnlockDevice(nullptr), 1);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0);
 }
-
-// Every call that takes the lock fails without it and leaves all as it was.
-using LockTest = AnswersTest;
-
-TEST_F(LockTest, WithoutItACallFails) {
-  const SetHandle set(DeviceGetAllDevices());
-  const ECCKeypairParams p256 = {CURVE_P256, 0};
-  const unsigned char* const bytes = Raw(PIN);
-  EXPECT_WRITTEN(DeviceCreateData(closed_, 5, 0, 4));
-  EXPECT_WRITTEN(DeviceAddCertificate(p256_, bytes, 4));
-  const Hook noLock{Fault{"vakro_lock_lock", 1, true}};
-  EXPECT_REFUSED(0, DeviceGetDevice(set.get(), 0));
-  EXPECT_REFUSED(0, DeviceFreeDevice(closed_));
-  EXPECT_REFUSED(0, DeviceCreateData(closed_, 6, 0, 4));
-  EXPECT_REFUSED(0, DeviceReadDataEx(closed_, 5, 0, out_, 4, &size_));
-  EXPECT_REFUSED(0, DeviceWriteDataEx(closed_, 5, 0, bytes, 4));
-  EXPECT_REFUSED(0, DeviceDeleteData(closed_, 5));
-  EXPECT_REFUSED(0, DeviceGetKeypair(device_.get(), 0));
-  EXPECT_REFUSED(0, DeviceFreeKeypair(p256_));
-  EXPECT_REFUSED(0, DeviceDeleteKeypair(p256_));
-  EXPECT_REFUSED(0, DeviceAddCertificate(p256_, bytes, 4));
-  EXPECT_REFUSED(0, DeviceDeleteCertificate(p256_, 0));
-  EXPECT_REFUSED(-8, DeviceDeleteCertificate(closed_->keypairs[1], 0));
-  EXPECT_REFUSED(0, DevicePrivateKeyDecrypt(rsa_, 16, nullptr, out_, 256, out_, 600, &n_));
-  EXPECT_REFUSED(0, DeviceGenerateKeypair(device_.get(), 4, 256, &p256, 9, "new", &made_));
-  EXPECT_REFUSED(0,
-                 DeviceImportKeypair(device_.get(), Raw(TestP256().pair), 124, 9, "new", &made_));
-  EXPECT_REFUSED(0, DeviceVerifyPwd(closed_, 1, PIN, nullptr));
-  EXPECT_REFUSED(0, DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr));
-}

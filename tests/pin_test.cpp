@@ -76,6 +76,12 @@ TEST_F(PinTest, WithoutKeypairsTheFirstIsTakenAndNoneIsWritten) {
   EXPECT_EQ(Verify(device.get(), "z"), 1);
 }
 
+TEST_F(PinTest, ThatIsWrongLeavesAnEmptyQueueOfErrorsEmpty) {
+  ERR_clear_error();
+  EXPECT_EQ(Verify(closed_, "wrong"), -5);
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
 // Programs that loaded the device without keypairs, or with others, have a PIN each.
 TEST_F(PinTest, OfTheFirstStoredKeypairDecides) {
   Write("dev", StoredDevice{.keypairs = {}}.File());

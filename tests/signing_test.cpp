@@ -35,9 +35,9 @@ TEST_F(SigningTest, OfRsa) {
     const std::string signature = Output256(algorithm, data);
     EXPECT_EQ(Hex(signature.substr(0, 16)), want);
     EXPECT_EQ(Verify(rsaPublic_.get(), algorithm, data, signature), 1);
-    EXPECT_EQ(Verify(rsaPublic_.get(), algorithm, data.substr(1), signature), 0);
-    EXPECT_EQ(Verify(rsaPublic_.get(), algorithm, data + 'e', signature), 0);
-    EXPECT_EQ(Verify(rsaPublic_.get(), 256 ^ 768 ^ algorithm, data, signature), 0);
+    EXPECT_REFUSED(0, Verify(rsaPublic_.get(), algorithm, data.substr(1), signature));
+    EXPECT_REFUSED(0, Verify(rsaPublic_.get(), algorithm, data + 'e', signature));
+    EXPECT_REFUSED(0, Verify(rsaPublic_.get(), 256 ^ 768 ^ algorithm, data, signature));
   }
   // Data that does not fit is refused behind the question for the size.
   EXPECT_REFUSED_AND_TOLD(0, 256, SignWith(rsa_, 256, nullptr, 32));
@@ -103,6 +103,7 @@ TEST_F(SigningTest, AKeyHasItsAlgorithms) {
               {sm2_, sm2Public_.get(), {4096, 2048}}};
   for (const auto& row : rows) {
     const std::string signature = Sign(row.keypair, row.algorithms[0], digest_);
+    EXPECT_REFUSED(0, Verify(row.key, row.algorithms[0], digest_, ones_));
     for (const unsigned int algorithm : ALGORITHMS) {
       SCOPED_TRACE(algorithm);
       const auto& own = row.algorithms;

@@ -71,21 +71,3 @@ TEST_F(Sm2GenerationTest, AMethodThatTheProgramHasChosenMakesTheKey) {
   EC_KEY_set_default_method(EC_KEY_OpenSSL());
   EC_KEY_METHOD_free(chosen);
 }
-
-TEST_F(Sm2GenerationTest, WhateverFailsNothingIsLeft) {
-  for (long nth = 1, calls = nth; calls >= nth; nth++) {
-    SCOPED_TRACE(nth);
-    Keypair* made = nullptr;
-    const long live = LiveAllocations();
-    Fault fault = {"*", nth};
-    const int result = [&] {
-      const Hook hook{std::ref(fault)};
-      return GenerateTempECCKeypair(CURVE_SM2, 256, 1, &made);
-    }();
-    calls = fault.calls;
-    EXPECT_TRUE(result == 1 || (calls >= nth && result == 0));
-    EXPECT_EQ(made != nullptr, result == 1);
-    FreeKeypair(made);
-    EXPECT_EQ(LiveAllocations(), live);
-  }
-}

@@ -68,14 +68,3 @@ TEST_F(StoredGenerationTest, TheDeviceOutlivesTheCallersHandle) {
   EXPECT_EQ(Generate([&] { DeviceFreeDevice(device_.release()); }), 1);
   EXPECT_EQ(made_->device->keypairCount, 2);
 }
-
-TEST_F(StoredGenerationTest, ALockThatCantBeHadLeavesEverythingAsItWas) {
-  const ECCKeypairParams p256 = {CURVE_P256, 0};
-  Keypair* made = nullptr;
-  for (const long nth : {1, 2})
-    Refuses(0, device_.get(), [&] {
-      return WithFault({"vakro_lock_lock", nth, true}, [&] {
-        return DeviceGenerateKeypair(device_.get(), ALGORITHM_ECC, 256, &p256, 9, "new", &made);
-      });
-    });
-}

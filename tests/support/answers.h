@@ -5,9 +5,9 @@
 //   EXPECT_WRITTEN(DeviceDeleteData(closed_, 5));        1, and the device file is another
 //   EXPECT_CHANGE("\"a\"", "\"b\"", call);               1, and so this piece of its text is
 //
-// Refused means: folder, both records, allocations and what is handed out stay as they were. After
-// each of them the module lock is free. Before each out_ is all dots and n_ and size_ are
-// UNTOUCHED.
+// Refused means: folder, both records, allocations, OpenSSL's queue of errors and what is handed
+// out stay as they were. After each of them the module lock is free. Before each out_ is all dots
+// and n_ and size_ are UNTOUCHED.
 #ifndef VAKRO_TESTS_ANSWERS_H
 #define VAKRO_TESTS_ANSWERS_H
 

@@ -25,40 +25,34 @@
 #include <span>
 #include <type_traits>
 
+// How a fault comes in front of a library call. A library calls others through a table of addresses
+// that the linker has filled in. When this program starts, it walks through the tables of the three
+// libraries under test and puts a wrapper in the place of each address that it knows. So there are:
+//
+//   the wrappers   one for each function: asks the hooks, then makes the call or fails
+//   the list       which functions have one, and how each of them fails
+//   the patch      puts the wrappers into the tables
 namespace {
 std::atomic<long> g_live{0};
 std::vector<std::string> g_unknown;
 
-// 0, or the error with which the call must fail, which is in errno then; a negative one where it is
-// to write to its outputs first.
-int MustFail(const ImportCall& call) {
-  if (Hook::t_innermost == nullptr) return 0;  // fuzzing makes many calls
+// --- The wrappers --------------------------------------------------------------------------------
+
+// Whether a hook wants the call to fail; errno then says with which error.
+bool MustFail(const ImportCall& call) {
   const int usual = errno;
   int error = 0;
   for (const Hook* hook = Hook::t_innermost; hook != nullptr; hook = hook->outer)
     if (const int asked = hook->ask(call); asked != 0) error = asked;
-  errno = error != 0 ? abs(error) : usual;
-  return error;
+  errno = error != 0 ? error : usual;
+  return error != 0;
 }
 
-// What a function that fails leaves in its outputs: nothing that could be used or released.
-template <class T>
-void Scribble(T** out) {
-  if constexpr (!std::is_const_v<T>) *out = reinterpret_cast<T*>(0x5a5a5a5a);
-}
-void Scribble(int* out) { *out = 0x5a5a5a; }
-void Scribble(auto /*in*/) {}
-
-// --- Wrappers ------------------------------------------------------------------------------------
-
-// A function fails with 0 or NULL, or with -1, as a file call does, or with half of what it was to
-// read or write.
+// How a function tells that it has failed: by 0 or NULL; by -1; or, as a file call, by NULL, by -1
+// or by half of what it was to read or write.
 enum Kind { ZERO, MINUS_ONE, READS, MODIFIES };
 
 // What the arguments of a file call tell; `how` is the mode of fopen or the new path of rename.
-ImportCall About(const char* path, const char* how) {
-  return {.modifies = how[0] == 'w', .path = path};
-}
 ImportCall About(const char* path, int flags, mode_t /*mode*/) {
   return {.modifies = (flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0, .path = path};
 }
@@ -69,6 +63,15 @@ ImportCall About(const char* path, auto...) { return {.path = path}; }
 ImportCall About(FILE* stream, auto...) { return {.stream = stream}; }
 ImportCall About(DIR* /*folder*/) { return {}; }
 ImportCall About(int fd, auto...) { return {.fd = fd}; }
+
+// A function that fails may have written to its outputs: nothing of that may be used or released.
+template <class T>
+void Scribble(T** out) {
+  if constexpr (!std::is_const_v<T>)
+    if (out != nullptr) *out = reinterpret_cast<T*>(0x5a5a5a5a);
+}
+void Scribble(int* out) { *out = 0x5a5a5a; }
+void Scribble(auto /*no output*/) {}
 
 template <Kind kind, auto* real>
 struct Wrapper;
@@ -82,9 +85,8 @@ struct Wrapper<kind, real> {
     call.name = name;
     call.onFiles = kind >= READS;
     call.modifies |= kind == MODIFIES;
-    const int error = MustFail(call);
-    if (error == 0) return real(args...);
-    if (error < 0) (Scribble(args), ...);
+    if (Hook::t_innermost == nullptr || !MustFail(call)) return real(args...);
+    (Scribble(args), ...);
     if (call.name == "fclose") static_cast<void>(real(args...));  // it has closed when it fails
     if constexpr (std::is_pointer_v<Result>)
       return nullptr;
@@ -95,14 +97,14 @@ struct Wrapper<kind, real> {
   }
 };
 
-// Stand in for what can't be wrapped as it is.
+// These stand in for what can't be wrapped as it is.
 int Open(const char* path, int flags, mode_t mode) { return open(path, flags, mode); }
 int SetLock(int fd, int command, struct flock* lock) { return fcntl(fd, command, lock); }
 
 // The utility library's own: behind them stand all blocks that the three libraries and the test
 // program take from it.
 void* Malloc(size_t size) {
-  void* const memory = MustFail({.name = "vakro_malloc"}) != 0 ? nullptr : malloc(size);
+  void* const memory = MustFail({.name = "vakro_malloc"}) ? nullptr : malloc(size);
   if (memory != nullptr) g_live++;
   return memory;
 }
@@ -111,21 +113,33 @@ void Free(void* memory) {
   free(memory);
 }
 
-// --- The table -----------------------------------------------------------------------------------
+// OpenSSL is told to take its memory here.
+void* OpensslRealloc(void* memory, size_t size, const char* /*file*/, int /*line*/) {
+  return MustFail({.name = "OPENSSL_malloc"}) ? nullptr : realloc(memory, size);
+}
+void* OpensslMalloc(size_t size, const char* file, int line) {
+  return OpensslRealloc(nullptr, size, file, line);
+}
+void OpensslFree(void* memory, const char* /*file*/, int /*line*/) { free(memory); }
 
-// By the function that the libraries import: its wrapper, and where that looks for its name.
-std::map<void*, std::pair<void*, const char**>> g_wrappers;
+// --- The list ------------------------------------------------------------------------------------
 
 void* Address(auto* function) { return reinterpret_cast<void*>(function); }
 
+struct Replacement {
+  void* wrapper;
+  const char** name;  // where it looks for the name of the function
+};
+std::map<void*, Replacement> g_replacements;  // by the address of the function that is imported
+
 template <Kind kind, auto*... reals>
 void Wrap() {
-  ((g_wrappers[Address(reals)] = {Address(Wrapper<kind, reals>::Call),
-                                  &Wrapper<kind, reals>::name}),
+  ((g_replacements[Address(reals)] = {Address(Wrapper<kind, reals>::Call),
+                                      &Wrapper<kind, reals>::name}),
    ...);
 }
 
-// To let the calls of one more function fail, add it to those of its kind.
+// To let the calls of one more function fail, add it to those that fail as it does.
 void WrapAll() {
   Wrap<ZERO, vakro_lock_new, vakro_lock_lock, vakro_json_decode, vakro_json_encode,
        vakro_json_getarrayitem, vakro_json_newarray, vakro_json_newstring, vakro_json_newnumber,
@@ -162,32 +176,29 @@ void WrapAll() {
   Wrap<MODIFIES, fwrite, fflush, ftruncate, rename, remove, fchmod, fchown, write, pwrite, mkdir,
        unlink, linkat>();
   static const char* unused = "";
-  g_wrappers[Address(malloc)] = {Address(Malloc), &unused};
-  g_wrappers[Address(free)] = {Address(Free), &unused};
-  g_wrappers[Address(open)] = g_wrappers[Address(Open)];
-  g_wrappers[Address(fcntl)] = g_wrappers[Address(SetLock)];
-  g_wrappers[Address(PKCS5_PBKDF2_HMAC)] = g_wrappers[Address(Derive)];
+  g_replacements[Address(malloc)] = {Address(Malloc), &unused};
+  g_replacements[Address(free)] = {Address(Free), &unused};
+  g_replacements[Address(open)] = g_replacements[Address(Open)];
+  g_replacements[Address(fcntl)] = g_replacements[Address(SetLock)];
+  g_replacements[Address(PKCS5_PBKDF2_HMAC)] = g_replacements[Address(Derive)];
 }
 
 // Never fail, or only for a wrong argument. ImportsTest tells of functions that stand neither above
 // nor here.
 constexpr char NEVER_FAIL[] =
-    "@(_*|ERR_set_mark|ERR_pop_to_mark|mem*|str*|snprintf|close*|fileno|feof|malloc|getpid|clock_"
-    "gettime|"
-    "mmap|munmap|"
-    "sysconf|vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|pthread_rwlock_*|"
-    "pthread_setcancelstate|*_destroy|*_size|BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_num_bits|"
-    "BN_value_one|BN_is_negative|"
-    "CRYPTO_memcmp|OPENSSL_cleanse|ASN1_put_object|EC_GROUP_order_bits|EVP_sha512|"
-    "EVP_aes_256_gcm|EVP_PKEY_get_id|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen)";
+    "@(_*|mem*|str*|snprintf|close*|fileno|feof|malloc|mmap|munmap|getpid|clock_gettime|sysconf|"
+    "vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|*_destroy|*_size|pthread_rwlock_*|"
+    "pthread_setcancelstate|ERR_set_mark|ERR_pop_to_mark|CRYPTO_memcmp|OPENSSL_cleanse|"
+    "BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_is_negative|BN_num_bits|BN_value_one|ASN1_put_object|"
+    "EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen|EVP_sha512|"
+    "EVP_aes_256_gcm|EVP_PKEY_get_id)";
 
 // --- The patch -----------------------------------------------------------------------------------
 
-// A library finds what it imports in its table of addresses, which the linker has already filled
-// in and made read-only.
+// Puts the wrapper into a place of a library's table, which the linker has made read-only.
 void Patch(void** slot, const char* symbol, bool isImported) {
-  const auto found = g_wrappers.find(*slot);
-  if (found == g_wrappers.end()) {
+  const auto found = g_replacements.find(*slot);
+  if (found == g_replacements.end()) {
     if (isImported && fnmatch(NEVER_FAIL, symbol, FNM_EXTMATCH) != 0)
       g_unknown.emplace_back(symbol);
     return;
@@ -195,11 +206,12 @@ void Patch(void** slot, const char* symbol, bool isImported) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const auto start = reinterpret_cast<uintptr_t>(slot) / page * page;
   if (mprotect(reinterpret_cast<void*>(start), page, PROT_READ | PROT_WRITE) != 0) abort();
-  const auto& [wrapper, name] = found->second;
-  *slot = wrapper;
-  *name = symbol;
+  *slot = found->second.wrapper;
+  *found->second.name = symbol;
 }
 
+// Goes through the tables of a library: the linker's instructions to fill them in say where they
+// are and under which name a function was looked for.
 void PatchLibrary(const link_map& library) {
   std::map<ElfW(Sxword), uintptr_t> tags;
   for (const auto* entry = library.l_ld; entry->d_tag != DT_NULL; entry++)
@@ -217,14 +229,6 @@ void PatchLibrary(const link_map& library) {
   }
 }
 
-void* OpensslRealloc(void* memory, size_t size, const char* /*file*/, int /*line*/) {
-  return MustFail({.name = "OPENSSL_malloc"}) != 0 ? nullptr : realloc(memory, size);
-}
-void* OpensslMalloc(size_t size, const char* file, int line) {
-  return OpensslRealloc(nullptr, size, file, line);
-}
-void OpensslFree(void* memory, const char* /*file*/, int /*line*/) { free(memory); }
-
 const bool g_patched = [] {
   if (CRYPTO_set_mem_functions(OpensslMalloc, OpensslRealloc, OpensslFree) != 1) abort();
   WrapAll();
@@ -238,7 +242,7 @@ int Fault::operator()(const ImportCall& call) {
   if (fnmatch(name.c_str(), call.name.data(), FNM_EXTMATCH) != 0) return 0;
   calls++;
   if (calls != nth && !(andLater && calls > nth)) return 0;
-  return writesFirst ? -EIO : EIO;
+  return EIO;
 }
 
 long LiveAllocations() { return g_live; }

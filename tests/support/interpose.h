@@ -1,6 +1,7 @@
-// Faults: what the three libraries import from each other, from OpenSSL and from the C library is
-// put behind wrappers that can make a call fail. Only calls of the libraries are seen, OpenSSL's
-// own file calls are not; its own allocations are, under the name OPENSSL_malloc.
+// Faults in front of library calls. What the three libraries under test call of each other, of
+// OpenSSL and of the C library goes through a wrapper, which asks the hooks of the test first: the
+// call is made, or it fails as that function does. Only calls of the three libraries are seen,
+// OpenSSL's own file calls are not; its allocations are, under the name OPENSSL_malloc.
 #ifndef VAKRO_TESTS_INTERPOSE_H
 #define VAKRO_TESTS_INTERPOSE_H
 
@@ -24,8 +25,7 @@ struct ImportCall {
 };
 
 // While a hook lives it is asked before each call that its thread makes: 0 lets it happen, an errno
-// makes it fail so, and a negative one makes it write to its outputs first. Of several each is
-// asked. A forked child inherits them.
+// makes it fail so. Of several each is asked. A forked child inherits them.
 struct Hook {
   std::function<int(const ImportCall& call)> ask;
   const Hook* const outer = std::exchange(t_innermost, this);
@@ -35,11 +35,10 @@ struct Hook {
 
 // A hook that makes calls of one function fail.
 struct Fault {
-  std::string name;          // the function to fail, or a pattern of fnmatch for several
-  long nth = 1;              // the first call to fail, counted from 1; 0 fails none
-  bool andLater = false;     // fail all later ones too
-  bool writesFirst = false;  // it writes to its outputs before it fails, as it may
-  long calls = 0;
+  std::string name;       // the function to fail, or a pattern of fnmatch for several
+  long nth = 1;           // the first call to fail, counted from 1; 0 fails none
+  bool andLater = false;  // fail all later ones too
+  long calls = 0;         // that were made
 
   int operator()(const ImportCall& call);
 };
