@@ -71,6 +71,8 @@ TEST_F(KeypairsTest, AreImported) {
   for (const int length : {-1, 0, 15, 16})
     EXPECT_REFUSED(0, Import(device, pair, length, 9, "new"));
   EXPECT_REFUSED(-9, Import(device, Raw(algorithm2), 124, 9, "new"));
+  const std::string damaged = Flipped(TestRsa().pair, 12);
+  EXPECT_REFUSED(0, Import(device, Raw(damaged), Len(damaged), 9, "new"));
   EXPECT_REFUSED(0, Import(device, pair, 124, 0x109, tooLong_.c_str()));
   EXPECT_REFUSED(0, Import(device, pair, 124, 0, "new"));
   EXPECT_WRITTEN(Import(device, pair, 124, 9, longest_.c_str()));
@@ -93,6 +95,26 @@ TEST_F(KeypairsTest, AreDeleted) {
   EXPECT_REFUSED(0, DeviceDeleteKeypair(fourth.get()));
   EXPECT_DONE(DeleteKeypairFromDevice(device_.get(), fourth.get()));
   EXPECT_REFUSED(0, DeleteKeypairFromDevice(nullptr, fourth.get()));
+}
+
+TEST_F(KeypairsTest, AreAsManyAsTheRecordSays) {
+  device_->maxKeypairs = 3;
+  EXPECT_REFUSED(0, Import(device_.get(), Raw(pair_), 124, 9, "new"));
+  device_->maxKeypairs = 4;
+  EXPECT_WRITTEN(Import(device_.get(), Raw(pair_), 124, 9, "new"));
+  Made();
+}
+
+TEST_F(KeypairsTest, HaveSaltAndNonceBeforeTheyAreEncoded) {
+  std::string order;
+  const Hook hook{[&](const ImportCall& call) {
+    if (call.name == "RAND_bytes" || call.name == "VakroPKICryptoEncodeECCKeyPair")
+      order += call.name[0];
+    return 0;
+  }};
+  EXPECT_WRITTEN(Import(device_.get(), Raw(pair_), 124, 9, "new"));
+  Made();
+  EXPECT_EQ(order, "RRV");
 }
 
 // --- What the file holds besides ---

@@ -19,10 +19,12 @@ class LocksTest : public CallsTest {
 
   // A child that has stopped itself, in `body` or behind it.
   pid_t Stopped(const std::function<void()>& body) {
-    const pid_t child = Fork([&] {
+    return AwaitStop(Fork([&] {
       body();
       raise(SIGSTOP);
-    });
+    }));
+  }
+  static pid_t AwaitStop(pid_t child) {
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, WUNTRACED), child);
     EXPECT_TRUE(WIFSTOPPED(status));
@@ -114,10 +116,10 @@ TEST_F(LocksTest, AParentThatIsKilledLeavesNoLockWithItsChild) {
   const pid_t parent = Stopped([&] {
     FileLock lock;
     EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD);
-    const pid_t child = fork();
-    if (child == 0) pause();
+    if (fork() > 0) return;
+    const pid_t child = getpid();  // it tells, so that it has begun before its parent ends
     EXPECT_EQ(write(ends[1], &child, sizeof(child)), ssize_t{sizeof(child)});
-    kill(getpid(), SIGSTOP);
+    pause();
   });
   pid_t child = 0;
   EXPECT_EQ(read(ends[0], &child, sizeof(child)), ssize_t{sizeof(child)});
@@ -125,6 +127,28 @@ TEST_F(LocksTest, AParentThatIsKilledLeavesNoLockWithItsChild) {
   EXPECT_EQ(Create(1), 1);
   kill(child, SIGKILL);
   for (const int end : ends) close(end);
+}
+
+// It uses what it inherits, and neither takes a lock away nor believes that it holds it.
+TEST_F(LocksTest, AForkedChildWaitsForALockOfItsParent) {
+  FileLock lock;
+  EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD);
+  const pid_t other = Fork([&] { lock.GiveBack(); });  // a scope ends that was open at the fork
+  EXPECT_EQ(WaitFor(other), 0);
+  EXPECT_FALSE(AreFilesFree());
+  const pid_t user = AwaitStop(Fork([&] {
+    const Hook hook{[](const ImportCall& call) {
+      if (call.name == "nanosleep") raise(SIGSTOP);
+      return 0;
+    }};
+    EXPECT_EQ(Create(1), 1);
+    EXPECT_EQ(DeviceEnd(), 1);
+  }));
+  lock.GiveBack();
+  kill(user, SIGCONT);
+  EXPECT_EQ(WaitFor(user), 0);
+  EXPECT_EQ(ReadSize(1), 1);
+  EXPECT_TRUE(AreFilesFree());
 }
 
 TEST_F(LocksTest, ALockThatCannotBeHadFailsTheCallAndAFileSystemWithoutLocksDoesNot) {
@@ -227,7 +251,7 @@ TEST_F(LocksTest, AnObjectThatCannotFitIsRefusedByItsLength) {
   EXPECT_TRUE(List() == before);
 }
 
-// --- Backups of backups, and links ---------------------------------------------------------------
+// --- Backups of backups ------------------------------------------------------------------------
 
 TEST_F(LocksTest, ABackupOfABackupIsRestoredWhereNothingIsLost) {
   const std::string a = StoredDevice{.label = "a"}.File(), b = StoredDevice{.label = "b"}.File();
@@ -242,11 +266,4 @@ TEST_F(LocksTest, ABackupOfABackupIsRestoredWhereNothingIsLost) {
     EXPECT_NE(Rescan(), nullptr);
     EXPECT_TRUE(Get() == left);
   }
-}
-
-TEST_F(LocksTest, ALinkToNowhereIsNoBackup) {
-  ASSERT_EQ(symlink("nowhere", Path("dev.bak").c_str()), 0);
-  const Folder before = List();
-  EXPECT_NE(Rescan(), nullptr);
-  EXPECT_TRUE(List() == before);
 }
