@@ -1,16 +1,19 @@
 #!/usr/bin/env python3
-"""Writes the manual pages and the completion from what is said elsewhere, so that they can't
+"""Writes manual pages, completion and Debian's list of changes from what is said elsewhere, so that they can't
 differ from it:
 
   manual.py tool PROGRAM VERSION         softdevice(1), from the program's --help
   manual.py completion PROGRAM           the completion for bash, from the same
   manual.py interface HEADER VERSION     vakro_device(3), from the header's comments
+  manual.py changelog CHANGES CONTACT    Debian's form of CHANGELOG.md
 
 The result goes to standard output.
 """
+import datetime
 import re
 import subprocess
 import sys
+import textwrap
 
 FILES_AND_MORE = r"""
 .SH FILES
@@ -209,10 +212,24 @@ def interface_page(header, version):
     return "\n".join(out) + "\n.SH SEE ALSO\n.BR softdevice (1)\n"
 
 
+def changelog(changes, contact):
+    entries = re.findall(r"^## (\S+) \((\S+)\)\n(.*?)(?=^## |\Z)", open(changes).read(), re.M | re.S)
+    out = []
+    for version, day, text in entries:
+        text = re.sub(r"\[(.*?)\]\(.*?\)", r"\1", text.replace("`", ""))
+        out.append(f"vakro ({version}) unstable; urgency=medium\n")
+        out += [textwrap.fill(change, 78, initial_indent="  * ", subsequent_indent="    ",
+                              break_on_hyphens=False)
+                for change in re.findall(r"^- (.*)", text, re.M) or [text.strip()]]
+        out.append(f"\n -- {contact}  {datetime.date.fromisoformat(day):%a, %d %b %Y} 00:00:00 +0000\n")
+    return "\n".join(out)
+
+
 def main():
-    kind, source, *version = sys.argv[1:]
-    make = {"tool": tool_page, "completion": completion, "interface": interface_page}[kind]
-    sys.stdout.write(make(source, *version))
+    kind, source, *more = sys.argv[1:]
+    make = {"tool": tool_page, "completion": completion, "interface": interface_page,
+            "changelog": changelog}[kind]
+    sys.stdout.write(make(source, *more))
 
 
 main()

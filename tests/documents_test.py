@@ -4,7 +4,8 @@
   documents_test.py interface          docs/interface.md has the header's prototypes and numbers,
                                        and what is declared is exported
   documents_test.py device-file        the worked example of docs/device-file.md is a device
-  documents_test.py names PAGE...      the files, links and functions that pages name are there
+  documents_test.py names PAGE...      the files, links, functions and lines of CMake that pages
+                                       name are there
   documents_test.py typed PAGE         every command of a page is typed, and prints what it says
 
 softdevice is found on PATH. How a page is typed:
@@ -12,6 +13,7 @@ softdevice is found on PATH. How a page is typed:
   ```console   lines after "$ " are commands ("> " goes on with the last one), the others what they
                print; "..." stands for anything within a line, alone on a line for any lines
   ```sh        a script; it has to succeed
+  ```c         the inside of a main function, which has to return 0
   other        is not typed
 
 All blocks of a page run in one shell, in a folder with the project's examples/, include/ and
@@ -37,7 +39,17 @@ ELSEWHERE = {
     r"cmake --(preset|build --preset) release.*": "has built what is typed with",
     r"ctest --preset release.*": "is running this",
     r"sudo .*": "needs root; tests/packages_test.py installs elsewhere",
+    r"cpack .*": "is what tests/packages_test.py does",
 }
+C_PROGRAM = """cat >body.c <<'END'
+#include <vakro_device.h>
+#include <dlfcn.h>
+#include <stddef.h>
+int main(void) {{
+{}}}
+END
+cc -Werror body.c -o body -Iinclude -Lbuild/release/lib -lvakro_device
+LD_LIBRARY_PATH=build/release/lib ./body"""
 
 
 def read(name):
@@ -157,6 +169,10 @@ def test_names(*pages):
                 faults.append(f"{page}: there is no {name}")
             if function and words and name not in words:
                 faults.append(f"{page}: nothing is called {name}")
+        lines = [line for kind, _, cmake in blocks(text) if kind == "cmake"
+                 for line in cmake.splitlines()]
+        faults += [f"{page}: the examples have no {line}" for line in lines
+                   if line not in read("examples/CMakeLists.txt")]
     return faults
 
 
@@ -166,8 +182,8 @@ def test_names(*pages):
 def commands(page):
     """What is to be typed: (line number, command, expected output or None)."""
     for kind, number, text in blocks(page):
-        if kind == "sh":
-            yield number, text, None
+        if kind in ("sh", "c"):
+            yield number, C_PROGRAM.format(text) if kind == "c" else text, None
         if kind != "console":
             continue
         command, expected = "", []
