@@ -26,23 +26,23 @@ benchmark::internal::Benchmark* Add(const std::string& row, const std::string& w
   const auto made = std::make_shared<std::map<int, Measured>>();  // by thread
   const auto run = [=](benchmark::State& state) {
     static std::mutex making;
-    Measured measured;
+    Measured* measured = nullptr;  // in its place: calls may keep a state from run to run
     try {
       const std::lock_guard lock(making);
       if (!made->contains(state.thread_index())) (*made)[state.thread_index()] = make();
-      measured = (*made)[state.thread_index()];
+      measured = &(*made)[state.thread_index()];
     } catch (const std::exception& error) {
       state.SkipWithError(error.what());
       g_failed = true;
       return;
     }
     for ([[maybe_unused]] auto iteration : state) {
-      if (measured.before) {
+      if (measured->before) {
         state.PauseTiming();
-        measured.before();
+        measured->before();
         state.ResumeTiming();
       }
-      if (measured.call()) continue;
+      if (measured->call()) continue;
       state.SkipWithError("it does not work");
       g_failed = true;
       break;

@@ -137,12 +137,13 @@ def summary(rows):
     return text + (" Missed: " + "; ".join(missed) + "." if missed else "")
 
 
-def setting(context):
-    """Where and when it was measured."""
+def setting(rows, context):
+    """Where, when and how often it was measured."""
     day = datetime.date.fromisoformat(context["date"][:10])
+    repetitions = max(len(c.times) for contenders in rows.values() for c in contenders)
     return (f"Measured on {day}: {context['cpu']}, {context['num_cpus']} processors, "
             f"{context['openssl']}, g++ {context['compiler']}; disk on {context['disk']}, memory on "
-            f"{context['memory']}; {context['repetitions']} repetitions.")
+            f"{context['memory']}; {repetitions} repetitions.")
 
 
 def draw(rows, path):
@@ -153,8 +154,8 @@ def draw(rows, path):
         print("Without matplotlib (Debian: python3-matplotlib) there is no chart.")
         return
     matplotlib.use("svg")
-    matplotlib.rcParams["svg.hashsalt"] = "vakro"
-    from matplotlib import pyplot
+    matplotlib.rcParams.update({"svg.hashsalt": "vakro", "svg.fonttype": "none"})
+    from matplotlib import pyplot, ticker
     shown = [(row, contenders) for row, contenders in rows.items() if len(contenders) > 1][::-1]
     figure, axes = pyplot.subplots(figsize=(9, 0.24 * len(shown) + 1))
     for y, (row, (module, other, *_)) in enumerate(shown):
@@ -167,6 +168,9 @@ def draw(rows, path):
             axes.plot(target, y, "|", color="#222222", ms=10, mew=2)
     axes.set_yticks(range(len(shown)), [row.replace("/", ": ") for row, _ in shown], fontsize=8)
     axes.set_xscale("log")
+    axes.set_xticks([0.2, 0.5, 1, 2, 5], ["0.2", "0.5", "1", "2", "5"])
+    axes.xaxis.set_minor_formatter(ticker.NullFormatter())
+    axes.margins(y=0.01)
     axes.grid(axis="x", which="both", color="#dddddd", lw=0.5)
     axes.set_title("Time of the operation ÷ time of its neighbour (bar: target, red: missed)", fontsize=10)
     figure.savefig(path, bbox_inches="tight", metadata={"Date": None})
@@ -175,7 +179,7 @@ def draw(rows, path):
 def write_doc(folder, rows, context):
     """Replaces what stands between the markers of performance.md, and the chart."""
     page = folder / "performance.md"
-    body = "\n\n".join([setting(context), summary(rows), table(rows)])
+    body = "\n\n".join([setting(rows, context), summary(rows), table(rows)])
     text, count = re.subn(r"(<!-- results -->\n).*(<!-- end of results -->)",
                           lambda match: match[1] + body + "\n" + match[2], page.read_text("utf-8"),
                           flags=re.S)
@@ -192,7 +196,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="say only that all of it ran")
     arguments = parser.parse_args()
     rows, context = load(arguments.json)
-    report = f"{table(rows)}\n{summary(rows)}\n{setting(context)}"
+    report = f"{table(rows)}\n{summary(rows)}\n{setting(rows, context)}"
     print(f"{len(rows)} operations ran; these times say nothing." if arguments.quick else report)
     if arguments.doc:
         write_doc(arguments.doc, rows, context)

@@ -1,5 +1,6 @@
 #!/bin/sh
 # Builds the release preset, runs the benchmarks and prints the table of ratios (about 3 minutes).
+# `scripts/setup.sh --bench` installs the libraries that some rows stand beside, and what --doc needs.
 #   --quick         every operation once, on small folders: only shows that all of them work
 #   --doc           also puts table and chart into docs/performance.md and docs/performance.svg
 #   --program FILE  runs this program instead of building one
@@ -35,7 +36,7 @@ result=build/bench.json
 repetitions=15
 if [ -n "$quick" ]; then
   result=$scratch/bench.json
-  repetitions=1
+  repetitions=2  # calls keep a state from one to the next
   set -- --quick --benchmark_filter='-generate/RSA-.*' "$@"
 fi
 file_system() { df --output=fstype "$1" | tail -n 1; }
@@ -43,7 +44,8 @@ cpu=$(sed -n 's/^model name[^:]*: *//p' /proc/cpuinfo | head -n 1 | tr ',=' '  '
 "$program" --disk="$scratch" --memory="$memory" --benchmark_repetitions=$repetitions \
   --benchmark_min_time=0.02 --benchmark_enable_random_interleaving=true \
   --benchmark_out="$result" \
-  --benchmark_context="cpu=$cpu,repetitions=$repetitions" \
+  --benchmark_context="cpu=$cpu" \
   --benchmark_context="disk=$(file_system "$scratch"),memory=$(file_system "$memory")" \
   "$@" >"$scratch/log" 2>&1 && [ -s "$result" ] || { cat "$scratch/log"; exit 1; }
-python3 bench/report.py "$result" ${quick:+--quick} ${doc:+--doc docs}
+# Debian's own Python, which finds Debian's matplotlib.
+/usr/bin/python3 bench/report.py "$result" ${quick:+--quick} ${doc:+--doc docs}

@@ -2,6 +2,7 @@
 # Installs the Debian packages that building and testing need, and only those that are missing.
 # Needs root or sudo only when something is missing; where it can't install, it says what to.
 #   --clients   also the programs that scripts/clients.sh runs on the PKCS #11 library
+#   --bench     also what scripts/bench.sh measures beside, and what draws its chart
 set -euo pipefail
 
 packages=(
@@ -19,9 +20,19 @@ clients=(
   opensc gnutls-bin openssh-client p11-kit p11-kit-modules
   libengine-pkcs11-openssl libnss3-tools         # OpenSSL's engine; NSS
   openjdk-17-jdk-headless python3-pykcs11
-  softhsm2                                       # what bench/tokens.cpp measures beside
 )
-[ "${1-}" != --clients ] || packages+=("${clients[@]}")
+bench=(
+  libbotan-2-dev libgcrypt20-dev                 # other SM2
+  softhsm2                                       # another token
+  python3-matplotlib
+)
+for option in "$@"; do
+  case $option in
+    --clients) packages+=("${clients[@]}") ;;
+    --bench) packages+=("${bench[@]}") ;;
+    *) echo "setup.sh [--clients] [--bench]" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
