@@ -146,5 +146,5 @@ DeviceSet* GetDeviceSetHandle(void) {
 
 DeviceSet* DeviceGetAllDevices(void) {
   const ErrorMark mark;
-  return GetDeviceSetHandle();
+  return g_keyFolder == nullptr ? nullptr : GetDeviceSetHandle();
 }

@@ -127,8 +127,8 @@ int DeviceIsSupportedAlgorithm2(Device* device, int algorithm, int bits, int cls
 // DeviceGetAllDevices scans the key folder and loads up to 64 devices in directory order. A
 // damaged file is passed over in silence. Stale backups are removed; a device file that is missing
 // or damaged is restored from its backup. Each call makes new, independent records.
-// Returns a set, possibly empty, or NULL when the folder can't be listed or memory is out. Takes
-// no module lock.
+// Returns a set, possibly empty, or NULL when the folder can't be listed, memory is out or the
+// module is not started. Takes no module lock.
 DeviceSet* DeviceGetAllDevices(void);
 
 // DeviceGetDeviceCount returns the number of devices, 0 to 64; -1 for a NULL set.

@@ -47,6 +47,7 @@ TEST_F(LifecycleTest, TheKeyFolderIsCopiedAndEndsInASlash) {
   WithFault({.name = "vakro_malloc"}, [&] { fails("/tmp/c"); });
   EXPECT_EQ(DeviceEnd(), 1);
   EXPECT_EQ(DeviceSetKeyFolder("/tmp/c"), 0);
+  EXPECT_EQ(DeviceGetAllDevices(), nullptr);
   EXPECT_EQ(g_keyFolder, nullptr);
 }
 
