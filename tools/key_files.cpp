@@ -160,11 +160,21 @@ static void LoadProviders() {
   if (g_usual != nullptr) g_legacy = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
 }
 
+static std::string FirstBlock(const Secret& content) {
+  static constexpr std::string_view BEGIN = "-----BEGIN ", END = "-----";
+  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+  const size_t at = text.find(BEGIN);
+  const size_t end = at == text.npos ? at : text.find(END, at + BEGIN.size());
+  if (end == text.npos || end > at + NAME_SIZE) return {};
+  return std::string(text.substr(at + BEGIN.size(), end - at - BEGIN.size()));
+}
+
 KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
   const Secret content = ReadSecretInput(path);
   LoadProviders();
   KeyFile file;
   if (content.empty()) return file;  // a memory BIO of no bytes can't be made
+  file.block = FirstBlock(content);
   Passphrase passphrase{source, {}, {}};
   ReadWithStore(content, passphrase, file);
   const auto isEmpty = [&] { return !file.privateKey && !file.publicKey && file.certs.empty(); };
@@ -182,8 +192,12 @@ KeyFile ReadKeyFile(const std::string& path, const SecretSource& source) {
 EVP_PKEY* RequirePrivateKey(const KeyFile& file, const std::string& path) {
   EVP_PKEY* key = file.privateKey.get();
   if (key == nullptr) {
-    throw Failure(path + " holds no private key that can be read.",
-                  "PEM and DER are read: PKCS#8, PKCS#1, SEC1 and PKCS#12.");
+    const bool isSsh = file.block == "OPENSSH PRIVATE KEY";
+    throw Failure(
+        path + " holds no private key that can be read" +
+            (file.block.empty() ? "." : ", but begins with the PEM block " + file.block + "."),
+        isSsh ? "'ssh-keygen -p -m PEM -f FILE' rewrites a copy of it in a common form."
+              : "PEM and DER are read: PKCS#8, PKCS#1, SEC1 and PKCS#12.");
   }
   if (EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA && CurveOf(key) == 0) {
     throw Failure(

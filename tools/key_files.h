@@ -14,6 +14,7 @@ struct KeyFile {
   int privateKeys = 0;
   EvpKey publicKey;
   std::vector<Certificate> certs;
+  std::string block;  // what the first PEM block says it is, as in "PRIVATE KEY"; "" for no PEM
 };
 
 // ReadKeyFile reads PEM and DER: private keys (PKCS#8, also encrypted, PKCS#1, SEC1), PKCS#12, also

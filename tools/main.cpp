@@ -10,10 +10,12 @@
 #include <CLI/CLI.hpp>
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 #include <new>
 
 static std::string Footer() {
@@ -75,6 +77,12 @@ static int Parse(CLI::App& app, int argc, char** argv) {
     app.parse(argc, argv);
     return Finish();
   } catch (const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    const CLI::App* family = Reached(&app)->get_parent();
+    const bool isPinFamily = family != nullptr && family->get_name() == "pin";
+    if (isPinFamily && !unknown.empty() && !unknown.front().starts_with('-')) {
+      return Tell(SecretTold().what(), SecretTold().advice, EXIT_USAGE);
+    }
     return Tell(UsageProblem(Reached(&app), InWords(app, error)), "--help shows what there is.",
                 EXIT_USAGE);
   } catch (const Failure& failure) {
@@ -129,7 +137,16 @@ static int Run(int argc, char** argv) {
   return Parse(app, argc, argv);
 }
 
+// A standard stream that is closed would be the next file that is opened: the device file, and
+// messages would go into it. What takes its place here can't be read or written, as before.
+static void OccupyClosedStreams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 int main(int argc, char** argv) {
+  OccupyClosedStreams();
   const rlimit none = {0, 0};
   setrlimit(RLIMIT_CORE, &none);  // a core file would hold PIN and keys,
   prctl(PR_SET_DUMPABLE, 0);      // and so would the memory that a debugger reads

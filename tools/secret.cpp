@@ -77,11 +77,17 @@ static SecretText AskSecret(const std::string& prompt) {
              "--help names the options that take it from a file or the environment.");
 }
 
-SecretText ReadSecret(const SecretSource& source, const std::string& what) {
+static SecretText FromElsewhere(const SecretSource& source, const std::string& what) {
   if (!source.file.empty()) return FromFile(source.file, what);
   if (!source.env.empty()) return FromEnvironment(source.env, what);
-  if (source.fd >= 0) return FromDescriptor(source.fd, what);
-  return AskSecret(what);
+  return FromDescriptor(source.fd, what);
+}
+
+SecretText ReadSecret(const SecretSource& source, const std::string& what) {
+  if (source.isTerminal()) return AskSecret(what);
+  SecretText secret = FromElsewhere(source, what);
+  if (secret.size() == 1) Remark("The " + what + " that was given is empty.");
+  return secret;
 }
 
 SecretText ReadNewPin(const SecretSource& source, const std::string& what) {

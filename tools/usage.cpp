@@ -6,6 +6,7 @@
 #include <openssl/crypto.h>
 #include <CLI/CLI.hpp>
 
+#include <ctype.h>
 #include <string.h>
 
 using Commands = std::vector<const CLI::App*>;
@@ -123,21 +124,33 @@ std::string UsageProblem(const CLI::App* app, const std::string& what) {
   return what + ". Did you mean " + meant + "?";
 }
 
+Failure SecretTold() {
+  return Failure(EXIT_USAGE,
+                 "A PIN or passphrase on the command line is not taken: others can read it there, "
+                 "and the shell keeps it. Consider this one known.",
+                 "Leave it out to be asked, or use --pin-file, --pin-env or --pin-fd.");
+}
+
+// The word that is, or ends in, a secret where none belongs; NULL where there is none.
+static char* SecretAt(int argc, char** argv, int i) {
+  const std::string word = Lower(argv[i]);
+  if (word.size() > 2 && word.starts_with("-p") && isdigit(word[2]) != 0) return argv[i];
+  for (const std::string name :
+       {"--pin", "--passphrase", "--password", "--passwd", "--old-pin", "--new-pin", "-p"}) {
+    if (word.starts_with(name + "=")) return argv[i];
+    // --new-pin alone is an option; what follows it may be anything.
+    const bool isAhead = word == name && name != "--new-pin" && i + 1 < argc;
+    if (isAhead && argv[i + 1][0] != '-') return argv[i + 1];
+  }
+  return nullptr;
+}
+
 void RefuseSecretWords(int argc, char** argv) {
   for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; i++) {
-    for (const std::string name :
-         {"--pin", "--passphrase", "--password", "--passwd", "--old-pin", "--new-pin", "-p"}) {
-      const std::string word = argv[i];
-      const bool joined = word.starts_with(name + "=");
-      const bool alone = word == name && i + 1 < argc && argv[i + 1][0] != '-';
-      if (!joined && (!alone || name == "--new-pin")) continue;
-      OPENSSL_cleanse(joined ? argv[i] : argv[i + 1], strlen(joined ? argv[i] : argv[i + 1]));
-      throw Failure(EXIT_USAGE,
-                    name +
-                        " with a PIN or passphrase behind it is not taken: others can read the "
-                        "command line, and the shell keeps it. Consider this one known.",
-                    "Leave it out to be asked, or use --pin-file, --pin-env or --pin-fd.");
-    }
+    char* secret = SecretAt(argc, argv, i);
+    if (secret == nullptr) continue;
+    OPENSSL_cleanse(secret, strlen(secret));
+    throw SecretTold();
   }
 }
 

@@ -14,6 +14,7 @@ const CLI::App* FindHelp(CLI::App& app, const std::vector<std::string>& words);
 // RefuseSecretWords fails when a PIN or a passphrase stands on the command line, without repeating
 // it.
 void RefuseSecretWords(int argc, char** argv);
+Failure SecretTold();  // the words for it
 
 // UsageProblem says what was wrong with the line, and what may have been meant.
 std::string UsageProblem(const CLI::App* app, const std::string& what);
