@@ -23,13 +23,12 @@ so.
 """
 import hashlib
 import os
-import pty
 import re
-import select
 import subprocess
 import sys
 import tempfile
-import termios
+
+from support.terminal import converse
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PIN = "correct-horse"
@@ -80,12 +79,10 @@ def test_interface():
     page = read("docs/interface.md")
     prototypes, numbers, records = declarations(read("include/vakro_device.h"))
     said = declarations("".join(text for kind, _, text in blocks(page) if kind == "c"))
-    faults = [f"not described: {p}" for p in prototypes - said[0]]
-    faults += [f"not in the header: {p}" for p in said[0] - prototypes]
-    faults += [f"record differs: {r}" for r in records ^ said[2]]
-    for name, number in numbers.items():
-        if not re.search(rf"`{name}`[^\n]*(?<![\d-]){number}\b", page):
-            faults.append(f"{name} is not said to be {number}")
+    faults = [f"only in the page or the header: {x}"
+              for x in (prototypes ^ said[0]) | (records ^ said[2])]
+    faults += [f"{name} is not said to be {number}" for name, number in numbers.items()
+               if not re.search(rf"`{name}`[^\n]*(?<![\d-]){number}\b", page)]
     exported = set(re.findall(r"^    (Device\w+);", read("device/exports.map"), re.M))
     declared = {re.search(r"(Device\w+)\(", p)[1] for p in prototypes}
     faults += [f"declared or exported, not both: {name}" for name in declared ^ exported]
@@ -216,32 +213,12 @@ def pattern(expected):
     return "".join(lines)
 
 
-def type_script(script, folder):
-    """Runs a script on a terminal of its own and answers what is asked there."""
-    terminal, side = pty.openpty()
-    attributes = termios.tcgetattr(side)
-    attributes[3] &= ~termios.ECHO
-    termios.tcsetattr(side, termios.TCSANOW, attributes)
-    child = subprocess.Popen(
-        ["bash", "-c", script], cwd=folder, stdin=side, stdout=subprocess.DEVNULL, stderr=side,
-        start_new_session=True,
-        preexec_fn=lambda: os.close(os.open(os.ttyname(side), os.O_RDWR)),  # its own terminal
-        env={**os.environ, "LC_ALL": "C.UTF-8", "HOME": folder, "VAKRO_FOLDER": folder + "/keys"})
-    os.close(side)
-    asked = ""
-    while child.poll() is None or select.select([terminal], [], [], 0)[0]:
-        if not select.select([terminal], [], [], 0.1)[0]:
-            continue
-        try:
-            asked += os.read(terminal, 4096).decode(errors="replace")
-        except OSError:
-            break
-        if asked.endswith((": ", "? ")) or asked.endswith("] "):
-            answer = "yes" if "es" in asked.rsplit("\n", 1)[-1] and "PIN" not in asked else PIN
-            os.write(terminal, (answer + "\n").encode())
-            asked = ""
-    os.close(terminal)
-    return child.wait(), asked
+def answer(said, _):
+    """What is typed where a page's commands ask."""
+    line = said.rsplit("\n", 1)[-1]
+    if not line.endswith((": ", "? ", "] ")):
+        return b""
+    return (b"yes" if "es" in line and "PIN" not in line else PIN.encode()) + b"\n"
 
 
 def test_typed(name):
@@ -256,7 +233,9 @@ def test_typed(name):
             strict = "set -e\n" if expected is None else ""
             script.append(f"{{ {strict}{command}\n}} >$log/{i}.out 2>$log/{i}.err; "
                           f"echo $? >$log/{i}.code; set +e")
-        _, rest = type_script("\n".join(script), f"{scratch}/home")
+        home = f"{scratch}/home"
+        rest, _ = converse(["bash", "-c", "\n".join(script)], answer, home, {
+            **os.environ, "LC_ALL": "C.UTF-8", "HOME": home, "VAKRO_FOLDER": home + "/keys"})
         faults = []
         for i, (line, command, expected) in enumerate(todo):
             def logged(kind):

@@ -2,11 +2,12 @@
 """Plays a session of data/softdevice.txt with the built program: softdevice_test.py TITLE"""
 import os
 import pathlib
-import pty
 import sys
 import tempfile
 import termios
 import time
+
+from support.terminal import converse
 
 
 def read_sessions():
@@ -40,23 +41,16 @@ def await_echo(terminal, on):
 
 def take(line, status, says, answers):
     """Takes a step in a shell on a terminal of its own."""
-    child, terminal = pty.fork()
-    if child == 0:
-        settings = termios.tcgetattr(0)
-        settings[3] |= termios.NOFLSH  # else a control key discards what has been said
-        termios.tcsetattr(0, termios.TCSANOW, settings)
-        os.execlp("sh", "sh", "-c", line)
-    said, left = "", list(answers)
-    try:
-        while True:
-            said += os.read(terminal, 1024).decode(errors="replace")
-            if said.endswith(": ") and left:
-                text, echo = left.pop(0)
-                await_echo(terminal, echo)  # the prompt comes first
-                os.write(terminal, text.encode() + (b"\n" if text >= " " else b""))
-    except OSError:  # the program has ended
-        os.close(terminal)
-    ended = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    left = list(answers)
+
+    def answer(said, terminal):
+        if not said.endswith(": ") or not left:
+            return b""
+        text, echo = left.pop(0)
+        await_echo(terminal, echo)  # the prompt comes first
+        return text.encode() + (b"\n" if text >= " " else b"")
+
+    said, ended = converse(["sh", "-c", line], answer)
     missing = [text for text in says if text not in said]
     shown = [text for text, echo in answers if not echo and text in said]
     if ended != status or left or missing or shown:
