@@ -13,13 +13,11 @@ class EncryptionTest : public AnswersTest {
     return DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, secret, length, out_, 600, &n_);
   }
   // The size alone.
-  int EncryptNowhere(PublicKey* key, unsigned int algorithm, const unsigned char* text,
-                     int length) {
-    return DevicePublicKeyEncrypt(key, algorithm, nullptr, text, length, nullptr, 0, &n_);
+  int EncryptNowhere(PublicKey* key, unsigned int id, const unsigned char* text, int length) {
+    return DevicePublicKeyEncrypt(key, id, nullptr, text, length, nullptr, 0, &n_);
   }
-  int DecryptNowhere(Keypair* keypair, unsigned int algorithm, const unsigned char* secret,
-                     int length) {
-    return DevicePrivateKeyDecrypt(keypair, algorithm, nullptr, secret, length, nullptr, 0, &n_);
+  int DecryptNowhere(Keypair* keypair, unsigned int id, const unsigned char* secret, int length) {
+    return DevicePrivateKeyDecrypt(keypair, id, nullptr, secret, length, nullptr, 0, &n_);
   }
   std::string EncryptAll(int needed, PublicKey* key, unsigned int algorithm,
                          std::string_view text) {

@@ -187,14 +187,21 @@ TEST_F(KeypairsTest, AreFoundByTheFirstEightItems) {
 
 TEST_F(KeypairsTest, NeedAFileThatIsADevice) {
   EXPECT_WRITTEN(DeviceAddCertificate(p256_, Raw("one"), 3));
-  const auto all = [&] {
+  const auto calls = [&] {
     EXPECT_REFUSED(0, DeviceAddCertificate(p256_, Raw("cert"), 4));
     EXPECT_REFUSED(0, DeviceDeleteCertificate(p256_, 0));
-    EXPECT_REFUSED(0, UpdateKeypairToFile(p256_));
     EXPECT_REFUSED(0, DeviceDeleteKeypair(p256_));
     EXPECT_REFUSED(0, Import(device_.get(), Raw(pair_), 124, 9, "new"));
+    EXPECT_REFUSED(0, Generate(device_.get(), 4, 256, &p256Params_, 9, "new"));
+  };
+  const auto all = [&] {
+    calls();
+    EXPECT_REFUSED(0, UpdateKeypairToFile(p256_));
     EXPECT_REFUSED(0, AddhKeypairToFile(device_.get(), p256_));
   };
+  Write("dev", Flipped(Read("dev"), 20));  // a wrong digest is not made right
+  calls();
+  EXPECT_REFUSED(0, DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr));
   for (const char* text : {R"(["a","b"])", R"(["a","b",5])", "{}", "["}) {
     SCOPED_TRACE(text);
     WriteText(text);

@@ -106,21 +106,6 @@ TEST_F(NeighboursTest, NoTwoKeypairsHaveOneTypeAndLabel) {
           [&] { return DeviceImportKeypair(ours_.get(), Raw(pair), Len(pair), 9, "new", &made); });
 }
 
-TEST_F(NeighboursTest, AWrongDigestIsNotSignedAnew) {
-  Write("dev", Flipped(Read("dev"), 20));
-  const ECCKeypairParams p256 = {CURVE_P256, 0};
-  Keypair *made = nullptr, *const first = ours_->keypairs[0];
-  const std::function<int()> changes[] = {
-      [&] { return Add(ours_, "cert"); },
-      [&] { return DeviceDeleteCertificate(first, 0); },
-      [&] { return DeviceDeleteKeypair(first); },
-      [&] { return Change(ours_, "new"); },
-      [&] { return DeviceGenerateKeypair(ours_.get(), 4, 256, &p256, 9, "new", &made); },
-      [&] { return Import(ours_.get(), TestSm2().pair, 0) ? 1 : 0; },
-  };
-  for (const auto& change : changes) Refuses(0, ours_.get(), change);
-}
-
 TEST_F(NeighboursTest, AStoredGenerationReadsAndDecodesOnce) {
   int reads = 0, decodes = 0;
   const Hook hook{[&](const ImportCall& call) {

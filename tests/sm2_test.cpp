@@ -64,4 +64,9 @@ TEST_F(Sm2Test, AnAttemptToSignNeedsAnInverseAndAFreshK) {
   EXPECT_EQ(TrySM2Sign(BN_value_one(), Raw(e), 32, &raw, &length), -1);
   Run("key", Hex(TestSm2().pair), "-");
   EXPECT_NE(Sign(e), Sign(e));
+  EXPECT_EQ(SM2Sign(key_.get(), nullptr, 1, &raw, &length), 0);
+  EXPECT_EQ(SM2Sign(key_.get(), Raw(e), -1, &raw, &length), 0);
+  const std::string none = Unhex(Sign(""));
+  EXPECT_EQ(SM2Verify(key_.get(), nullptr, 0, Raw(none), Len(none)), 1);
+  EXPECT_EQ(SM2Verify(key_.get(), nullptr, 1, Raw(none), Len(none)), 0);
 }
