@@ -9,7 +9,20 @@ struct DataObject {
   int length;
 };
 
-// DataObjects fails when the list can't be read.
+// DataObjects lists them by number; fails when the list can't be read.
 std::vector<DataObject> DataObjects(Device* device);
+
+std::string NameOfObject(int id);  // "data object 7"
+
+// FindObject fails when there is no such object, RefuseTaken when there is one.
+DataObject FindObject(Device* device, int id);
+void RefuseTaken(Device* device, int id);
+
+// RequireRoom fails when the device file has no room for an object of that size.
+void RequireRoom(const Device* device, size_t size);
+
+// PutObject makes an object of the bytes, in one rewrite, under the number, or the first that is
+// free for 0; returns the number.
+int PutObject(const Session& session, int id, const Bytes& bytes);
 
 #endif

@@ -1,172 +1,22 @@
-// keygen, import, public-key, relabel, delete-keypair.
+// public-key, relabel, delete-keypair: what is done with a keypair as a whole.
 #include "device/anchor.h"
-#include "keypair/keypair.h"
-#include "sm2/sm2.h"
-#include "tools/certificates.h"
 #include "tools/change.h"
 #include "tools/describe.h"
-#include "tools/key_files.h"
+#include "tools/keys.h"
 #include "tools/options.h"
 #include "tools/output.h"
-#include "tools/progress.h"
 #include "tools/session.h"
 #include "tools/terminal.h"
 
-#include <limits.h>
 #include <string.h>
-#include <algorithm>
 
 struct KeypairOptions {
-  std::string algorithm;
-  std::string file;
   OutputOptions output;
   std::string label;
-  unsigned int type = 1;
   bool yes = false;
   bool der = false;
-  bool newPin = false;
   SecretSource pin;
-  SecretSource passphrase;
 };
-
-struct Algorithm {
-  const char* name;
-  unsigned int algorithm;
-  int bits;
-  int curve;
-};
-
-// The module knows four curves more, but can't open a stored keypair on them again.
-static constexpr Algorithm ALGORITHMS[] = {
-    {"rsa-1024", ALGORITHM_RSA, 1024, 0},      {"rsa-2048", ALGORITHM_RSA, 2048, 0},
-    {"rsa-3072", ALGORITHM_RSA, 3072, 0},      {"rsa-4096", ALGORITHM_RSA, 4096, 0},
-    {"p-256", ALGORITHM_ECC, 256, CURVE_P256}, {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
-
-static std::vector<std::string> AlgorithmNames() {
-  std::vector<std::string> names;
-  for (const Algorithm& a : ALGORITHMS) names.push_back(a.name);
-  return names;
-}
-
-static const Algorithm* FindAlgorithm(const std::string& name) {
-  for (const Algorithm& a : ALGORITHMS) {
-    if (Lower(name) == a.name) return &a;
-  }
-  return nullptr;
-}
-
-static std::string CheckAlgorithm(const std::string& name) {
-  if (FindAlgorithm(name) != nullptr) return "";
-  const std::string meant = Nearest(name, AlgorithmNames());
-  return name + " is none of " + Join(AlgorithmNames()) +
-         (meant.empty() ? "" : "; did you mean " + meant + "?");
-}
-
-// What a new keypair may meet is looked at before the PIN is asked for and a key made.
-static void RequireRoom(Device* device, const KeypairOptions& options) {
-  if (device->keypairCount >= device->maxKeypairs) {
-    throw Failure("Device " + NameOf(device) + " is full: it holds " +
-                      std::to_string(device->maxKeypairs) + " keypairs, the most that fit.",
-                  "'softdevice delete-keypair' makes room.");
-  }
-  for (Keypair* keypair : KeypairsIn(device)) {
-    if (keypair->type != options.type || options.label != keypair->label) continue;
-    throw Failure(EXIT_EXISTS,
-                  "Device " + NameOf(device) + " has a keypair " + options.label + " of type " +
-                      std::to_string(options.type) + " already.",
-                  "Choose another --label or --type.");
-  }
-}
-
-static void RemarkWeak(int bits, bool rsa) {
-  if (rsa && bits < RSA_WEAK_BITS) {
-    Remark("RSA-" + std::to_string(bits) +
-           " is weak; 2048 bits are the least that is "
-           "recommended.");
-  }
-}
-
-static void Generate(const Target& target, KeypairOptions options) {
-  const Algorithm& algorithm = *FindAlgorithm(options.algorithm);
-  if (options.label.empty()) options.label = algorithm.name;
-  Session session(target);
-  RequireRoom(session.device.get(), options);
-  if (algorithm.curve == CURVE_SM2 && g_sm2 == nullptr) {
-    throw Failure("The module started without SM2: its crypto library has no SM2 curve.");
-  }
-  RemarkWeak(algorithm.bits, algorithm.curve == 0);
-  UnlockForFirst(session, options.pin, options.newPin);
-  Device* device = session.device.get();
-  RequireRoom(device, options);
-  const ECCKeypairParams ecc = {.curve = algorithm.curve, .temporary = 0};
-  Keypair* raw = nullptr;
-  int result = VAKRO_FAILED;
-  {
-    const Progress progress("Making the " + std::string(algorithm.name) + " key");
-    result = DeviceGenerateKeypair(device, algorithm.algorithm, algorithm.bits,
-                                   algorithm.curve != 0 ? &ecc : nullptr, options.type,
-                                   options.label.c_str(), &raw);
-  }
-  RequireChange(device, result, "store keypair " + options.label);
-  const KeypairHandle keypair(raw);
-  Confirm("Made " + KindName(raw) + " keypair " + options.label + ", type " +
-              std::to_string(options.type) + ".",
-          FactsOf(raw));
-}
-
-// The keypair's own certificate goes first, the others keep their order.
-static void SortCertificates(std::vector<Certificate>& certs, EVP_PKEY* key) {
-  const auto isOwn = [key](const Certificate& cert) {
-    return EVP_PKEY_eq(X509_get0_pubkey(cert.get()), key) == 1;
-  };
-  std::stable_partition(certs.begin(), certs.end(), isOwn);
-  if (certs.empty() || isOwn(certs.front())) return;
-  Remark("None of the file's certificates is of this key; they are stored all the same.");
-}
-
-// PutIn puts a keypair behind those of a record that is verified and has room.
-static Keypair* PutIn(Device* device, const Secret& encoding, const KeypairOptions& options) {
-  OwnedKeypair keypair(
-      DecodeKeypair(encoding.data(), static_cast<int>(encoding.size()), options.type));
-  if (!keypair) throw Failure("The module does not take this key.");
-  memcpy(keypair->label, options.label.c_str(), options.label.size() + 1);
-  if (AppendKeypair(device, keypair.release()) != VAKRO_OK) {
-    throw Failure("The private key could not be encrypted: out of memory?");
-  }
-  return device->keypairs[device->keypairCount - 1];
-}
-
-static void Import(const Target& target, const KeypairOptions& options) {
-  ProtectInput(options.file);
-  KeyFile file = ReadKeyFile(options.file, options.passphrase);
-  const Secret encoding = KeypairEncoding(RequirePrivateKey(file, options.file));
-  EVP_PKEY* key = file.privateKey.get();
-  SortCertificates(file.certs, key);
-  if (file.certs.size() > MAX_CERTS) {
-    throw Failure("The file holds " + std::to_string(file.certs.size()) +
-                      " certificates; a keypair holds 10.",
-                  "Take some of them out of the file.");
-  }
-  RemarkWeak(EVP_PKEY_get_bits(key), EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA);
-  Session session(target);
-  RequireRoom(session.device.get(), options);
-  UnlockForFirst(session, options.pin, options.newPin);
-  std::string kind;
-  Fields facts;
-  ChangeDevice(session, "store keypair " + options.label, [&](const DeviceChange& change) {
-    RequireRoom(change.device, options);
-    Keypair* keypair = PutIn(change.device, encoding, options);
-    for (const Certificate& cert : file.certs) AppendCertificate(keypair, ToDer(cert.get()));
-    kind = KindName(keypair);
-    facts = FactsOf(keypair);
-    facts.emplace_back("certificates", DeviceGetCertificateCount(keypair));
-  });
-  const std::string with =
-      file.certs.empty() ? "" : ", with " + Count(file.certs.size(), "certificate");
-  Confirm("Imported " + kind + " keypair " + options.label + ", type " +
-              std::to_string(options.type) + with + ".",
-          facts);
-}
 
 static void WritePublicKey(const Target& target, const KeypairOptions& options) {
   const OutputFile output(options.output, options.der ? Output::BINARY : Output::TEXT, target, {});
@@ -179,17 +29,19 @@ static void WritePublicKey(const Target& target, const KeypairOptions& options) 
 
 // --- relabel, delete-keypair ---------------------------------------------------------------------
 
+static void RefuseTaken(const Keypair* keypair, const std::string& label) {
+  for (const Keypair* other : KeypairsIn(keypair->device)) {
+    if (other == keypair || other->type != keypair->type || label != other->label) continue;
+    throw Failure(EXIT_EXISTS, "The device has a keypair " + label + " of type " +
+                                   std::to_string(keypair->type) + " already.");
+  }
+}
+
 static void Relabel(const Target& target, const KeypairOptions& options) {
   KeypairSession session(target);
   Keypair* keypair = session.keypair.get();
   const std::string before = NameOf(keypair);
-  KeypairOptions wanted = options;
-  wanted.type = keypair->type;
-  for (Keypair* other : KeypairsIn(session.device.get())) {
-    if (other == keypair || other->type != wanted.type || options.label != other->label) continue;
-    throw Failure(EXIT_EXISTS, "The device has a keypair " + options.label + " of type " +
-                                   std::to_string(wanted.type) + " already.");
-  }
+  RefuseTaken(keypair, options.label);
   Unlock(session, options.pin);
   keypair = session.keypair.get();
   RequireChange(session.device.get(), RelabelStoredKeypair(keypair, options.label.c_str()),
@@ -240,57 +92,8 @@ static void Delete(const Target& target, const KeypairOptions& options) {
 
 static const char* const KEYPAIR_JSON = "{index, label, type, algorithm, bits, fingerprint}";
 
-static void AddNewKeypairOptions(CLI::App& command, Target& target, KeypairOptions& options) {
-  Add(command, {.name = "--type",
-                .into = &options.type,
-                .help = "Any number from 1, its meaning yours; type and label name a keypair",
-                .value = "N",
-                .showsDefault = true,
-                .range = {1, INT_MAX}});
-  Add(command, {.name = "--new-pin",
-                .into = &options.newPin,
-                .help = "The PIN is a new one, for a device that was made without"});
-  AddDeviceOptions(command, target);
-  AddSecretOptions(command, options.pin, "pin", "PIN");
-}
-
 void AddKeypairCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<KeypairOptions>();
-
-  CLI::App& keygen = AddCommand(app, "keygen", "Make a keypair",
-                                [&target, options] { Generate(target, *options); });
-  Add(keygen, {.name = "algorithm",
-               .into = &options->algorithm,
-               .help = "One of " + Join(AlgorithmNames()),
-               .isRequired = true,
-               .check = CheckAlgorithm});
-  AddNewKeypairOptions(keygen, target, *options);
-  Add(keygen, {.name = "--label",
-               .into = &options->label,
-               .help = "Label of the keypair [the algorithm's name]",
-               .value = "LABEL",
-               .check = RefuseBadName});
-  NoteJson(keygen, KEYPAIR_JSON);
-
-  CLI::App& importing =
-      AddCommand(app, "import", "Store a private key, and its certificates, from a file",
-                 [&target, options] { Import(target, *options); });
-  AddNote(importing,
-          "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, "
-          "PKCS#12.");
-  Add(importing, {.name = "file",
-                  .into = &options->file,
-                  .help = "Key file; - is standard input",
-                  .isRequired = true});
-  AddNewKeypairOptions(importing, target, *options);
-  Add(importing, {.name = "--label",
-                  .into = &options->label,
-                  .help = "Label of the keypair",
-                  .value = "LABEL",
-                  .isRequired = true,
-                  .check = RefuseBadName});
-  AddSecretOptions(importing, options->passphrase, "passphrase", "passphrase of the key file");
-  NoteJson(importing, "as 'keygen', and certificates");
 
   CLI::App& publicKey = AddCommand(app, "public-key", "Write a public key as PEM; needs no PIN",
                                    [&target, options] { WritePublicKey(target, *options); });

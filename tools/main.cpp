@@ -115,6 +115,7 @@ static int Run(int argc, char** argv) {
   AddCreateCommand(app, target);
   AddDeviceCommands(app, target);
   AddPinCommands(app, target);
+  AddNewKeypairCommands(app, target);
   AddKeypairCommands(app, target);
   AddSigningCommands(app, target);
   AddCipherCommands(app, target);

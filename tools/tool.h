@@ -56,16 +56,17 @@ std::string DescribeCommands(const CLI::App& app);
 
 // --- Commands: each family adds its own ----------------------------------------------------------
 
-void AddCreateCommand(CLI::App& app, Target& target);    // create
-void AddDeviceCommands(CLI::App& app, Target& target);   // list, show, rename-device
-void AddPinCommands(CLI::App& app, Target& target);      // pin change, pin verify
-void AddKeypairCommands(CLI::App& app, Target& target);  // keygen, import, public-key...
-void AddSigningCommands(CLI::App& app, Target& target);  // sign, verify
-void AddCipherCommands(CLI::App& app, Target& target);   // encrypt, decrypt
-void AddCertCommands(CLI::App& app, Target& target);     // cert add, list, export, delete
-void AddRequestCommands(CLI::App& app, Target& target);  // csr, self-sign
-void AddDataCommands(CLI::App& app, Target& target);     // data create, put, list, get...
-void AddBackupCommands(CLI::App& app, Target& target);   // backup, restore
-void AddCheckCommand(CLI::App& app, Target& target);     // check
+void AddCreateCommand(CLI::App& app, Target& target);       // create
+void AddDeviceCommands(CLI::App& app, Target& target);      // list, show, rename-device
+void AddPinCommands(CLI::App& app, Target& target);         // pin change, pin verify
+void AddNewKeypairCommands(CLI::App& app, Target& target);  // keygen, import
+void AddKeypairCommands(CLI::App& app, Target& target);     // public-key, relabel, delete-keypair
+void AddSigningCommands(CLI::App& app, Target& target);     // sign, verify
+void AddCipherCommands(CLI::App& app, Target& target);      // encrypt, decrypt
+void AddCertCommands(CLI::App& app, Target& target);        // cert add, list, export, delete
+void AddRequestCommands(CLI::App& app, Target& target);     // csr, self-sign
+void AddDataCommands(CLI::App& app, Target& target);        // data create, put, list, get...
+void AddBackupCommands(CLI::App& app, Target& target);      // backup, restore
+void AddCheckCommand(CLI::App& app, Target& target);        // check
 
 #endif
