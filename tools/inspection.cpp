@@ -9,6 +9,7 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -97,7 +98,6 @@ static std::string PlaceOf(const StoredFault& fault) {
 struct Collection {
   const Bytes& image;
   Inspection inspection;
-  std::vector<int> passedOver;
 };
 
 static void Collect(void* context, const StoredFault& fault) {
@@ -106,31 +106,31 @@ static void Collect(void* context, const StoredFault& fault) {
   inspection.findings.push_back(
       {WeightOf(fault.fault), PlaceOf(fault), InWords(fault, collection.image)});
   if (fault.fault == Fault::DIGEST) inspection.digestHolds = false;
-  if (fault.fault < Fault::KEYPAIR || fault.fault > Fault::TOO_MANY_KEYPAIRS) return;
-  auto& passed = collection.passedOver;
-  if (std::find(passed.begin(), passed.end(), fault.keypair) == passed.end()) {
-    passed.push_back(fault.keypair);
-  }
 }
 
-Inspection Inspect(const std::string& path) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) FailToOpen(path);
-  if (!S_ISREG(status.st_mode)) {
-    return {.loads = false,
-            .digestHolds = false,
-            .findings = {{Weight::REFUSED, "", "it is no regular file"}},
-            .keypairsPassedOver = 0};
-  }
-  const Bytes image = ReadInput(path);
-  Collection collection{image, {}, {}};
+static Inspection InspectContent(const Bytes& image) {
+  Collection collection{image, {}};
   collection.inspection.digestHolds = true;
   const int loads =
       InspectImage(image.data(), static_cast<unsigned int>(image.size()), Collect, &collection);
   if (loads < 0) throw std::bad_alloc();
   collection.inspection.loads = loads == 1;
-  collection.inspection.keypairsPassedOver = static_cast<int>(collection.passedOver.size());
   return collection.inspection;
+}
+
+static Inspection Refused(const std::string& why) {
+  Inspection inspection;
+  inspection.findings.push_back({Weight::REFUSED, "", why});
+  return inspection;
+}
+
+Inspection Inspect(const std::string& path) {
+  struct stat status = {};
+  if (lstat(path.c_str(), &status) != 0) FailToOpen(path);
+  if (stat(path.c_str(), &status) != 0) return Refused("it is a link astray: " + SystemError());
+  if (!S_ISREG(status.st_mode)) return Refused("it is no regular file");
+  if (access(path.c_str(), R_OK) != 0) return Refused("it can't be read: " + SystemError());
+  return InspectContent(ReadInput(path));
 }
 
 bool IsDeviceFile(const std::string& path) {

@@ -23,10 +23,10 @@ struct Inspection {
   bool loads = false;  // a scan makes a device of it
   bool digestHolds = false;
   Findings findings;
-  int keypairsPassedOver = 0;
 };
 
-// Inspect looks at the content alone. Fails when the file can't be read.
+// Inspect looks at the content alone. Fails when there is no such file; one that can't be read is
+// told in a finding.
 Inspection Inspect(const std::string& path);
 
 // IsDeviceFile says whether container and digest of a file are right.

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -131,6 +132,8 @@ static int Run(int argc, char** argv) {
     printf("%s\n", DescribeCommands(app).c_str());
   });
   app.footer(Footer());  // here, so that the commands do not inherit it
+  static char version[] = "version";
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) argv[1] = version;
   if (argc == 1) {
     fprintf(stderr, "%s", app.help().c_str());
     return EXIT_USAGE;
