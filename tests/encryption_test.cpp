@@ -93,7 +93,7 @@ TEST_F(EncryptionTest, WithSm2) {
                    }),
             text_);
   EXPECT_REFUSED_AND_TOLD(0, 31, DecryptTo(sm2_, 64, Raw(made), 128));
-  EXPECT_EQ(Bytes(out_, 32), std::string(31, '\0') + '.') << "wiped";
+  EXPECT_EQ(Bytes(out_, 32), std::string(31, '\0').append(".")) << "wiped";
   EXPECT_REFUSED(0, DecryptNowhere(sm2_, 64, Raw(made), 97));
   EXPECT_REFUSED(0, DecryptNowhere(sm2_, 64, nullptr, 129));
 

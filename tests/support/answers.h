@@ -50,8 +50,7 @@ class AnswersTest : public OperationsTest {
   static int Code(int result) { return result; }
   static int Code(const void* handle) { return handle != nullptr ? 1 : 0; }
 
-  template <class Call>
-  void Refused(int want, int length, Call call) {
+  void Refused(int want, int length, const std::function<int()>& call) {
     Clear();
     const std::string closed = Describe(*closed_);
     Refuses(want, device_.get(), call);
@@ -61,8 +60,7 @@ class AnswersTest : public OperationsTest {
     EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
   }
 
-  template <class Call>
-  void Done(bool writes, Call call) {
+  void Done(bool writes, const std::function<int()>& call) {
     Clear();
     const std::string file = Read("dev");
     EXPECT_EQ(call(), 1);

@@ -101,6 +101,29 @@ ModuleTest::Folder ModuleTest::List() const {
   return list;
 }
 
+int ModuleTest::LeavingErrors(const std::function<int()>& call) {
+  ERR_clear_error();
+  ERR_raise(ERR_LIB_USER, 1);
+  ERR_set_mark();
+  ERR_raise(ERR_LIB_USER, 2);
+  const int result = call();
+  EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 2) << "the last of OpenSSL's errors";
+  ERR_pop_to_mark();
+  EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 1) << "the one before the mark";
+  ERR_clear_error();
+  return result;
+}
+
+void ModuleTest::Refuses(int want, const Device* device, const std::function<int()>& call) const {
+  const Folder folder = List();
+  const std::string record = device == nullptr ? "" : Describe(*device);
+  const long live = LiveAllocations();
+  EXPECT_EQ(LeavingErrors(call), want);
+  EXPECT_EQ(LiveAllocations(), live) << "live allocations";
+  EXPECT_TRUE(device == nullptr || Describe(*device) == record) << "the record changed";
+  EXPECT_TRUE(List() == folder) << "the folder changed";
+}
+
 DeviceHandle ModuleTest::Rescan(const char* pin) {
   const SetHandle set(DeviceGetAllDevices());
   EXPECT_EQ(DeviceGetDeviceCount(set.get()), 1);

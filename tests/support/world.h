@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -61,32 +62,11 @@ class ModuleTest : public testing::Test {
 
   // Makes a call of the interface and gives its result. The caller's queue of OpenSSL errors, his
   // mark in it included, must come out as it was.
-  template <class Call>
-  static int LeavingErrors(Call call) {
-    ERR_clear_error();
-    ERR_raise(ERR_LIB_USER, 1);
-    ERR_set_mark();
-    ERR_raise(ERR_LIB_USER, 2);
-    const int result = call();
-    EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 2) << "the last of OpenSSL's errors";
-    ERR_pop_to_mark();
-    EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 1) << "the one before the mark";
-    ERR_clear_error();
-    return result;
-  }
+  static int LeavingErrors(const std::function<int()>& call);
 
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL), the
   // live allocations and OpenSSL's errors as they were.
-  template <class Call>
-  void Refuses(int want, const Device* device, Call call) const {
-    const Folder folder = List();
-    const std::string record = device == nullptr ? "" : Describe(*device);
-    const long live = LiveAllocations();
-    EXPECT_EQ(LeavingErrors(call), want);
-    EXPECT_EQ(LiveAllocations(), live) << "live allocations";
-    EXPECT_TRUE(device == nullptr || Describe(*device) == record) << "the record changed";
-    EXPECT_TRUE(List() == folder) << "the folder changed";
-  }
+  void Refuses(int want, const Device* device, const std::function<int()>& call) const;
 
   std::string folder_;  // with a trailing slash
 
