@@ -40,6 +40,9 @@ struct Attribute {
 // FindAttribute returns the row of a type that objects of this class have, or NULL.
 const Attribute* FindAttribute(CK_OBJECT_CLASS cls, CK_ATTRIBUTE_TYPE type);
 
+// FindOf returns the row of an attribute that this very object has, or NULL.
+const Attribute* FindOf(const Object& object, CK_ATTRIBUTE_TYPE type);
+
 // GetValue gives the value of an attribute that is not secret; false when memory is out or it can't
 // be had now.
 bool GetValue(const Object& object, const Attribute& attribute, Value& value);
@@ -48,24 +51,7 @@ bool GetValue(const Object& object, const Attribute& attribute, Value& value);
 // for, or that is secret, it does not have.
 bool Matches(const Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count);
 
-// CheckValue checks the form of a value in a template.
-CK_RV CheckValue(const Attribute& attribute, const CK_ATTRIBUTE& value);
-
-// ApplyTemplate gives an object the values of a template. What the object is made from (`isInput`:
-// the class, key parts, a certificate's bytes) is passed over. CKR_OK, or
-// CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_VALUE_INVALID, CKR_ATTRIBUTE_READ_ONLY,
-// CKR_TEMPLATE_INCONSISTENT, CKR_HOST_MEMORY; the object is spoilt then.
-CK_RV ApplyTemplate(Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count, bool creation);
-
 // AnswerAttributes is C_GetAttributeValue.
 CK_RV AnswerAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG count);
-
-// A template's parts. The getters give false when it is not there or has another form.
-bool IsTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count);  // no NULL where bytes should be
-const CK_ATTRIBUTE* FindIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type);
-bool NumberIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type,
-              CK_ULONG* number);
-bool FlagIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type, bool otherwise);
-Span BytesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type);
 
 #endif

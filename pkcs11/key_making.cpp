@@ -5,8 +5,8 @@
 #include "core/openssl_owners.h"
 #include "core/secret.h"
 #include "keypair/keypair.h"
-#include "pkcs11/attribute.h"
 #include "pkcs11/log.h"
+#include "pkcs11/template.h"
 #include "sm2/sm2.h"
 
 static constexpr CK_ULONG MIN_RSA_BITS = 1024, MAX_RSA_BITS = 4096;

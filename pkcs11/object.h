@@ -2,8 +2,7 @@
 #ifndef VAKRO_PKCS11_OBJECT_H
 #define VAKRO_PKCS11_OBJECT_H
 
-#include "pkcs11/der.h"
-#include "pkcs11/key.h"
+#include "pkcs11/object_key.h"
 
 inline constexpr size_t NAME_DIGEST_SIZE = 32;
 
@@ -21,17 +20,6 @@ struct Attributes {
   bool SetFlag(CK_ATTRIBUTE_TYPE type, bool value);
   bool Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const;
   static bool AreSound(Span stored);  // whether bytes from outside are a list of attributes
-};
-
-// A key with its public half in the forms that attributes have. Every Key is one.
-struct ObjectKey : Key {
-  Buffer encoding;            // the crypto library's public-key encoding
-  Buffer modulus;             // RSA
-  Buffer exponent;            // RSA
-  Buffer curveOid;            // EC: DER
-  Buffer point;               // EC: the point, uncompressed, in a DER OCTET STRING
-  Buffer publicKeyInfo;       // SubjectPublicKeyInfo, DER
-  unsigned char id[20] = {};  // SHA-1 of the modulus or the point
 };
 
 // Where an object is kept.
@@ -91,11 +79,6 @@ struct View {
 
 // --- Making single objects -----------------------------------------------------------------------
 
-// NewObjectKey makes a key from the crypto library's public-key encoding and, for a private key, a
-// handle of its keypair, which it takes over, also on failure. NULL when memory is out or the
-// encoding is not one.
-ObjectKey* NewObjectKey(Span encoding, Keypair* keypair);
-
 // The makers return NULL when memory is out; NewCertificateObject also for what is no certificate.
 Object* NewKeyObject(CK_OBJECT_CLASS cls, ObjectKey* key);  // holds the key
 Object* NewCertificateObject(Span certificate);
@@ -115,13 +98,5 @@ Object* FindNamed(const View& view, const unsigned char (&name)[NAME_DIGEST_SIZE
 
 // A handle that no object has had in this process.
 CK_OBJECT_HANDLE NewObjectHandle();
-
-// The crypto library's public-key encoding of RSA numbers, or of a point (04 x y) on a curve.
-bool EncodeRsaPublicKey(Span modulus, Span exponent, Buffer& encoding);
-bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding);
-
-// The curve of an OID in DER, and the other way round; 0 or empty for one that is not known.
-int CurveOf(Span oid);
-Span OidOf(int id);
 
 #endif

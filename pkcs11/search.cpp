@@ -1,8 +1,8 @@
 // Finding objects, reading their attributes, and taking their keys for operations.
 #include "pkcs11/search.h"
 
-#include "pkcs11/attribute.h"
 #include "pkcs11/call.h"
+#include "pkcs11/template.h"
 
 struct Search {
   List<CK_OBJECT_HANDLE> found;

@@ -1,0 +1,103 @@
+// C_CreateObject: keys, certificates and data that were made elsewhere.
+#include "pkcs11/call.h"
+#include "pkcs11/key_making.h"
+#include "pkcs11/object_making.h"
+
+static CK_RV CreatePrivateKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
+  OwnedKeypair keypair;
+  const CK_RV imported = ImportKeypair(wanted.attributes, wanted.count, keypair);
+  if (imported != CKR_OK) return imported;
+  if (wanted.IsToken())
+    return StoreMadeKeypair(session, std::move(keypair), {}, wanted, {}, nullptr, handle, nullptr);
+  KeyUse key;
+  key.Reset(KeyOfKeypair(keypair.release()));
+  if (!key) return CKR_HOST_MEMORY;
+  return MakeSessionKey(session, CKO_PRIVATE_KEY, static_cast<ObjectKey*>(key.key), wanted, nullptr,
+                        handle);
+}
+
+static CK_RV CreatePublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
+  Buffer encoding;
+  const CK_RV read = ReadPublicKey(wanted.attributes, wanted.count, encoding);
+  if (read != CKR_OK) return read;
+  if (wanted.IsToken()) return StorePublicKey(session, encoding, wanted, nullptr, handle);
+  KeyUse key;
+  key.Reset(NewObjectKey(encoding, nullptr));
+  if (!key) return CKR_ATTRIBUTE_VALUE_INVALID;
+  return MakeSessionKey(session, CKO_PUBLIC_KEY, static_cast<ObjectKey*>(key.key), wanted, nullptr,
+                        handle);
+}
+
+static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
+  CK_ULONG type = 0;
+  if (!wanted.Number(CKA_CERTIFICATE_TYPE, &type)) return CKR_TEMPLATE_INCOMPLETE;
+  if (type != CKC_X_509) return CKR_ATTRIBUTE_VALUE_INVALID;
+  const Span bytes = wanted.Get(CKA_VALUE);
+  if (bytes.empty()) return CKR_TEMPLATE_INCOMPLETE;
+  if (bytes.size() > 0xFFFFFF) return CKR_ATTRIBUTE_VALUE_INVALID;
+  if (!wanted.IsToken()) {
+    OwnedObject object(NewCertificateObject(bytes));
+    if (!object) return CKR_ATTRIBUTE_VALUE_INVALID;
+    const CK_RV applied = wanted.ApplyTo(*object);
+    return applied == CKR_OK ? AddSessionObject(session, object.release(), handle) : applied;
+  }
+  TokenChange change(*session.slot);
+  CK_RV result = BeginTokenChange(change);
+  Object* made = nullptr;
+  if (result == CKR_OK) result = PutInCertificate(change, bytes, &made);
+  if (result == CKR_OK) result = wanted.ApplyTo(*made);
+  if (result != CKR_OK) return result;
+  const Named named(change, *made);
+  result = CommitTokenChange(change);
+  return result == CKR_OK ? named.Handle(change.slot, handle) : result;
+}
+
+static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
+  const Span value = wanted.Get(CKA_VALUE);
+  if (value.size() > 0xFFFFFF) return CKR_ATTRIBUTE_VALUE_INVALID;
+  if (!wanted.IsToken()) {
+    OwnedObject object(NewDataObject(0, value));
+    if (!object) return CKR_HOST_MEMORY;
+    const CK_RV applied = wanted.ApplyTo(*object);
+    return applied == CKR_OK ? AddSessionObject(session, object.release(), handle) : applied;
+  }
+  TokenChange change(*session.slot);
+  CK_RV result = BeginTokenChange(change);
+  Object* made = nullptr;
+  if (result == CKR_OK) result = PutInData(change, value, wanted.Flag(CKA_PRIVATE, false), &made);
+  if (result == CKR_OK) result = wanted.ApplyTo(*made);
+  if (result != CKR_OK) return result;
+  const Named named(change, *made);
+  result = CommitTokenChange(change);
+  return result == CKR_OK ? named.Handle(change.slot, handle) : result;
+}
+
+CK_RV CreateObject(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
+  CK_ULONG cls = 0;
+  if (!wanted.Number(CKA_CLASS, &cls)) return CKR_TEMPLATE_INCOMPLETE;
+  const bool isPrivate = wanted.Flag(CKA_PRIVATE, cls == CKO_PRIVATE_KEY) || cls == CKO_PRIVATE_KEY;
+  const CK_RV may = CheckMayMake(session, wanted.IsToken(), isPrivate);
+  if (may != CKR_OK) return may;
+  switch (cls) {
+    case CKO_PRIVATE_KEY:
+      return CreatePrivateKey(session, wanted, handle);
+    case CKO_PUBLIC_KEY:
+      return CreatePublicKey(session, wanted, handle);
+    case CKO_CERTIFICATE:
+      return CreateCertificate(session, wanted, handle);
+    case CKO_DATA:
+      return CreateData(session, wanted, handle);
+    default:
+      LogReason("objects of class %lu are not kept", cls);
+      return CKR_ATTRIBUTE_VALUE_INVALID;
+  }
+}
+
+CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                     CK_OBJECT_HANDLE_PTR phObject) {
+  return InSession("C_CreateObject", hSession, [&](Session& session) -> CK_RV {
+    if (phObject == nullptr || pTemplate == nullptr || !IsTemplate(pTemplate, ulCount))
+      return CKR_ARGUMENTS_BAD;
+    return CreateObject(session, {pTemplate, ulCount}, phObject);
+  });
+}
