@@ -275,19 +275,6 @@ bool GetValue(const Object& object, const Attribute& attribute, Value& value) {
   return attribute.derive(object, value);
 }
 
-bool Matches(const Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count) {
-  for (CK_ULONG i = 0; i < count; i++) {
-    const CK_ATTRIBUTE& wanted = attributes[i];
-    const Attribute* const attribute = FindOf(object, wanted.type);
-    if (attribute == nullptr || attribute->secret) return false;
-    Value value;
-    if (!GetValue(object, *attribute, value) ||
-        !IsSame(value.bytes, {static_cast<const unsigned char*>(wanted.pValue), wanted.ulValueLen}))
-      return false;
-  }
-  return true;
-}
-
 // --- Reading -------------------------------------------------------------------------------------
 
 static CK_RV AnswerOne(const Object& object, CK_ATTRIBUTE& asked) {

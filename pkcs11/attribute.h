@@ -47,10 +47,6 @@ const Attribute* FindOf(const Object& object, CK_ATTRIBUTE_TYPE type);
 // be had now.
 bool GetValue(const Object& object, const Attribute& attribute, Value& value);
 
-// Matches says whether an object has all the values of a template; one that it has no attribute
-// for, or that is secret, it does not have.
-bool Matches(const Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count);
-
 // AnswerAttributes is C_GetAttributeValue.
 CK_RV AnswerAttributes(const Object& object, CK_ATTRIBUTE* attributes, CK_ULONG count);
 

@@ -47,9 +47,7 @@ static CK_RV CopyAttributes(const Object& object, const Template& changes, Merge
                                                 CKA_CERTIFICATE_TYPE};
   for (const CK_ATTRIBUTE_TYPE type : TYPES) {
     CK_ATTRIBUTE asked = {type, nullptr, 0};
-    if (FindIn(changes.attributes, changes.count, type) != nullptr ||
-        AnswerAttributes(object, &asked, 1) != CKR_OK)
-      continue;
+    if (changes.Find(type) != nullptr || AnswerAttributes(object, &asked, 1) != CKR_OK) continue;
     Value* const value = New<Value>();
     if (value == nullptr || !merged.values.Add(value) ||
         !GetValue(object, *FindAttribute(object.cls, type), *value) ||
@@ -112,8 +110,8 @@ static CK_RV CopyPrivateKey(Session& session, CK_OBJECT_HANDLE handle, const Tem
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                    CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject) {
   return InSession("C_CopyObject", hSession, [&](Session& session) -> CK_RV {
-    if (phNewObject == nullptr || !IsTemplate(pTemplate, ulCount)) return CKR_ARGUMENTS_BAD;
     const Template changes = {pTemplate, ulCount};
+    if (phNewObject == nullptr || !changes.IsSound()) return CKR_ARGUMENTS_BAD;
     Merged merged;
     bool isPrivateKey = false;
     {

@@ -5,7 +5,7 @@
 
 static CK_RV CreatePrivateKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
   OwnedKeypair keypair;
-  const CK_RV imported = ImportKeypair(wanted.attributes, wanted.count, keypair);
+  const CK_RV imported = ImportKeypair(wanted, keypair);
   if (imported != CKR_OK) return imported;
   if (wanted.IsToken())
     return StoreMadeKeypair(session, std::move(keypair), {}, wanted, {}, nullptr, handle, nullptr);
@@ -18,7 +18,7 @@ static CK_RV CreatePrivateKey(Session& session, const Template& wanted, CK_OBJEC
 
 static CK_RV CreatePublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
   Buffer encoding;
-  const CK_RV read = ReadPublicKey(wanted.attributes, wanted.count, encoding);
+  const CK_RV read = ReadPublicKey(wanted, encoding);
   if (read != CKR_OK) return read;
   if (wanted.IsToken()) return StorePublicKey(session, encoding, wanted, nullptr, handle);
   KeyUse key;
@@ -96,8 +96,8 @@ CK_RV CreateObject(Session& session, const Template& wanted, CK_OBJECT_HANDLE* h
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                      CK_OBJECT_HANDLE_PTR phObject) {
   return InSession("C_CreateObject", hSession, [&](Session& session) -> CK_RV {
-    if (phObject == nullptr || pTemplate == nullptr || !IsTemplate(pTemplate, ulCount))
-      return CKR_ARGUMENTS_BAD;
-    return CreateObject(session, {pTemplate, ulCount}, phObject);
+    const Template wanted = {pTemplate, ulCount};
+    if (phObject == nullptr || pTemplate == nullptr || !wanted.IsSound()) return CKR_ARGUMENTS_BAD;
+    return CreateObject(session, wanted, phObject);
   });
 }

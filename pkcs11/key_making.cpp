@@ -19,15 +19,13 @@ static int UsableCurve(Span parameters) {
 
 static KeyKind KindOf(int curve) { return curve == CURVE_SM2 ? KeyKind::KEY_SM2 : KeyKind::KEY_EC; }
 
-CK_RV ReadRequest(const Mechanism& mechanism, const CK_ATTRIBUTE* attributes, CK_ULONG count,
-                  KeyRequest& request) {
+CK_RV ReadRequest(const Mechanism& mechanism, const Template& wanted, KeyRequest& request) {
   request.kind = mechanism.key;
-  const Span parameters = BytesIn(attributes, count, CKA_EC_PARAMS);
+  const Span parameters = wanted.Get(CKA_EC_PARAMS);
   if (mechanism.key == KeyKind::KEY_RSA) {
-    if (!NumberIn(attributes, count, CKA_MODULUS_BITS, &request.bits))
-      return CKR_TEMPLATE_INCOMPLETE;
+    if (!wanted.Number(CKA_MODULUS_BITS, &request.bits)) return CKR_TEMPLATE_INCOMPLETE;
     if (request.bits < MIN_RSA_BITS || request.bits > MAX_RSA_BITS) return CKR_KEY_SIZE_RANGE;
-    request.exponent = BytesIn(attributes, count, CKA_PUBLIC_EXPONENT);
+    request.exponent = wanted.Get(CKA_PUBLIC_EXPONENT);
     return request.exponent.size() <= 8 ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
   }
   // A key for SM2 may also be asked for as an EC key on its curve.
@@ -63,8 +61,8 @@ CK_RV MakeKeypair(const KeyRequest& request, OwnedKeypair& made) {
 
 // --- Import --------------------------------------------------------------------------------------
 
-static BigNum NumberFrom(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type) {
-  const Span bytes = BytesIn(attributes, count, type);
+static BigNum NumberFrom(const Template& wanted, CK_ATTRIBUTE_TYPE type) {
+  const Span bytes = wanted.Get(type);
   if (bytes.empty() || bytes.size() > 1024) return nullptr;
   return BigNum(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
 }
@@ -81,13 +79,13 @@ static CK_RV DecodeEncoding(unsigned int algorithm, const unsigned char* encodin
   return CKR_OK;
 }
 
-static CK_RV ImportRsa(const CK_ATTRIBUTE* attributes, CK_ULONG count, OwnedKeypair& made) {
+static CK_RV ImportRsa(const Template& wanted, OwnedKeypair& made) {
   static constexpr CK_ATTRIBUTE_TYPE TYPES[] = {
       CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
       CKA_PRIME_2, CKA_EXPONENT_1,      CKA_EXPONENT_2,       CKA_COEFFICIENT};
   BigNum part[8];
   for (size_t i = 0; i < 8; i++) {
-    part[i] = NumberFrom(attributes, count, TYPES[i]);
+    part[i] = NumberFrom(wanted, TYPES[i]);
     if (!part[i]) {
       LogReason("an RSA key to import has all eight numbers");
       return CKR_TEMPLATE_INCOMPLETE;
@@ -137,11 +135,11 @@ static CK_RV PointOf(int curve, const BIGNUM* d, unsigned char (&point)[SM2_POIN
   return CKR_OK;
 }
 
-static CK_RV ImportEc(const CK_ATTRIBUTE* attributes, CK_ULONG count, OwnedKeypair& made) {
-  const Span parameters = BytesIn(attributes, count, CKA_EC_PARAMS);
+static CK_RV ImportEc(const Template& wanted, OwnedKeypair& made) {
+  const Span parameters = wanted.Get(CKA_EC_PARAMS);
   const int curve = parameters.empty() ? static_cast<int>(CURVE_SM2) : UsableCurve(parameters);
   if (curve == 0) return CKR_CURVE_NOT_SUPPORTED;
-  const BigNum d = NumberFrom(attributes, count, CKA_VALUE);
+  const BigNum d = NumberFrom(wanted, CKA_VALUE);
   if (!d) return CKR_TEMPLATE_INCOMPLETE;
   unsigned char point[SM2_POINT_SIZE];
   const CK_RV multiplied = PointOf(curve, d.get(), point);
@@ -164,32 +162,32 @@ static CK_RV ImportEc(const CK_ATTRIBUTE* attributes, CK_ULONG count, OwnedKeypa
              : CKR_HOST_MEMORY;
 }
 
-static CK_RV KeyTypeIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, bool& isRsa) {
+static CK_RV KeyTypeIn(const Template& wanted, bool& isRsa) {
   CK_ULONG type = 0;
-  if (!NumberIn(attributes, count, CKA_KEY_TYPE, &type)) return CKR_TEMPLATE_INCOMPLETE;
+  if (!wanted.Number(CKA_KEY_TYPE, &type)) return CKR_TEMPLATE_INCOMPLETE;
   isRsa = type == CKK_RSA;
   return isRsa || type == CKK_EC || type == SM2KeyType() ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
 }
 
-CK_RV ImportKeypair(const CK_ATTRIBUTE* attributes, CK_ULONG count, OwnedKeypair& made) {
+CK_RV ImportKeypair(const Template& wanted, OwnedKeypair& made) {
   bool isRsa = false;
-  const CK_RV typed = KeyTypeIn(attributes, count, isRsa);
+  const CK_RV typed = KeyTypeIn(wanted, isRsa);
   if (typed != CKR_OK) return typed;
-  return isRsa ? ImportRsa(attributes, count, made) : ImportEc(attributes, count, made);
+  return isRsa ? ImportRsa(wanted, made) : ImportEc(wanted, made);
 }
 
-CK_RV ReadPublicKey(const CK_ATTRIBUTE* attributes, CK_ULONG count, Buffer& encoding) {
+CK_RV ReadPublicKey(const Template& wanted, Buffer& encoding) {
   bool isRsa = false;
-  const CK_RV typed = KeyTypeIn(attributes, count, isRsa);
+  const CK_RV typed = KeyTypeIn(wanted, isRsa);
   if (typed != CKR_OK) return typed;
   if (isRsa) {
-    const Span modulus = BytesIn(attributes, count, CKA_MODULUS);
-    const Span exponent = BytesIn(attributes, count, CKA_PUBLIC_EXPONENT);
+    const Span modulus = wanted.Get(CKA_MODULUS);
+    const Span exponent = wanted.Get(CKA_PUBLIC_EXPONENT);
     if (modulus.empty() || exponent.empty()) return CKR_TEMPLATE_INCOMPLETE;
     return EncodeRsaPublicKey(modulus, exponent, encoding) ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
   }
-  const Span parameters = BytesIn(attributes, count, CKA_EC_PARAMS);
-  Span point = BytesIn(attributes, count, CKA_EC_POINT);
+  const Span parameters = wanted.Get(CKA_EC_PARAMS);
+  Span point = wanted.Get(CKA_EC_POINT);
   if (parameters.empty() || point.empty()) return CKR_TEMPLATE_INCOMPLETE;
   const int curve = CurveOf(parameters);
   if (curve == 0) return CKR_CURVE_NOT_SUPPORTED;

@@ -4,7 +4,7 @@
 
 #include "core/owners.h"
 #include "pkcs11/mechanisms.h"
-#include "pkcs11/memory.h"
+#include "pkcs11/template.h"
 
 // What a key is to be.
 struct KeyRequest {
@@ -14,16 +14,15 @@ struct KeyRequest {
 };
 
 // ReadRequest reads the template of a public key to be made by a mechanism.
-CK_RV ReadRequest(const Mechanism& mechanism, const CK_ATTRIBUTE* attributes, CK_ULONG count,
-                  KeyRequest& request);
+CK_RV ReadRequest(const Mechanism& mechanism, const Template& wanted, KeyRequest& request);
 
 // MakeKeypair makes a temporary keypair; takes as long as that takes, and no lock.
 CK_RV MakeKeypair(const KeyRequest& request, OwnedKeypair& made);
 
 // ImportKeypair makes one from the template of a private key.
-CK_RV ImportKeypair(const CK_ATTRIBUTE* attributes, CK_ULONG count, OwnedKeypair& made);
+CK_RV ImportKeypair(const Template& wanted, OwnedKeypair& made);
 
 // ReadPublicKey makes the public-key encoding from the template of a public key.
-CK_RV ReadPublicKey(const CK_ATTRIBUTE* attributes, CK_ULONG count, Buffer& encoding);
+CK_RV ReadPublicKey(const Template& wanted, Buffer& encoding);
 
 #endif

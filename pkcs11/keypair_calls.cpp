@@ -107,7 +107,7 @@ static CK_RV Generate(Session& session, const CK_MECHANISM& mechanism, const Tem
   if (row == nullptr || row->scheme != Scheme::GENERATE) return CKR_MECHANISM_INVALID;
   if (mechanism.ulParameterLen != 0) return CKR_MECHANISM_PARAM_INVALID;
   KeyRequest request;
-  CK_RV result = ReadRequest(*row, publicKey.attributes, publicKey.count, request);
+  CK_RV result = ReadRequest(*row, publicKey, request);
   if (result != CKR_OK) return result;
   const bool storesPublic = publicKey.IsToken(), storesPrivate = privateKey.IsToken();
   result = CheckMayMake(session, storesPublic || storesPrivate, true);
@@ -154,8 +154,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     const Template publicKey = {pPublicKeyTemplate, ulPublicKeyAttributeCount};
     const Template privateKey = {pPrivateKeyTemplate, ulPrivateKeyAttributeCount};
     if (pMechanism == nullptr || phPublicKey == nullptr || phPrivateKey == nullptr ||
-        !IsTemplate(publicKey.attributes, publicKey.count) ||
-        !IsTemplate(privateKey.attributes, privateKey.count))
+        !publicKey.IsSound() || !privateKey.IsSound())
       return CKR_ARGUMENTS_BAD;
     if (!IsFor(publicKey, CKO_PUBLIC_KEY) || !IsFor(privateKey, CKO_PRIVATE_KEY))
       return CKR_TEMPLATE_INCONSISTENT;

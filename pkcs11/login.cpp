@@ -100,12 +100,6 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
   });
 }
 
-CK_RV C_LoginUser(CK_SESSION_HANDLE hSession, CK_USER_TYPE, CK_UTF8CHAR_PTR, CK_ULONG,
-                  CK_UTF8CHAR_PTR, CK_ULONG) {
-  return InSession("C_LoginUser", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
   return InCall("C_Logout", [&]() -> CK_RV {
     Slot* slot = nullptr;

@@ -70,13 +70,12 @@ CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
 
 static CK_RV SetOf(TokenChange* change, Object& object, const Template& wanted) {
   // The value of a data object is no attribute of the table.
-  const CK_ATTRIBUTE* const value =
-      object.cls == CKO_DATA ? FindIn(wanted.attributes, wanted.count, CKA_VALUE) : nullptr;
-  if (value == nullptr) return ApplyTemplate(object, wanted.attributes, wanted.count, false);
+  const CK_ATTRIBUTE* const value = object.cls == CKO_DATA ? wanted.Find(CKA_VALUE) : nullptr;
+  if (value == nullptr) return wanted.ApplyTo(object, false);
   if (value->ulValueLen > 0xFFFFFF) return CKR_ATTRIBUTE_VALUE_INVALID;
   for (CK_ULONG i = 0; i < wanted.count; i++) {
     if (&wanted.attributes[i] == value) continue;
-    const CK_RV applied = ApplyTemplate(object, &wanted.attributes[i], 1, false);
+    const CK_RV applied = Template{&wanted.attributes[i], 1}.ApplyTo(object, false);
     if (applied != CKR_OK) return applied;
   }
   const Span bytes(static_cast<const unsigned char*>(value->pValue), value->ulValueLen);
@@ -95,9 +94,8 @@ static CK_RV SetSessionObject(Object& object, const Template& wanted) {
 CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   return InSession("C_SetAttributeValue", hSession, [&](Session& session) -> CK_RV {
-    if (pTemplate == nullptr || ulCount == 0 || !IsTemplate(pTemplate, ulCount))
-      return CKR_ARGUMENTS_BAD;
     const Template wanted = {pTemplate, ulCount};
+    if (ulCount == 0 || !wanted.IsSound()) return CKR_ARGUMENTS_BAD;
     Slot& slot = *session.slot;
     Target target;
     {
@@ -114,31 +112,4 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
     result = SetOf(&change, *object, wanted);
     return result == CKR_OK ? CommitTokenChange(change) : result;
   });
-}
-
-// --- What there is nothing to do for -------------------------------------------------------------
-
-// There are no secret keys.
-CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
-                    CK_OBJECT_HANDLE_PTR) {
-  return InSession("C_GenerateKey", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
-CK_RV C_WrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE,
-                CK_BYTE_PTR, CK_ULONG_PTR) {
-  return InSession("C_WrapKey", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
-CK_RV C_UnwrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR,
-                  CK_ULONG, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
-  return InSession("C_UnwrapKey", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
-CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR,
-                  CK_ULONG, CK_OBJECT_HANDLE_PTR) {
-  return InSession("C_DeriveKey", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
 }

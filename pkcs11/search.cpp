@@ -28,10 +28,10 @@ Object* FindObject(const Slot& slot, CK_OBJECT_HANDLE handle) {
   return found != nullptr && IsVisible(slot, *found) ? found : nullptr;
 }
 
-static bool AddMatches(const Slot& slot, const List<Object*>& objects,
-                       const CK_ATTRIBUTE* attributes, CK_ULONG count, Search& search) {
+static bool AddMatches(const Slot& slot, const List<Object*>& objects, const Template& wanted,
+                       Search& search) {
   for (const Object* object : objects) {
-    if (!IsVisible(slot, *object) || !Matches(*object, attributes, count)) continue;
+    if (!IsVisible(slot, *object) || !wanted.Matches(*object)) continue;
     if (!search.found.Add(object->handle)) return false;
   }
   return true;
@@ -39,7 +39,8 @@ static bool AddMatches(const Slot& slot, const List<Object*>& objects,
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   return InSession("C_FindObjectsInit", hSession, [&](Session& session) -> CK_RV {
-    if (!IsTemplate(pTemplate, ulCount)) return CKR_ARGUMENTS_BAD;
+    const Template wanted = {pTemplate, ulCount};
+    if (!wanted.IsSound()) return CKR_ARGUMENTS_BAD;
     if (session.search != nullptr) return CKR_OPERATION_ACTIVE;
     Slot& slot = *session.slot;
     const CK_RV refreshed = Refresh(slot);
@@ -49,8 +50,8 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     if (search == nullptr) return CKR_HOST_MEMORY;
     session.search = search;
     const MutexLock lock(slot.state);
-    if (AddMatches(slot, slot.view->objects, pTemplate, ulCount, *search) &&
-        AddMatches(slot, slot.sessionObjects, pTemplate, ulCount, *search))
+    if (AddMatches(slot, slot.view->objects, wanted, *search) &&
+        AddMatches(slot, slot.sessionObjects, wanted, *search))
       return CKR_OK;
     EndSearch(session);
     return CKR_HOST_MEMORY;

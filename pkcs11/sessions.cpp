@@ -242,17 +242,6 @@ CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
   });
 }
 
-CK_RV C_GetOperationState(CK_SESSION_HANDLE hSession, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return InSession("C_GetOperationState", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
-CK_RV C_SetOperationState(CK_SESSION_HANDLE hSession, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE,
-                          CK_OBJECT_HANDLE) {
-  return InSession("C_SetOperationState", hSession,
-                   [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; });
-}
-
 CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE hSession) {
   return InSession("C_GetFunctionStatus", hSession,
                    [](Session&) -> CK_RV { return CKR_FUNCTION_NOT_PARALLEL; });

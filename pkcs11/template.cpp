@@ -8,43 +8,54 @@ using enum Form;
 
 static constexpr CK_ULONG MAX_VALUE_SIZE = 0xFFFFFF;
 
-bool IsTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
+bool Template::IsSound() const {
   if (attributes == nullptr) return count == 0;
   for (CK_ULONG i = 0; i < count; i++)
     if (attributes[i].pValue == nullptr && attributes[i].ulValueLen != 0) return false;
   return true;
 }
 
-const CK_ATTRIBUTE* FindIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type) {
+const CK_ATTRIBUTE* Template::Find(CK_ATTRIBUTE_TYPE type) const {
   for (CK_ULONG i = 0; i < count; i++)
     if (attributes[i].type == type) return &attributes[i];
   return nullptr;
 }
 
-bool NumberIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type,
-              CK_ULONG* number) {
-  const CK_ATTRIBUTE* const found = FindIn(attributes, count, type);
+bool Template::Number(CK_ATTRIBUTE_TYPE type, CK_ULONG* number) const {
+  const CK_ATTRIBUTE* const found = Find(type);
   if (found == nullptr || found->pValue == nullptr || found->ulValueLen != sizeof(*number))
     return false;
   memcpy(number, found->pValue, sizeof(*number));
   return true;
 }
 
-bool FlagIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type,
-            bool otherwise) {
-  const CK_ATTRIBUTE* const found = FindIn(attributes, count, type);
+bool Template::Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const {
+  const CK_ATTRIBUTE* const found = Find(type);
   if (found == nullptr || found->pValue == nullptr || found->ulValueLen != sizeof(CK_BBOOL))
     return otherwise;
   return *static_cast<const CK_BBOOL*>(found->pValue) != CK_FALSE;
 }
 
-Span BytesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ATTRIBUTE_TYPE type) {
-  const CK_ATTRIBUTE* const found = FindIn(attributes, count, type);
+Span Template::Get(CK_ATTRIBUTE_TYPE type) const {
+  const CK_ATTRIBUTE* const found = Find(type);
   if (found == nullptr || found->pValue == nullptr) return {};
   return {static_cast<const unsigned char*>(found->pValue), found->ulValueLen};
 }
 
-CK_RV CheckValue(const Attribute& attribute, const CK_ATTRIBUTE& value) {
+bool Template::Matches(const Object& object) const {
+  for (CK_ULONG i = 0; i < count; i++) {
+    const CK_ATTRIBUTE& wanted = attributes[i];
+    const Attribute* const attribute = FindOf(object, wanted.type);
+    if (attribute == nullptr || attribute->secret) return false;
+    Value value;
+    if (!GetValue(object, *attribute, value) ||
+        !IsSame(value.bytes, {static_cast<const unsigned char*>(wanted.pValue), wanted.ulValueLen}))
+      return false;
+  }
+  return true;
+}
+
+static CK_RV CheckValue(const Attribute& attribute, const CK_ATTRIBUTE& value) {
   bool good = value.ulValueLen <= MAX_VALUE_SIZE;
   if (attribute.form == FLAG) good = value.ulValueLen == sizeof(CK_BBOOL);
   if (attribute.form == NUMBER) good = value.ulValueLen == sizeof(CK_ULONG);
@@ -113,7 +124,7 @@ static CK_RV ApplyOne(Object& object, const CK_ATTRIBUTE& wanted, bool creation)
   return Store(object, *attribute, given) ? CKR_OK : CKR_HOST_MEMORY;
 }
 
-CK_RV ApplyTemplate(Object& object, const CK_ATTRIBUTE* attributes, CK_ULONG count, bool creation) {
+CK_RV Template::ApplyTo(Object& object, bool creation) const {
   for (CK_ULONG i = 0; i < count; i++) {
     if (creation && IsInput(object, attributes[i].type)) continue;
     const CK_RV applied = ApplyOne(object, attributes[i], creation);

@@ -1,6 +1,8 @@
-// The functions of operations that this library has no use for. Signatures with recovery exist for
-// RSA alone, and what they recover a verification tells as well; functions for two operations at
-// once save programs a call; those for messages (version 3.0) serve ciphers with secret keys.
+// The functions that this library has no use for. There are no secret keys to generate, wrap,
+// derive or digest. Signatures with recovery exist for RSA alone, and what they recover a
+// verification tells as well; functions for two operations at once save programs a call; those for
+// messages (version 3.0) serve ciphers with secret keys. Operations are not saved, users have no
+// names.
 #include "pkcs11/call.h"
 
 #define UNSUPPORTED(name, ...)                                                  \
@@ -8,6 +10,19 @@
     return InCall(#name, []() -> CK_RV { return CKR_FUNCTION_NOT_SUPPORTED; }); \
   }
 
+UNSUPPORTED(C_GetOperationState, CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR)
+UNSUPPORTED(C_SetOperationState, CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE,
+            CK_OBJECT_HANDLE)
+UNSUPPORTED(C_LoginUser, CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR_PTR, CK_ULONG,
+            CK_UTF8CHAR_PTR, CK_ULONG)
+UNSUPPORTED(C_GenerateKey, CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
+            CK_OBJECT_HANDLE_PTR)
+UNSUPPORTED(C_WrapKey, CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE,
+            CK_BYTE_PTR, CK_ULONG_PTR)
+UNSUPPORTED(C_UnwrapKey, CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR,
+            CK_ULONG, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR)
+UNSUPPORTED(C_DeriveKey, CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR,
+            CK_ULONG, CK_OBJECT_HANDLE_PTR)
 UNSUPPORTED(C_DigestKey, CK_SESSION_HANDLE, CK_OBJECT_HANDLE)
 UNSUPPORTED(C_SignRecoverInit, CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE)
 UNSUPPORTED(C_SignRecover, CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR)
