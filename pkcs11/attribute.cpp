@@ -56,6 +56,19 @@ static bool IsCopyable(const Object& object, Value& out) {
   return true;
 }
 
+// Of a token object its name, the same in every process.
+static bool UniqueId(const Object& object, Value& out) {
+  char text[2 * NAME_DIGEST_SIZE + 1];
+  if (object.IsToken()) {
+    for (size_t i = 0; i < NAME_DIGEST_SIZE; i++) snprintf(text + 2 * i, 3, "%02x", object.name[i]);
+  } else {
+    snprintf(text, sizeof text, "session-%lu", object.handle);
+  }
+  if (!out.made.Assign({reinterpret_cast<const unsigned char*>(text), strlen(text)})) return false;
+  out.bytes = out.made;
+  return true;
+}
+
 static bool Label(const Object& object, Value& out) {
   out.bytes = {reinterpret_cast<const unsigned char*>(object.label), strlen(object.label)};
   return true;
@@ -161,6 +174,7 @@ enum ClassBit : unsigned int { PRIV = 1, PUB = 2, CERT = 4, DATA = 8, RSA_ONLY =
 static constexpr unsigned int KEYS = PRIV | PUB;
 static constexpr unsigned int ALL = KEYS | CERT | DATA;
 
+static constexpr CK_ATTRIBUTE_TYPE UNIQUE_ID = 4;  // CKA_UNIQUE_ID of version 3.0
 static constexpr CK_ULONG UNKNOWN = CK_UNAVAILABLE_INFORMATION;
 
 using enum Change;
@@ -170,6 +184,7 @@ static constexpr Attribute ATTRIBUTES[] = {
     // Of every object
     {CKA_CLASS, ALL, NUMBER, NEVER, false, Class},
     {CKA_TOKEN, ALL, FLAG, NEVER, false, Token},
+    {UNIQUE_ID, ALL, BYTES, NEVER, false, UniqueId},
     {CKA_PRIVATE, PUB | CERT | DATA, FLAG, CREATION, false, Always<false>},
     {CKA_PRIVATE, PRIV, FLAG, TOLERATED, false, IsPrivateKey},
     {CKA_MODIFIABLE, ALL, FLAG, CREATION, false, Always<true>},

@@ -9,7 +9,7 @@ enum class Change {
   NEVER,      // it follows from the object; a template may name the value that it has
   CREATION,   // when the object is made
   LATER,      // then, and by C_SetAttributeValue
-  TOLERATED,  // at any time, to no effect: the object says what it is
+  TOLERATED,  // when the object is made, to no effect: it says what it is
 };
 
 enum class Form { FLAG, NUMBER, BYTES, DATE };

@@ -30,7 +30,8 @@ static CK_RV CreatePublicKey(Session& session, const Template& wanted, CK_OBJECT
 
 static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
   CK_ULONG type = 0;
-  if (!wanted.Number(CKA_CERTIFICATE_TYPE, &type)) return CKR_TEMPLATE_INCOMPLETE;
+  const CK_RV typed = wanted.Require(CKA_CERTIFICATE_TYPE, &type);
+  if (typed != CKR_OK) return typed;
   if (type != CKC_X_509) return CKR_ATTRIBUTE_VALUE_INVALID;
   const Span bytes = wanted.Get(CKA_VALUE);
   if (bytes.empty()) return CKR_TEMPLATE_INCOMPLETE;
@@ -74,7 +75,8 @@ static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HAND
 
 CK_RV CreateObject(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
   CK_ULONG cls = 0;
-  if (!wanted.Number(CKA_CLASS, &cls)) return CKR_TEMPLATE_INCOMPLETE;
+  const CK_RV named = wanted.Require(CKA_CLASS, &cls);
+  if (named != CKR_OK) return named;
   const bool isPrivate = wanted.Flag(CKA_PRIVATE, cls == CKO_PRIVATE_KEY) || cls == CKO_PRIVATE_KEY;
   const CK_RV may = CheckMayMake(session, wanted.IsToken(), isPrivate);
   if (may != CKR_OK) return may;

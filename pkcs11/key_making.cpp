@@ -19,14 +19,23 @@ static int UsableCurve(Span parameters) {
 
 static KeyKind KindOf(int curve) { return curve == CURVE_SM2 ? KeyKind::KEY_SM2 : KeyKind::KEY_EC; }
 
+// Odd, above 1, 8 bytes at most; empty for the usual one. OpenSSL searches for ever for a key with
+// an even one.
+static bool IsExponent(Span bytes) {
+  unsigned long value = bytes.empty() ? 65537 : 0;
+  for (const unsigned char byte : bytes) value = value << 8 | byte;
+  return bytes.size() <= 8 && (value & 1) != 0 && value > 1;
+}
+
 CK_RV ReadRequest(const Mechanism& mechanism, const Template& wanted, KeyRequest& request) {
   request.kind = mechanism.key;
   const Span parameters = wanted.Get(CKA_EC_PARAMS);
   if (mechanism.key == KeyKind::KEY_RSA) {
-    if (!wanted.Number(CKA_MODULUS_BITS, &request.bits)) return CKR_TEMPLATE_INCOMPLETE;
+    const CK_RV sized = wanted.Require(CKA_MODULUS_BITS, &request.bits);
+    if (sized != CKR_OK) return sized;
     if (request.bits < MIN_RSA_BITS || request.bits > MAX_RSA_BITS) return CKR_KEY_SIZE_RANGE;
     request.exponent = wanted.Get(CKA_PUBLIC_EXPONENT);
-    return request.exponent.size() <= 8 ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
+    return IsExponent(request.exponent) ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
   }
   // A key for SM2 may also be asked for as an EC key on its curve.
   if (mechanism.key == KeyKind::KEY_SM2 && parameters.empty()) return CKR_OK;
@@ -46,8 +55,6 @@ CK_RV MakeKeypair(const KeyRequest& request, OwnedKeypair& made) {
     if (!request.exponent.empty()) {
       parameters.exponent = request.exponent.data();
       parameters.exponentLen = static_cast<int>(request.exponent.size());
-      // OpenSSL searches for ever for a key with an even exponent.
-      if ((request.exponent.back() & 1) == 0) return CKR_ATTRIBUTE_VALUE_INVALID;
     }
     result = GenerateTempRSAKeypair(static_cast<unsigned int>(request.bits), &parameters, 1, &raw);
   } else {
@@ -164,7 +171,8 @@ static CK_RV ImportEc(const Template& wanted, OwnedKeypair& made) {
 
 static CK_RV KeyTypeIn(const Template& wanted, bool& isRsa) {
   CK_ULONG type = 0;
-  if (!wanted.Number(CKA_KEY_TYPE, &type)) return CKR_TEMPLATE_INCOMPLETE;
+  const CK_RV given = wanted.Require(CKA_KEY_TYPE, &type);
+  if (given != CKR_OK) return given;
   isRsa = type == CKK_RSA;
   return isRsa || type == CKK_EC || type == SM2KeyType() ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
 }
@@ -187,13 +195,9 @@ CK_RV ReadPublicKey(const Template& wanted, Buffer& encoding) {
     return EncodeRsaPublicKey(modulus, exponent, encoding) ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
   }
   const Span parameters = wanted.Get(CKA_EC_PARAMS);
-  Span point = wanted.Get(CKA_EC_POINT);
+  const Span point = wanted.Get(CKA_EC_POINT);
   if (parameters.empty() || point.empty()) return CKR_TEMPLATE_INCOMPLETE;
   const int curve = CurveOf(parameters);
   if (curve == 0) return CKR_CURVE_NOT_SUPPORTED;
-  // A DER OCTET STRING; some programs leave the header out.
-  DerElement element;
-  Span rest = point;
-  if (TakeTagged(rest, DER_OCTET_STRING, element) && rest.empty()) point = element.content;
   return EncodeEcPublicKey(curve, point, encoding) ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
 }

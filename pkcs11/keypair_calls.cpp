@@ -26,9 +26,11 @@ static bool MarkMade(Object& object, CK_MECHANISM_TYPE mechanism) {
   return marked;
 }
 
-ObjectKey* KeyOfKeypair(Keypair* keypair) {
-  return NewObjectKey({keypair->publicKey, static_cast<size_t>(keypair->publicKeyLen)}, keypair);
+static Span PublicKeyOf(const Keypair* keypair) {
+  return {keypair->publicKey, static_cast<size_t>(keypair->publicKeyLen)};
 }
+
+ObjectKey* KeyOfKeypair(Keypair* keypair) { return NewObjectKey(PublicKeyOf(keypair), keypair); }
 
 CK_RV MakeSessionKey(Session& session, CK_OBJECT_CLASS cls, ObjectKey* key, const Template& wanted,
                      const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE* handle) {
@@ -100,6 +102,15 @@ CK_RV StorePublicKey(Session& session, Span encoding, const Template& wanted,
   return result == CKR_OK ? named.Handle(change.slot, handle) : result;
 }
 
+// A type that a template names has to be the mechanism's; SM2 keys may be called EC keys.
+static bool IsOfType(const Template& wanted, KeyKind kind) {
+  CK_ULONG type = 0;
+  if (wanted.Find(CKA_KEY_TYPE) == nullptr) return true;
+  if (!wanted.Number(CKA_KEY_TYPE, &type)) return false;
+  if (kind == KeyKind::KEY_RSA) return type == CKK_RSA;
+  return type == CKK_EC || (kind == KeyKind::KEY_SM2 && type == SM2KeyType());
+}
+
 static CK_RV Generate(Session& session, const CK_MECHANISM& mechanism, const Template& publicKey,
                       const Template& privateKey, CK_OBJECT_HANDLE* publicHandle,
                       CK_OBJECT_HANDLE* privateHandle) {
@@ -109,35 +120,43 @@ static CK_RV Generate(Session& session, const CK_MECHANISM& mechanism, const Tem
   KeyRequest request;
   CK_RV result = ReadRequest(*row, publicKey, request);
   if (result != CKR_OK) return result;
+  if (!IsOfType(publicKey, request.kind) || !IsOfType(privateKey, request.kind))
+    return CKR_TEMPLATE_INCONSISTENT;
   const bool storesPublic = publicKey.IsToken(), storesPrivate = privateKey.IsToken();
   result = CheckMayMake(session, storesPublic || storesPrivate, true);
   if (result != CKR_OK) return result;
   OwnedKeypair keypair;
   result = MakeKeypair(request, keypair);
   if (result != CKR_OK) return result;
-  if (storesPrivate) {
-    Buffer encoding;
-    if (!encoding.Assign({keypair->publicKey, static_cast<size_t>(keypair->publicKeyLen)}))
-      return CKR_HOST_MEMORY;
-    result = StoreMadeKeypair(session, std::move(keypair), {}, privateKey, publicKey, &mechanism,
-                              privateHandle, storesPublic ? publicHandle : nullptr);
-    if (result != CKR_OK || storesPublic) return result;
-    KeyUse key;
-    key.Reset(NewObjectKey(encoding, nullptr));
-    return key ? MakeSessionKey(session, CKO_PUBLIC_KEY, static_cast<ObjectKey*>(key.key),
-                                publicKey, &mechanism, publicHandle)
-               : CKR_HOST_MEMORY;
+  if (storesPublic && storesPrivate)
+    return StoreMadeKeypair(session, std::move(keypair), {}, privateKey, publicKey, &mechanism,
+                            privateHandle, publicHandle);
+  // The session's half comes first, for it can be taken back.
+  KeyUse use;
+  use.Reset(storesPrivate ? NewObjectKey(PublicKeyOf(keypair.get()), nullptr)
+                          : KeyOfKeypair(keypair.release()));
+  if (!use) return CKR_HOST_MEMORY;
+  auto* const key = static_cast<ObjectKey*>(use.key);
+  CK_OBJECT_HANDLE made = CK_INVALID_HANDLE;
+  if (storesPublic) {
+    result = MakeSessionKey(session, CKO_PRIVATE_KEY, key, privateKey, &mechanism, &made);
+    *privateHandle = made;
+    if (result == CKR_OK)
+      result = StorePublicKey(session, key->encoding, publicKey, &mechanism, publicHandle);
+  } else {
+    result = MakeSessionKey(session, CKO_PUBLIC_KEY, key, publicKey, &mechanism, &made);
+    *publicHandle = made;
+    if (result == CKR_OK)
+      result = storesPrivate ? StoreMadeKeypair(session, std::move(keypair), {}, privateKey,
+                                                publicKey, &mechanism, privateHandle, nullptr)
+                             : MakeSessionKey(session, CKO_PRIVATE_KEY, key, privateKey, &mechanism,
+                                              privateHandle);
   }
-  KeyUse key;
-  key.Reset(KeyOfKeypair(keypair.release()));
-  if (!key) return CKR_HOST_MEMORY;
-  auto* const objectKey = static_cast<ObjectKey*>(key.key);
-  result =
-      storesPublic
-          ? StorePublicKey(session, objectKey->encoding, publicKey, &mechanism, publicHandle)
-          : MakeSessionKey(session, CKO_PUBLIC_KEY, objectKey, publicKey, &mechanism, publicHandle);
-  if (result != CKR_OK) return result;
-  return MakeSessionKey(session, CKO_PRIVATE_KEY, objectKey, privateKey, &mechanism, privateHandle);
+  if (result != CKR_OK) {
+    const MutexLock lock(session.slot->state);
+    DeleteSessionObject(*session.slot, made);
+  }
+  return result;
 }
 
 // A class that a template names has to be the one that it is for.

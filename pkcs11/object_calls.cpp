@@ -51,12 +51,7 @@ CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
       const MutexLock lock(slot.state);
       const CK_RV found = FindTarget(session, hObject, CKA_DESTROYABLE, target);
       if (found != CKR_OK) return found;
-      for (size_t i = 0; !target.isToken && i < slot.sessionObjects.count; i++) {
-        if (slot.sessionObjects[i]->handle != hObject) continue;
-        Delete(slot.sessionObjects[i]);
-        slot.sessionObjects.RemoveAt(i);
-        return CKR_OK;
-      }
+      if (!target.isToken) return DeleteSessionObject(slot, hObject), CKR_OK;
     }
     TokenChange change(slot);
     CK_RV result = BeginTokenChange(change);

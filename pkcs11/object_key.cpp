@@ -9,18 +9,19 @@
 namespace {
 struct Curve {
   int curve;
-  unsigned char size;
+  int bits;
+  unsigned char size;  // of the OID
   unsigned char oid[12];
 };
 }  // namespace
 
 static constexpr Curve CURVES[] = {
-    {CURVE_P192, 10, {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x01}},
-    {CURVE_P224, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x21}},
-    {CURVE_P256, 10, {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07}},
-    {CURVE_P384, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x22}},
-    {CURVE_P521, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x23}},
-    {CURVE_SM2, 10, {0x06, 0x08, 0x2a, 0x81, 0x1c, 0xcf, 0x55, 0x01, 0x82, 0x2d}},
+    {CURVE_P192, 192, 10, {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x01}},
+    {CURVE_P224, 224, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x21}},
+    {CURVE_P256, 256, 10, {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07}},
+    {CURVE_P384, 384, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x22}},
+    {CURVE_P521, 521, 7, {0x06, 0x05, 0x2b, 0x81, 0x04, 0x00, 0x23}},
+    {CURVE_SM2, 256, 10, {0x06, 0x08, 0x2a, 0x81, 0x1c, 0xcf, 0x55, 0x01, 0x82, 0x2d}},
 };
 
 int CurveOf(Span oid) {
@@ -29,11 +30,13 @@ int CurveOf(Span oid) {
   return 0;
 }
 
-Span OidOf(int id) {
+static const Curve* FindCurve(int id) {
   for (const Curve& curve : CURVES)
-    if (curve.curve == id) return {curve.oid, curve.size};
-  return {};
+    if (curve.curve == id) return &curve;
+  return nullptr;
 }
+
+static size_t FieldSize(const Curve& curve) { return static_cast<size_t>((curve.bits + 7) / 8); }
 
 static constexpr unsigned char RSA_ALGORITHM[] = {0x30, 0x0d, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86,
                                                   0xf7, 0x0d, 0x01, 0x01, 0x01, 0x05, 0x00};
@@ -86,12 +89,12 @@ static bool FillEc(ObjectKey& key, Span encoding) {
                                     &rawX, &xLen, &rawY, &yLen) != 1)
     return false;
   const LibBytes x(rawX), y(rawY);
-  const Span oid = OidOf(key.curve);
-  if (oid.empty()) return false;
+  const Curve* const curve = FindCurve(key.curve);
+  if (curve == nullptr) return false;
+  const Span oid(curve->oid, curve->size);
   key.kind = key.curve == CURVE_SM2 ? KeyKind::KEY_SM2 : KeyKind::KEY_EC;
-  static constexpr int BITS[] = {0, 192, 224, 256, 384, 521, 0, 256};
-  key.bits = BITS[key.curve];
-  const auto size = static_cast<size_t>((key.bits + 7) / 8);
+  key.bits = curve->bits;
+  const size_t size = FieldSize(*curve);
   Buffer point, algorithm, both;
   static constexpr unsigned char UNCOMPRESSED[] = {4};
   if (!point.Append(UNCOMPRESSED) || !AppendCoordinate(point, rawX, xLen, size) ||
@@ -154,8 +157,15 @@ bool EncodeRsaPublicKey(Span modulus, Span exponent, Buffer& encoding) {
 }
 
 bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding) {
-  if (point.size() < 3 || point.size() % 2 != 1 || point[0] != 4) return false;
-  const int size = static_cast<int>(point.size() / 2);
+  const Curve* const known = FindCurve(curve);
+  if (known == nullptr) return false;
+  const int size = static_cast<int>(FieldSize(*known));
+  const size_t pointSize = 1 + 2 * FieldSize(*known);
+  // Told apart by the size: a point without a header may begin like one.
+  DerElement element;
+  if (point.size() != pointSize && TakeTagged(point, DER_OCTET_STRING, element) && point.empty())
+    point = element.content;
+  if (point.size() != pointSize || point[0] != 4) return false;
   unsigned char* made = nullptr;
   int length = 0;
   if (VakroPKICryptoEncodeECCPubKey(curve, point.data() + 1, size, point.data() + 1 + size, size,

@@ -24,12 +24,12 @@ ObjectKey* NewObjectKey(Span encoding, Keypair* keypair);
 // KeyIdOf gives the id of the key in a certificate: the same that a key object of it has.
 void KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]);
 
-// The crypto library's public-key encoding of RSA numbers, or of a point (04 x y) on a curve.
+// The crypto library's public-key encoding of RSA numbers, or of a point on a curve: 04 x y, in a
+// DER OCTET STRING or, as some programs give it, without.
 bool EncodeRsaPublicKey(Span modulus, Span exponent, Buffer& encoding);
 bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding);
 
-// The curve of an OID in DER, and the other way round; 0 or empty for one that is not known.
+// The curve of an OID in DER; 0 for one that is not known.
 int CurveOf(Span oid);
-Span OidOf(int id);
 
 #endif

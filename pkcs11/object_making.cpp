@@ -27,6 +27,15 @@ CK_RV AddSessionObject(Session& session, Object* object, CK_OBJECT_HANDLE* handl
   return CKR_HOST_MEMORY;
 }
 
+void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle) {
+  for (size_t i = 0; i < slot.sessionObjects.count; i++) {
+    Object* const object = slot.sessionObjects[i];
+    if (object->handle != handle) continue;
+    slot.sessionObjects.RemoveAt(i);
+    return Delete(object);
+  }
+}
+
 Named::Named(TokenChange& change, const Object& object) {
   NameObjects(change.view);
   memcpy(name, object.name, sizeof name);

@@ -17,6 +17,9 @@ using OwnedObject = std::unique_ptr<Object, Release<Delete<Object>>>;
 // failure.
 CK_RV AddSessionObject(Session& session, Object* object, CK_OBJECT_HANDLE* handle);
 
+// DeleteSessionObject does nothing where there is none. Caller holds `state`.
+void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle);
+
 // An object of a change, to be found again when the change is done.
 struct Named {
   unsigned char name[NAME_DIGEST_SIZE];

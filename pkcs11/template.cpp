@@ -8,6 +8,10 @@ using enum Form;
 
 static constexpr CK_ULONG MAX_VALUE_SIZE = 0xFFFFFF;
 
+static Span BytesOf(const CK_ATTRIBUTE& attribute) {
+  return {static_cast<const unsigned char*>(attribute.pValue), attribute.ulValueLen};
+}
+
 bool Template::IsSound() const {
   if (attributes == nullptr) return count == 0;
   for (CK_ULONG i = 0; i < count; i++)
@@ -29,6 +33,11 @@ bool Template::Number(CK_ATTRIBUTE_TYPE type, CK_ULONG* number) const {
   return true;
 }
 
+CK_RV Template::Require(CK_ATTRIBUTE_TYPE type, CK_ULONG* number) const {
+  if (Find(type) == nullptr) return CKR_TEMPLATE_INCOMPLETE;
+  return Number(type, number) ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
+}
+
 bool Template::Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const {
   const CK_ATTRIBUTE* const found = Find(type);
   if (found == nullptr || found->pValue == nullptr || found->ulValueLen != sizeof(CK_BBOOL))
@@ -38,8 +47,7 @@ bool Template::Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const {
 
 Span Template::Get(CK_ATTRIBUTE_TYPE type) const {
   const CK_ATTRIBUTE* const found = Find(type);
-  if (found == nullptr || found->pValue == nullptr) return {};
-  return {static_cast<const unsigned char*>(found->pValue), found->ulValueLen};
+  return found == nullptr || found->pValue == nullptr ? Span() : BytesOf(*found);
 }
 
 bool Template::Matches(const Object& object) const {
@@ -48,9 +56,7 @@ bool Template::Matches(const Object& object) const {
     const Attribute* const attribute = FindOf(object, wanted.type);
     if (attribute == nullptr || attribute->secret) return false;
     Value value;
-    if (!GetValue(object, *attribute, value) ||
-        !IsSame(value.bytes, {static_cast<const unsigned char*>(wanted.pValue), wanted.ulValueLen}))
-      return false;
+    if (!GetValue(object, *attribute, value) || !IsSame(value.bytes, BytesOf(wanted))) return false;
   }
   return true;
 }
@@ -66,7 +72,7 @@ static CK_RV CheckValue(const Attribute& attribute, const CK_ATTRIBUTE& value) {
 }
 
 // What an object is made from, and its maker has read.
-static bool IsInput(const Object& object, CK_ATTRIBUTE_TYPE type) {
+static bool IsInput(CK_ATTRIBUTE_TYPE type) {
   switch (type) {
     case CKA_CLASS:
     case CKA_TOKEN:
@@ -78,14 +84,13 @@ static bool IsInput(const Object& object, CK_ATTRIBUTE_TYPE type) {
     case CKA_EC_POINT:
     case CKA_MODULUS:
     case CKA_PUBLIC_EXPONENT:
-      return true;
     case CKA_PRIVATE_EXPONENT:
     case CKA_PRIME_1:
     case CKA_PRIME_2:
     case CKA_EXPONENT_1:
     case CKA_EXPONENT_2:
     case CKA_COEFFICIENT:
-      return object.cls == CKO_PRIVATE_KEY;
+      return true;
     default:
       return false;
   }
@@ -111,22 +116,24 @@ static CK_RV ApplyOne(Object& object, const CK_ATTRIBUTE& wanted, bool creation)
   }
   const CK_RV checked = CheckValue(*attribute, wanted);
   if (checked != CKR_OK) return checked;
-  const Span given(static_cast<const unsigned char*>(wanted.pValue), wanted.ulValueLen);
+  if (creation && IsInput(wanted.type)) return CKR_OK;
+  const Span given = BytesOf(wanted);
   Value present;
   const bool isSo =
       !attribute->secret && GetValue(object, *attribute, present) && IsSame(present.bytes, given);
-  if (isSo || attribute->change == TOLERATED) return CKR_OK;
-  if (attribute->change == NEVER || (attribute->change == CREATION && !creation)) {
+  if (isSo || (attribute->change == TOLERATED && creation)) return CKR_OK;
+  if (attribute->change == NEVER || (attribute->change != LATER && !creation)) {
     LogReason("attribute 0x%lx can't be set", wanted.type);
-    return creation && attribute->type != CKA_TRUSTED ? CKR_TEMPLATE_INCONSISTENT
-                                                      : CKR_ATTRIBUTE_READ_ONLY;
+    return CKR_ATTRIBUTE_READ_ONLY;
   }
   return Store(object, *attribute, given) ? CKR_OK : CKR_HOST_MEMORY;
 }
 
 CK_RV Template::ApplyTo(Object& object, bool creation) const {
   for (CK_ULONG i = 0; i < count; i++) {
-    if (creation && IsInput(object, attributes[i].type)) continue;
+    const CK_ATTRIBUTE* const before = Template{attributes, i}.Find(attributes[i].type);
+    if (before != nullptr && !IsSame(BytesOf(*before), BytesOf(attributes[i])))
+      return CKR_TEMPLATE_INCONSISTENT;
     const CK_RV applied = ApplyOne(object, attributes[i], creation);
     if (applied != CKR_OK) return applied;
   }

@@ -13,6 +13,7 @@ struct Template {
   bool IsSound() const;  // no NULL where there should be bytes
   const CK_ATTRIBUTE* Find(CK_ATTRIBUTE_TYPE type) const;
   bool Number(CK_ATTRIBUTE_TYPE type, CK_ULONG* number) const;
+  CK_RV Require(CK_ATTRIBUTE_TYPE type, CK_ULONG* number) const;  // says what is wrong with it
   bool Flag(CK_ATTRIBUTE_TYPE type, bool otherwise) const;
   Span Get(CK_ATTRIBUTE_TYPE type) const;
   bool IsToken() const { return Flag(CKA_TOKEN, false); }
