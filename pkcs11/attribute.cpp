@@ -2,8 +2,8 @@
 #include "pkcs11/attribute.h"
 
 #include "core/secret.h"
+#include "pkcs11/digest.h"
 
-#include <openssl/sha.h>
 #include <openssl/x509v3.h>
 
 void Value::Set(bool flag) {
@@ -143,8 +143,7 @@ static bool Category(const Object& object, Value& out) {
 // The first three bytes of the SHA-1 of the certificate.
 static bool CheckValueOf(const Object& object, Value& out) {
   unsigned char digest[SHA_DIGEST_LENGTH];
-  SHA1(object.certificate.items, object.certificate.count, digest);
-  if (!out.made.Assign(Span(digest, 3))) return false;
+  if (!Sha1(object.certificate, digest) || !out.made.Assign(Span(digest, 3))) return false;
   out.bytes = out.made;
   return true;
 }

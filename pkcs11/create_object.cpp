@@ -47,10 +47,7 @@ static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJE
   Object* made = nullptr;
   if (result == CKR_OK) result = PutInCertificate(change, bytes, &made);
   if (result == CKR_OK) result = wanted.ApplyTo(*made);
-  if (result != CKR_OK) return result;
-  const Named named(change, *made);
-  result = CommitTokenChange(change);
-  return result == CKR_OK ? named.Handle(change.slot, handle) : result;
+  return result == CKR_OK ? CommitMade(change, {made, handle}) : result;
 }
 
 static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {
@@ -67,10 +64,7 @@ static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HAND
   Object* made = nullptr;
   if (result == CKR_OK) result = PutInData(change, value, wanted.Flag(CKA_PRIVATE, false), &made);
   if (result == CKR_OK) result = wanted.ApplyTo(*made);
-  if (result != CKR_OK) return result;
-  const Named named(change, *made);
-  result = CommitTokenChange(change);
-  return result == CKR_OK ? named.Handle(change.slot, handle) : result;
+  return result == CKR_OK ? CommitMade(change, {made, handle}) : result;
 }
 
 CK_RV CreateObject(Session& session, const Template& wanted, CK_OBJECT_HANDLE* handle) {

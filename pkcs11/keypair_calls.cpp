@@ -65,12 +65,7 @@ CK_RV StoreMadeKeypair(Session& session, OwnedKeypair keypair, Span inherited,
   if (result == CKR_OK && mechanism != nullptr && publicHandle == nullptr)
     result = pub->set.SetFlag(HIDDEN, true) ? CKR_OK : CKR_HOST_MEMORY;
   if (result != CKR_OK) return result;
-  const Named namedPrivate(change, *priv), namedPublic(change, *pub);
-  result = CommitTokenChange(change);
-  if (result == CKR_OK) result = namedPrivate.Handle(change.slot, privateHandle);
-  if (result == CKR_OK && publicHandle != nullptr)
-    result = namedPublic.Handle(change.slot, publicHandle);
-  return result;
+  return CommitMade(change, {priv, privateHandle}, {pub, publicHandle});
 }
 
 CK_RV StorePublicKey(Session& session, Span encoding, const Template& wanted,
@@ -96,10 +91,7 @@ CK_RV StorePublicKey(Session& session, Span encoding, const Template& wanted,
   }
   if (mechanism != nullptr && !MarkMade(*object, mechanism->mechanism)) return CKR_HOST_MEMORY;
   result = wanted.ApplyTo(*object);
-  if (result != CKR_OK) return result;
-  const Named named(change, *object);
-  result = CommitTokenChange(change);
-  return result == CKR_OK ? named.Handle(change.slot, handle) : result;
+  return result == CKR_OK ? CommitMade(change, {object, handle}) : result;
 }
 
 // A type that a template names has to be the mechanism's; SM2 keys may be called EC keys.

@@ -219,6 +219,7 @@ static CK_RV InitDevice(Slot& slot, const char* label, const Pin& pin) {
   if (verified != VAKRO_OK) return CKR_FUNCTION_FAILED;
   View view;
   if (LoadTokenView(device, slot.view, view) != 1) return CKR_HOST_MEMORY;
+  if (SeesLess(view, *slot.view)) return CKR_DEVICE_ERROR;
   view.hasSoPin = true;
   const CK_RV marked = StoreTable(device, view);
   if (marked != CKR_OK) return marked;

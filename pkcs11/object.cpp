@@ -1,7 +1,7 @@
 // Objects made from keys, certificates and data, and named; what is set of them.
 #include "pkcs11/object.h"
 
-#include <openssl/sha.h>
+#include "pkcs11/digest.h"
 
 // --- Attributes that are set ---------------------------------------------------------------------
 
@@ -91,10 +91,9 @@ Object* NewCertificateObject(Span certificate) {
   if (object == nullptr) return nullptr;
   object->cls = CKO_CERTIFICATE;
   if (object->certificate.Append(certificate) &&
-      ParseCertificate(object->certificate, object->parsed)) {
-    KeyIdOf(object->parsed, object->keyId);
+      ParseCertificate(object->certificate, object->parsed) &&
+      KeyIdOf(object->parsed, object->keyId))
     return object;
-  }
   Delete(object);
   return nullptr;
 }
@@ -154,9 +153,7 @@ static bool MakeName(Object& object, unsigned int ordinal) {
   int2be(static_cast<unsigned int>(object.number), words + 4);
   int2be(ordinal, words + 8);
   Buffer text;
-  if (!text.Append(words) || !text.Append(WhatItIs(object))) return false;
-  SHA256(text.begin(), text.count, object.name);
-  return true;
+  return text.Append(words) && text.Append(WhatItIs(object)) && Sha256(text, object.name);
 }
 
 Object* FindNamed(const View& view, const unsigned char (&name)[NAME_DIGEST_SIZE]) {

@@ -3,8 +3,7 @@
 
 #include "core/openssl_owners.h"
 #include "keypair/keypair.h"
-
-#include <openssl/sha.h>
+#include "pkcs11/digest.h"
 
 namespace {
 struct Curve {
@@ -50,10 +49,6 @@ static bool MakePublicKeyInfo(Span algorithm, Span key, Buffer& info) {
          AppendElement(both, DER_BIT_STRING, bits) && AppendElement(info, DER_SEQUENCE, both);
 }
 
-static void Sha1(Span bytes, unsigned char (&digest)[20]) {
-  SHA1(bytes.data(), bytes.size(), digest);
-}
-
 static bool FillRsa(ObjectKey& key, Span encoding) {
   unsigned char *rawModulus = nullptr, *rawExponent = nullptr;
   int modulusLen = 0, exponentLen = 0;
@@ -68,8 +63,7 @@ static bool FillRsa(ObjectKey& key, Span encoding) {
     return false;
   for (unsigned int top = key.modulus[0]; top != 0; top >>= 1) key.bits++;
   key.bits += 8 * (modulusLen - 1);
-  Sha1(key.modulus, key.id);
-  return true;
+  return Sha1(key.modulus, key.id);
 }
 
 // A coordinate may come with fewer bytes than the field has; they go to the right end.
@@ -100,8 +94,7 @@ static bool FillEc(ObjectKey& key, Span encoding) {
   if (!point.Append(UNCOMPRESSED) || !AppendCoordinate(point, rawX, xLen, size) ||
       !AppendCoordinate(point, rawY, yLen, size))
     return false;
-  Sha1(point, key.id);
-  return both.Append(EC_ALGORITHM) && both.Append(oid) &&
+  return Sha1(point, key.id) && both.Append(EC_ALGORITHM) && both.Append(oid) &&
          AppendElement(algorithm, DER_SEQUENCE, both) &&
          MakePublicKeyInfo(algorithm, point, key.publicKeyInfo) && key.curveOid.Append(oid) &&
          AppendElement(key.point, DER_OCTET_STRING, point);
@@ -175,7 +168,7 @@ bool EncodeEcPublicKey(int curve, Span point, Buffer& encoding) {
   return encoding.Assign({made, static_cast<size_t>(length)});
 }
 
-void KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]) {
+bool KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]) {
   Span rest = parts.publicKeyInfo, key = parts.publicKey;
   DerElement outer, algorithm, numbers, modulus;
   const bool isRsa = TakeElement(rest, outer) &&
@@ -187,5 +180,5 @@ void KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]) {
     while (!bytes.empty() && bytes[0] == 0) bytes = bytes.subspan(1);
     return Sha1(bytes, id);
   }
-  Sha1(parts.publicKey, id);
+  return Sha1(parts.publicKey, id);
 }

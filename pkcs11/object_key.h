@@ -21,8 +21,9 @@ struct ObjectKey : Key {
 // encoding is not one.
 ObjectKey* NewObjectKey(Span encoding, Keypair* keypair);
 
-// KeyIdOf gives the id of the key in a certificate: the same that a key object of it has.
-void KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]);
+// KeyIdOf gives the id of the key in a certificate: the same that a key object of it has. False
+// when memory is out.
+bool KeyIdOf(const CertificateParts& parts, unsigned char (&id)[20]);
 
 // The crypto library's public-key encoding of RSA numbers, or of a point on a curve: 04 x y, in a
 // DER OCTET STRING or, as some programs give it, without.

@@ -36,14 +36,20 @@ void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle) {
   }
 }
 
-Named::Named(TokenChange& change, const Object& object) {
-  NameObjects(change.view);
-  memcpy(name, object.name, sizeof name);
-}
-
-CK_RV Named::Handle(const Slot& slot, CK_OBJECT_HANDLE* handle) const {
-  const Object* const object = FindNamed(*slot.view, name);
-  if (object == nullptr) return CKR_FUNCTION_FAILED;
-  *handle = object->handle;
+// The objects of the change are not those of the slot; they have the same names.
+CK_RV CommitMade(TokenChange& change, Made one, Made other) {
+  if (!NameObjects(change.view)) return CKR_HOST_MEMORY;
+  const Made made[] = {one, other};
+  unsigned char names[2][NAME_DIGEST_SIZE] = {};
+  for (size_t i = 0; i < 2; i++)
+    if (made[i].handle != nullptr) memcpy(names[i], made[i].object->name, NAME_DIGEST_SIZE);
+  const CK_RV committed = CommitTokenChange(change);
+  if (committed != CKR_OK) return committed;
+  for (size_t i = 0; i < 2; i++) {
+    if (made[i].handle == nullptr) continue;
+    const Object* const found = FindNamed(*change.slot.view, names[i]);
+    if (found == nullptr) return CKR_FUNCTION_FAILED;
+    *made[i].handle = found->handle;
+  }
   return CKR_OK;
 }

@@ -20,12 +20,13 @@ CK_RV AddSessionObject(Session& session, Object* object, CK_OBJECT_HANDLE* handl
 // DeleteSessionObject does nothing where there is none. Caller holds `state`.
 void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle);
 
-// An object of a change, to be found again when the change is done.
-struct Named {
-  unsigned char name[NAME_DIGEST_SIZE];
-  Named(TokenChange& change, const Object& object);
-  CK_RV Handle(const Slot& slot, CK_OBJECT_HANDLE* handle) const;
+// CommitMade is CommitTokenChange for a change that makes objects, two at most, and hands out their
+// handles; to NULL none.
+struct Made {
+  const Object* object;
+  CK_OBJECT_HANDLE* handle;
 };
+CK_RV CommitMade(TokenChange& change, Made one, Made other = {});
 
 // --- Keys (keypair_calls.cpp) --------------------------------------------------------------------
 // `mechanism` is what the key was made by; NULL: it was made elsewhere.

@@ -5,9 +5,8 @@
 #include "device/change.h"
 #include "device/device.h"
 #include "pkcs11/call.h"
+#include "pkcs11/digest.h"
 #include "pkcs11/module.h"
-
-#include <openssl/sha.h>
 
 #include <errno.h>
 #include <stdlib.h>
@@ -62,10 +61,10 @@ Slot* FindSlot(CK_SLOT_ID id) {
 
 // The id of a device's slot comes from its serial number, so that every process finds the same.
 // Where two have the same, the later one takes the next that is free. Below 2^31: some programs
-// read ids into an int. Caller holds the list.
+// read ids into an int. FREE_SLOT when memory is out. Caller holds the list.
 static CK_SLOT_ID NewSlotId(const char* serialNumber) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(serialNumber), strlen(serialNumber), digest);
+  if (!Sha256(BytesOf(serialNumber), digest)) return FREE_SLOT;
   CK_SLOT_ID id = be2int(digest) & 0x7FFFFFFF;
   for (size_t i = 0; i < g_slots->count; i++) {
     if (id == FREE_SLOT || (*g_slots)[i]->id == id) {
@@ -180,7 +179,7 @@ static int BySerialNumber(const void* a, const void* b) {
 static CK_RV AddToList(Slot* slot) {
   const MutexLock lock(g_listMutex);
   slot->id = NewSlotId(slot->device->serialNumber);
-  return g_slots->Add(slot) ? CKR_OK : CKR_HOST_MEMORY;
+  return slot->id != FREE_SLOT && g_slots->Add(slot) ? CKR_OK : CKR_HOST_MEMORY;
 }
 
 static bool HasFolderChanged(Stamp& now) {

@@ -7,9 +7,8 @@
 // stored.
 #include "pkcs11/table.h"
 
+#include "pkcs11/digest.h"
 #include "pkcs11/schemes.h"
-
-#include <openssl/sha.h>
 
 static constexpr unsigned char TABLE_HEAD[] = {'V', 'K', 'T', 'B', 0, 0, 0, 1};
 
@@ -220,7 +219,7 @@ static bool AppendExtensions(Buffer& to, Span table) {
 
 static bool MakeToBeSigned(const ObjectKey& key, Span table, Buffer& out) {
   unsigned char serial[32];
-  SHA256(table.data(), table.size(), serial);
+  if (!Sha256(table, serial)) return false;
   serial[0] = 0x40 | (serial[0] & 0x3f);  // positive, and in its shortest form
   Buffer parts;
   return parts.Append(VERSION_3) && AppendElement(parts, DER_INTEGER, Span(serial, 8)) &&

@@ -6,11 +6,10 @@
 #include "device/device.h"
 #include "keypair/keypair.h"
 #include "pkcs11/call.h"
+#include "pkcs11/digest.h"
 #include "pkcs11/module.h"
 #include "pkcs11/slot.h"
 #include "pkcs11/view.h"
-
-#include <openssl/sha.h>
 
 #include <errno.h>
 #include <fcntl.h>
@@ -142,13 +141,17 @@ void EndLogin(Slot& slot) {
 // --- What it says of itself ----------------------------------------------------------------------
 
 // Sixteen characters: longer serial numbers are told apart by a digest.
-static void WriteSerialNumber(const char* serialNumber, CK_CHAR (&field)[16]) {
-  if (strlen(serialNumber) <= sizeof field) return PadText(serialNumber, field, sizeof field);
+static bool WriteSerialNumber(const char* serialNumber, CK_CHAR (&field)[16]) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(serialNumber), strlen(serialNumber), digest);
+  if (strlen(serialNumber) <= sizeof field) {
+    PadText(serialNumber, field, sizeof field);
+    return true;
+  }
+  if (!Sha256(BytesOf(serialNumber), digest)) return false;
   char text[sizeof field + 1];
   for (size_t i = 0; i < sizeof field / 2; i++) snprintf(text + 2 * i, 3, "%02X", digest[i]);
   PadText(text, field, sizeof field);
+  return true;
 }
 
 static CK_FLAGS TokenFlags(const Slot& slot) {
@@ -173,7 +176,8 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     PadText(isFree ? "" : slot->device->label, pInfo->label, sizeof pInfo->label);
     PadText(LIBRARY_NAME, pInfo->manufacturerID, sizeof pInfo->manufacturerID);
     PadText("Soft device", pInfo->model, sizeof pInfo->model);
-    WriteSerialNumber(isFree ? "" : slot->device->serialNumber, pInfo->serialNumber);
+    if (!WriteSerialNumber(isFree ? "" : slot->device->serialNumber, pInfo->serialNumber))
+      return CKR_HOST_MEMORY;
     pInfo->flags = isFree ? CKF_RNG | CKF_LOGIN_REQUIRED : TokenFlags(*slot);
     pInfo->firmwareVersion = {0, 2};
     pInfo->ulMaxSessionCount = pInfo->ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;

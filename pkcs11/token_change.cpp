@@ -33,7 +33,8 @@ CK_RV BeginVerifiedChange(TokenChange& change) {
     EndLogin(slot);
     return CKR_USER_NOT_LOGGED_IN;
   }
-  return LoadTokenView(change.device(), slot.view, change.view) == 1 ? CKR_OK : CKR_HOST_MEMORY;
+  if (LoadTokenView(change.device(), slot.view, change.view) != 1) return CKR_HOST_MEMORY;
+  return SeesLess(change.view, *slot.view) ? CKR_DEVICE_ERROR : CKR_OK;
 }
 
 // --- The table -----------------------------------------------------------------------------------

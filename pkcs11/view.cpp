@@ -14,21 +14,23 @@ static Span PublicKeyOf(const Keypair* keypair) {
 
 // Whether the public key in the file belongs to the private key, of which the cipher vouches. Where
 // the private key is not open, or of a curve that the module can't use, there is nothing to
-// compare.
-static bool BelongTogether(const Keypair* keypair, const ObjectKey& key) {
+// compare. 1, 0, or -1 when memory is out.
+static int BelongTogether(const Keypair* keypair, const ObjectKey& key) {
   EVP_PKEY* const own = keypair->privateKey;
-  if (own == nullptr || key.publicKey == nullptr) return true;
+  if (own == nullptr || key.publicKey == nullptr) return 1;
   EVP_PKEY* const stored = key.publicKey->key;
-  if (EVP_PKEY_get_id(own) != EVP_PKEY_get_id(stored)) return false;
+  if (EVP_PKEY_get_id(own) != EVP_PKEY_get_id(stored)) return 0;
   if (keypair->algorithm == ALGORITHM_RSA) {
     const RSA *a = EVP_PKEY_get0_RSA(own), *b = EVP_PKEY_get0_RSA(stored);
-    return a != nullptr && b != nullptr && BN_cmp(RSA_get0_n(a), RSA_get0_n(b)) == 0 &&
-           BN_cmp(RSA_get0_e(a), RSA_get0_e(b)) == 0;
+    const bool same = a != nullptr && b != nullptr && BN_cmp(RSA_get0_n(a), RSA_get0_n(b)) == 0 &&
+                      BN_cmp(RSA_get0_e(a), RSA_get0_e(b)) == 0;
+    return same ? 1 : 0;
   }
   const EC_KEY *a = EVP_PKEY_get0_EC_KEY(own), *b = EVP_PKEY_get0_EC_KEY(stored);
-  return a != nullptr && b != nullptr && keypair->curve == key.curve &&
-         EC_POINT_cmp(EC_KEY_get0_group(a), EC_KEY_get0_public_key(a), EC_KEY_get0_public_key(b),
-                      nullptr) == 0;
+  if (a == nullptr || b == nullptr || keypair->curve != key.curve) return 0;
+  const int differ = EC_POINT_cmp(EC_KEY_get0_group(a), EC_KEY_get0_public_key(a),
+                                  EC_KEY_get0_public_key(b), nullptr);
+  return differ < 0 ? -1 : 1 - differ;
 }
 
 bool AddKeypairObjects(Device* device, int index, View& view) {
@@ -42,7 +44,9 @@ bool AddKeypairObjects(Device* device, int index, View& view) {
     view.isComplete = false;
     return true;
   }
-  if (!BelongTogether(keypair, *key)) {
+  const int together = BelongTogether(keypair, *key);
+  if (together < 0) return false;
+  if (together == 0) {
     LogReason("keypair '%s' is not offered: the public key in the file is not its private key's",
               keypair->label);
     return true;
@@ -106,6 +110,10 @@ struct Datas {
   ~Datas() { FreeDatas(list, static_cast<int>(count)); }
 };
 }  // namespace
+
+bool SeesLess(const View& now, const View& before) {
+  return (before.hasAllDatas && !now.hasAllDatas) || (before.isComplete && !now.isComplete);
+}
 
 int LoadTokenView(Device* device, const View* former, View& view) {
   for (int i = 0; i < device->keypairCount; i++)

@@ -10,6 +10,10 @@
 // module's.
 int LoadTokenView(Device* device, const View* former, View& view);
 
+// SeesLess says whether what an earlier view has shown could not be read this time. A change that
+// began with such a view would leave it out of the table, or out of its place there.
+bool SeesLess(const View& now, const View& before);
+
 // AddKeypairObjects adds the private and the public key of one keypair. It adds nothing where the
 // keypair can't be offered, and says why in the log. False when memory is out.
 bool AddKeypairObjects(Device* device, int index, View& view);

@@ -4,7 +4,6 @@
 #include "tests/support/token.h"
 
 #include <openssl/crypto.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,24 +16,6 @@
 
 namespace {
 constexpr char SO_PIN[] = "87654321", USER_PIN[] = "123456";
-
-// A template in the making; values live as long as it does.
-struct Wanted {
-  std::vector<CK_ATTRIBUTE> list;
-  std::vector<std::unique_ptr<std::string>> values;
-  Wanted& Text(CK_ATTRIBUTE_TYPE type, std::string_view value) {
-    values.push_back(std::make_unique<std::string>(value));
-    list.push_back({type, values.back()->data(), value.size()});
-    return *this;
-  }
-  Wanted& Number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
-    return Text(type, {reinterpret_cast<char*>(&value), sizeof value});
-  }
-  Wanted& Flag(CK_ATTRIBUTE_TYPE type, bool value) { return Text(type, {value ? "\1" : "\0", 1}); }
-  CK_ULONG count() const { return list.size(); }
-};
-
-constexpr std::string_view P256("\x06\x08\x2a\x86\x48\xce\x3d\x03\x01\x07", 10);
 
 // A session on the folder's one token, logged in unless the PIN is empty.
 struct Client {
@@ -132,31 +113,6 @@ class Pkcs11Test : public testing::Test {
   }
 
   std::string folder_ = "/tmp/pkcs11-XXXXXX";
-};
-
-// A key that OpenSSL has made, and a certificate that it has signed with it.
-struct OwnPair {
-  std::string scalar = std::string(32, 0), certificate;
-  OwnPair() {
-    const EvpKey key(EVP_EC_gen("P-256"));
-    BIGNUM* raw = nullptr;
-    EXPECT_EQ(EVP_PKEY_get_bn_param(key.get(), "priv", &raw), 1);
-    const BigNum d(raw);
-    BN_bn2binpad(raw, Bytes(scalar), 32);
-    X509* const made = X509_new();
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(made), "CN", MBSTRING_ASC, Bytes("own"), 3, -1,
-                               0);
-    X509_set_issuer_name(made, X509_get_subject_name(made));
-    X509_gmtime_adj(X509_getm_notBefore(made), 0);
-    X509_gmtime_adj(X509_getm_notAfter(made), 86400);
-    X509_set_pubkey(made, key.get());
-    EXPECT_GT(X509_sign(made, key.get(), EVP_sha256()), 0);
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(made, &der);
-    certificate.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-    OPENSSL_free(der);
-    X509_free(made);
-  }
 };
 
 // Runs in a child process; its result is the number of failures.
@@ -290,7 +246,12 @@ TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
 
 // A key and a certificate for it, and the same key once more.
 TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
-  const OwnPair own;
+  BIGNUM* raw = nullptr;
+  EXPECT_EQ(EVP_PKEY_get_bn_param(TestP256().key, "priv", &raw), 1);
+  const BigNum scalar(raw);
+  std::string bytes(32, 0);
+  BN_bn2binpad(raw, Bytes(bytes), 32);
+  const std::string own = SelfSigned(TestP256().key);
   const Library p11(folder_);
   MakeToken(p11);
   const Client client(p11);
@@ -298,14 +259,14 @@ TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
   for (const char* id : {"first", "second"}) {
     Wanted key;
     key.Number(CKA_CLASS, CKO_PRIVATE_KEY).Number(CKA_KEY_TYPE, CKK_EC).Flag(CKA_TOKEN, true);
-    key.Text(CKA_EC_PARAMS, P256).Text(CKA_VALUE, own.scalar).Text(CKA_ID, id);
+    key.Text(CKA_EC_PARAMS, P256).Text(CKA_VALUE, bytes).Text(CKA_ID, id);
     keys.push_back(client.Create(key));
     EXPECT_EQ(client.Sign(keys.back()), CKR_OK);
     EXPECT_EQ(client.Get(keys.back(), CKA_LOCAL), std::string(1, '\0')) << "made elsewhere";
   }
   Wanted certificate, nonsense;
   certificate.Number(CKA_CLASS, CKO_CERTIFICATE).Flag(CKA_TOKEN, true);
-  certificate.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own.certificate);
+  certificate.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own);
   const CK_OBJECT_HANDLE cert = client.Create(certificate);
   EXPECT_EQ(client.Get(cert, CKA_SUBJECT), client.Get(cert, CKA_ISSUER));
   EXPECT_EQ(client.Get(cert, CKA_PUBLIC_KEY_INFO), client.Get(keys[0], CKA_PUBLIC_KEY_INFO));
@@ -313,11 +274,11 @@ TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
   memcpy(&category, client.Get(cert, CKA_CERTIFICATE_CATEGORY).data(), sizeof category);
   EXPECT_EQ(category, CK_ULONG{CK_CERTIFICATE_CATEGORY_TOKEN_USER}) << "it is in the key's list";
   nonsense.Number(CKA_CLASS, CKO_CERTIFICATE).Flag(CKA_TOKEN, true);
-  nonsense.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own.certificate + "x");
+  nonsense.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own + "x");
   client.Create(nonsense, CKR_ATTRIBUTE_VALUE_INVALID);
 
   EXPECT_EQ(p11->C_DestroyObject(client.session, keys[0]), CKR_OK);
-  EXPECT_EQ(client.Get(cert, CKA_VALUE), own.certificate) << "stays";
+  EXPECT_EQ(client.Get(cert, CKA_VALUE), own) << "stays";
   const auto left = client.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
   ASSERT_EQ(left.size(), 1u);
   EXPECT_EQ(client.Get(left[0], CKA_ID), "second");

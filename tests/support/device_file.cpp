@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <stdio.h>
 #include <algorithm>
 #include <fstream>
@@ -63,6 +64,22 @@ static const TestKey* Keys() {
 const TestKey& TestRsa() { return Keys()[0]; }
 const TestKey& TestP256() { return Keys()[1]; }
 const TestKey& TestSm2() { return Keys()[2]; }
+
+std::string SelfSigned(EVP_PKEY* key) {
+  X509* const made = X509_new();
+  X509_NAME* const name = X509_get_subject_name(made);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, Raw("own"), 3, -1, 0);
+  X509_set_issuer_name(made, name);
+  X509_gmtime_adj(X509_getm_notBefore(made), 0);
+  X509_gmtime_adj(X509_getm_notAfter(made), 86400);
+  X509_set_pubkey(made, key);
+  Must(X509_sign(made, key, EVP_sha256()) > 0, "X509_sign");
+  std::string der(static_cast<size_t>(i2d_X509(made, nullptr)), '\0');
+  unsigned char* at = Mutable(der);
+  i2d_X509(made, &at);
+  X509_free(made);
+  return der;
+}
 
 int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
            const EVP_MD* hash, int length, unsigned char* key) {

@@ -33,6 +33,8 @@ const TestKey& TestRsa();  // 2048 bits
 const TestKey& TestP256();
 const TestKey& TestSm2();
 
+std::string SelfSigned(EVP_PKEY* key);  // an X.509 certificate, DER
+
 // PKCS5_PBKDF2_HMAC, which is slow on purpose: the key of a PIN and a salt is derived once.
 int Derive(const char* pin, int pinLength, const unsigned char* salt, int saltLength, int rounds,
            const EVP_MD* hash, int length, unsigned char* key);

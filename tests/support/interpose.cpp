@@ -15,6 +15,8 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <openssl/sha.h>
+#include <openssl/x509.h>
 #include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -167,10 +169,13 @@ void WrapAll() {
        EVP_DigestInit_ex, EVP_DigestUpdate, EVP_DigestFinal_ex, HMAC_CTX_new, HMAC_Init_ex,
        HMAC_Update, HMAC_Final, EVP_CIPHER_CTX_new, EVP_CIPHER_CTX_ctrl, EVP_CipherInit_ex,
        EVP_CipherUpdate, EVP_EncryptUpdate, EVP_EncryptFinal_ex, EVP_DecryptUpdate,
-       EVP_DecryptFinal_ex>();
-  Wrap<MINUS_ONE, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt, RSA_public_decrypt,
-       BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init, pthread_mutexattr_settype,
-       pthread_mutex_init, pthread_mutex_lock, mlock, munlock, madvise, mincore, nanosleep>();
+       EVP_DecryptFinal_ex, SHA1, SHA256, d2i_X509, EC_POINT_mul, EC_GROUP_new_by_curve_name,
+       ECDSA_SIG_new, ECDSA_SIG_set0, i2d_ECDSA_SIG, RSA_check_key, RSA_set0_factors,
+       RSA_set0_crt_params>();
+  Wrap<MINUS_ONE, EC_POINT_cmp, RSA_private_encrypt, RSA_private_decrypt, RSA_public_encrypt,
+       RSA_public_decrypt, BN_bn2binpad, ECDSA_verify, pthread_mutexattr_init,
+       pthread_mutexattr_settype, pthread_mutex_init, pthread_mutex_lock, mlock, munlock, madvise,
+       mincore, nanosleep>();
   Wrap<READS, Open, SetLock, fdopen, fclose, fread, fsync, fdatasync, opendir, readdir, stat, lstat,
        fstat, access>();
   Wrap<MODIFIES, fwrite, fflush, ftruncate, rename, remove, fchmod, fchown, write, pwrite, mkdir,
@@ -191,7 +196,9 @@ constexpr char NEVER_FAIL[] =
     "pthread_setcancelstate|ERR_set_mark|ERR_pop_to_mark|CRYPTO_memcmp|OPENSSL_cleanse|"
     "BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_is_negative|BN_num_bits|BN_value_one|ASN1_put_object|"
     "EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen|EVP_sha512|"
-    "EVP_aes_256_gcm|EVP_PKEY_get_id)";
+    "EVP_aes_256_gcm|EVP_PKEY_get_id|EVP_PKEY_get_bits|EVP_sm3|EVP_sha*|RSA_*_PKCS1_*|"
+    "X509_check_ca|BN_cmp|RAND_add|OPENSSL_init_crypto|syscall|qsort|gmtime_r|secure_getenv|"
+    "faccessat)";
 
 // --- The patch -----------------------------------------------------------------------------------
 

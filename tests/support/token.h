@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <pkcs11.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,24 @@ std::string Written(Call call) {
   bytes.resize(length);
   return bytes;
 }
+
+inline constexpr std::string_view P256("\x06\x08\x2a\x86\x48\xce\x3d\x03\x01\x07", 10);
+
+// A template in the making; values live as long as it does.
+struct Wanted {
+  std::vector<CK_ATTRIBUTE> list;
+  std::vector<std::unique_ptr<std::string>> values;
+  Wanted& Text(CK_ATTRIBUTE_TYPE type, std::string_view value) {
+    values.push_back(std::make_unique<std::string>(value));
+    list.push_back({type, values.back()->data(), value.size()});
+    return *this;
+  }
+  Wanted& Number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
+    return Text(type, {reinterpret_cast<char*>(&value), sizeof value});
+  }
+  Wanted& Flag(CK_ATTRIBUTE_TYPE type, bool value) { return Text(type, {value ? "\1" : "\0", 1}); }
+  CK_ULONG count() const { return list.size(); }
+};
 
 inline CK_BYTE* Bytes(std::string_view bytes) {
   return reinterpret_cast<CK_BYTE*>(const_cast<char*>(bytes.data()));
