@@ -1,9 +1,11 @@
 // C_CopyObject.
+#include "core/openssl_owners.h"
 #include "keypair/keypair.h"
 #include "keypair/private_key.h"
 #include "pkcs11/call.h"
 #include "pkcs11/object_making.h"
 #include "pkcs11/search.h"
+#include "sm2/sm2.h"
 
 namespace {
 // An object's own attributes and then those of a template, as one template.
@@ -60,6 +62,24 @@ static CK_RV CopyAttributes(const Object& object, const Template& changes, Merge
   return CKR_OK;
 }
 
+// The encoding of a keypair is memory of the crypto library, which makes it anew.
+static bool EncodePublicKey(const ObjectKey& key, Keypair& keypair) {
+  unsigned char* made = nullptr;
+  int length = 0;
+  if (key.kind == KeyKind::KEY_RSA) {
+    const RsaKey rsa(EVP_PKEY_get1_RSA(key.publicKey->key));
+    if (!rsa || ToRSAPublicKeyEncode(rsa.get(), &made, &length) != 1) return false;
+  } else {
+    const unsigned char* const y = key.point.end() - SM2_FIELD_SIZE;
+    if (VakroPKICryptoEncodeECCPubKey(key.curve, y - SM2_FIELD_SIZE, SM2_FIELD_SIZE, y,
+                                      SM2_FIELD_SIZE, &made, &length) != 1)
+      return false;
+  }
+  keypair.publicKey = made;
+  keypair.publicKeyLen = length;
+  return true;
+}
+
 // A keypair of its own with the same keys, temporary.
 static CK_RV CloneKeypair(const ObjectKey& key, OwnedKeypair& clone) {
   OwnedKeypair keypair(NewKeypair());
@@ -70,10 +90,7 @@ static CK_RV CloneKeypair(const ObjectKey& key, OwnedKeypair& clone) {
   keypair->isTemp = 1;
   keypair->curve = fetched.curve;
   keypair->privateKey = fetched.key.release();
-  keypair->publicKey = Allocate<unsigned char>(key.encoding.count, "pkcs11");
-  if (keypair->publicKey == nullptr) return CKR_HOST_MEMORY;
-  memcpy(keypair->publicKey, key.encoding.items, key.encoding.count);
-  keypair->publicKeyLen = static_cast<int>(key.encoding.count);
+  if (!EncodePublicKey(key, *keypair)) return CKR_HOST_MEMORY;
   clone = std::move(keypair);
   return CKR_OK;
 }

@@ -122,9 +122,11 @@ static CK_RV ImportRsa(const Template& wanted, OwnedKeypair& made) {
   const CK_RV decoded = DecodeEncoding(ALGORITHM_RSA, encoding, length, made);
   if (decoded != CKR_OK) return decoded;
   made->bits = static_cast<unsigned int>(bits);
-  return ToRSAPublicKeyEncode(rsa.get(), &made->publicKey, &made->publicKeyLen) == 1
-             ? CKR_OK
-             : CKR_HOST_MEMORY;
+  unsigned char* publicKey = nullptr;  // a failure may leave anything there
+  if (ToRSAPublicKeyEncode(rsa.get(), &publicKey, &length) != 1) return CKR_HOST_MEMORY;
+  made->publicKey = publicKey;
+  made->publicKeyLen = length;
+  return CKR_OK;
 }
 
 // The point d * G, whatever point the template names.
@@ -163,10 +165,13 @@ static CK_RV ImportEc(const Template& wanted, OwnedKeypair& made) {
   const CK_RV decoded = DecodeEncoding(ALGORITHM_ECC, encoding, length, made);
   if (decoded != CKR_OK) return decoded;
   made->bits = 256;
-  return VakroPKICryptoEncodeECCPubKey(curve, point + 1, SM2_FIELD_SIZE, point + 1 + SM2_FIELD_SIZE,
-                                       SM2_FIELD_SIZE, &made->publicKey, &made->publicKeyLen) == 1
-             ? CKR_OK
-             : CKR_HOST_MEMORY;
+  unsigned char* publicKey = nullptr;  // a failure may leave anything there
+  if (VakroPKICryptoEncodeECCPubKey(curve, point + 1, SM2_FIELD_SIZE, point + 1 + SM2_FIELD_SIZE,
+                                    SM2_FIELD_SIZE, &publicKey, &length) != 1)
+    return CKR_HOST_MEMORY;
+  made->publicKey = publicKey;
+  made->publicKeyLen = length;
+  return CKR_OK;
 }
 
 static CK_RV KeyTypeIn(const Template& wanted, bool& isRsa) {
