@@ -6,7 +6,6 @@
 #include "tools/sm2_cipher.h"
 
 #include <openssl/rsa.h>
-#include <algorithm>
 
 struct CipherOptions {
   std::string file;
@@ -45,7 +44,9 @@ static void RequirePlaintextFits(const PublicPart& key, const CipherOptions& opt
   if (key.kind != Kind::RSA_PKCS1) return;
   const int overhead = options.oaep ? 2 * EVP_MD_get_size(OaepHash(options)) + 2  // 7.1.1
                                     : RSA_PADDING_OVERHEAD;
-  const auto max = static_cast<size_t>(std::max(0, EVP_PKEY_get_size(key.key.get()) - overhead));
+  const int room = EVP_PKEY_get_size(key.key.get()) - overhead;
+  if (room < 0) throw Failure("The key is too short for OAEP with this hash.");
+  const auto max = static_cast<size_t>(room);
   if (length <= max) return;
   throw Failure(
       "RSA-" + std::to_string(key.bits) + " encrypts at most " + std::to_string(max) + " bytes.",

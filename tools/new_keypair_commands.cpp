@@ -31,11 +31,12 @@ struct Algorithm {
   int curve;
 };
 
-// The module knows four curves more, but can't open a stored keypair on them again.
+// The module knows four curves more, but can't open a stored keypair on them again. The weak one
+// stands last: a slip is taken for one of the others.
 static constexpr Algorithm ALGORITHMS[] = {
-    {"rsa-1024", ALGORITHM_RSA, 1024, 0},      {"rsa-2048", ALGORITHM_RSA, 2048, 0},
-    {"rsa-3072", ALGORITHM_RSA, 3072, 0},      {"rsa-4096", ALGORITHM_RSA, 4096, 0},
-    {"p-256", ALGORITHM_ECC, 256, CURVE_P256}, {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}};
+    {"rsa-2048", ALGORITHM_RSA, 2048, 0},   {"rsa-3072", ALGORITHM_RSA, 3072, 0},
+    {"rsa-4096", ALGORITHM_RSA, 4096, 0},   {"p-256", ALGORITHM_ECC, 256, CURVE_P256},
+    {"sm2", ALGORITHM_ECC, 256, CURVE_SM2}, {"rsa-1024", ALGORITHM_RSA, 1024, 0}};
 
 static std::vector<std::string> AlgorithmNames() {
   std::vector<std::string> names;

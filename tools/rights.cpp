@@ -69,10 +69,10 @@ Exposure WhoMayMove(const std::string& path) {
   for (; at.has_relative_path(); at = at.parent_path()) {
     if (fs::is_symlink(at, error)) {
       const fs::path target = fs::canonical(at, error);
-      const Exposure found = target.empty() ? Exposure() : WhoMayMove(target);
+      Exposure found = target.empty() ? Exposure() : WhoMayMove(target);
       if (!found.what.empty()) return found;
     }
-    const Exposure found = WhoMayRenameIn(at.parent_path());
+    Exposure found = WhoMayRenameIn(at.parent_path());
     if (!found.what.empty()) return found;
   }
   return {};
