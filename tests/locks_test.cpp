@@ -116,8 +116,8 @@ TEST_F(LocksTest, AParentThatIsKilledLeavesNoLockWithItsChild) {
   const pid_t parent = Stopped([&] {
     FileLock lock;
     EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD);
-    if (fork() > 0) return;
-    const pid_t child = getpid();  // it tells, so that it has begun before its parent ends
+    if (fork() > 0) raise(SIGSTOP);  // with the lock, until it is killed
+    const pid_t child = getpid();    // it tells, so that it has begun before its parent ends
     EXPECT_EQ(write(ends[1], &child, sizeof(child)), ssize_t{sizeof(child)});
     pause();
   });
