@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the module for arm64 with Debian's cross compiler, and runs the tests of module and
-# arithmetic under qemu: 14 minutes on two processors that others used, too. What the build needs of
+# arithmetic under qemu: 17 minutes on two processors that others used, too. What the build needs of
 # Debian's arm64 packages is unpacked under build/arm64; nothing is installed but the compiler and
 # qemu.
 #   scripts/arm64.sh [GTEST_FILTER]
