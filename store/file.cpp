@@ -55,9 +55,7 @@ int ReadWholeFile(const char* path, unsigned char** data, unsigned int* length) 
   return 1;
 }
 
-// TakeOwnerAndMode gives an open file owner, group and permissions of `like`. A group that could
-// not be given gets what both the group and everybody else had.
-static bool TakeOwnerAndMode(int fd, const struct stat& like) {
+bool TakeOwnerAndMode(int fd, const struct stat& like) {
   constexpr auto SAME_OWNER = static_cast<uid_t>(-1);
   if (fchown(fd, like.st_uid, like.st_gid) != 0)
     static_cast<void>(fchown(fd, SAME_OWNER, like.st_gid) == 0);

@@ -26,6 +26,11 @@ File OpenEmptied(const char* path, const struct stat* like);
 // name. NULL for a folder.
 File OpenFresh(const char* path, const struct stat* like);
 
+// TakeOwnerAndMode gives an open file owner, group and permissions of `like`. A group that could
+// not be given gets what both the group and everybody else had. False when the file stays open to
+// more people than `like`.
+bool TakeOwnerAndMode(int fd, const struct stat& like);
+
 bool WriteBytes(const File& file, const void* bytes, size_t length);
 bool FlushToStorage(const File& file);
 

@@ -1,6 +1,8 @@
 // The lock on a device file: taken, waited for, given back.
 #include "store/lock.h"
 
+#include "store/inside.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -12,6 +14,7 @@
 int g_lockPatience = 10000;
 
 static constexpr long SHORTEST_PAUSE = 1, LONGEST_PAUSE = 50;  // between two attempts, milliseconds
+static constexpr char LOCK_SUFFIX[] = ".lock";
 static constexpr int MOST_ROUNDS = 100;  // a name that changes more often is no file to work on
 
 static LockResult WhyNotOpened() {
@@ -33,14 +36,25 @@ static LockResult WhyNotOpened() {
   }
 }
 
-static int SetLock(int fd, short type) {
+static struct flock Whole(short type) {
   struct flock whole = {};  // from the first byte on, however long the file becomes
   whole.l_type = type;
   whole.l_whence = SEEK_SET;
+  return whole;
+}
+
+static int SetLock(int fd, short type) {
+  struct flock whole = Whole(type);
   int result = 0;
   do result = fcntl(fd, F_OFD_SETLK, &whole);
   while (result != 0 && errno == EINTR);
   return result;
+}
+
+// Whether what keeps a lock for writing away is a lock for reading.
+static bool IsReadLocked(int fd) {
+  struct flock other = Whole(F_WRLCK);
+  return fcntl(fd, F_OFD_GETLK, &other) == 0 && other.l_type == F_RDLCK;
 }
 
 static LockResult WhyNotLocked() {
@@ -63,22 +77,23 @@ static bool IsSameFile(const struct stat& a, const struct stat& b) {
 
 bool FileLock::Names(const char* path) const {
   struct stat opened, named;
-  return fd_ >= 0 && fstat(fd_, &opened) == 0 && stat(path, &named) == 0 &&
+  return IsHeld() && fstat(file_.fd, &opened) == 0 && stat(path, &named) == 0 &&
          IsSameFile(opened, named);
 }
 
 LockResult FileLock::Try(const char* path) {
   for (int round = 0; round < MOST_ROUNDS; round++) {
     GiveBack();
-    if (!Open(path)) return WhyNotOpened();
+    if (!file_.Open(path, O_RDWR)) return WhyNotOpened();
     struct stat opened;
     LockResult result = LockResult::HELD;
-    if (fstat(fd_, &opened) != 0)
+    if (fstat(file_.fd, &opened) != 0)
       result = LockResult::FAILED;
     else if (!S_ISREG(opened.st_mode))
       result = LockResult::MISSING;
-    else if (SetLock(fd_, F_WRLCK) != 0)
+    else if (SetLock(file_.fd, F_WRLCK) != 0)
       result = WhyNotLocked();
+    if (result == LockResult::BUSY && IsReadLocked(file_.fd)) result = TryBeside(path, opened);
     if (result != LockResult::HELD) {
       GiveBack();
       return result;
@@ -95,6 +110,38 @@ LockResult FileLock::Try(const char* path) {
   return LockResult::FAILED;
 }
 
+// --- The second way ------------------------------------------------------------------------------
+
+// Here are locks, or nobody would have been in the way.
+static LockResult WhyNotBeside() {
+  return WhyNotLocked() == LockResult::BUSY ? LockResult::BUSY : LockResult::FAILED;
+}
+
+// The rule that all rests on: while someone holds the lock on the file that has the name, nobody
+// else removes it or puts another in its place.
+LockResult FileLock::TryBeside(const char* path, const struct stat& device) {
+  const size_t length = strlen(path);
+  besidePath_.reset(Allocate<char>(length + sizeof(LOCK_SUFFIX), "json"));
+  if (!besidePath_) return LockResult::FAILED;
+  memcpy(besidePath_.get(), path, length);
+  memcpy(besidePath_.get() + length, LOCK_SUFFIX, sizeof(LOCK_SUFFIX));
+  const char* beside = besidePath_.get();
+  const bool isMade = beside_.Open(beside, O_WRONLY | O_CREAT | O_EXCL);
+  if (!isMade && (errno != EEXIST || !beside_.Open(beside, O_WRONLY | O_NOFOLLOW)))
+    // Another may just be making it, or be removing it.
+    return errno == EACCES || errno == ENOENT ? LockResult::BUSY : LockResult::FAILED;
+  if (SetLock(beside_.fd, F_WRLCK) != 0) return WhyNotBeside();
+  struct stat opened, named;
+  if (fstat(beside_.fd, &opened) != 0) return LockResult::FAILED;
+  if (lstat(beside, &named) != 0 || !IsSameFile(opened, named)) return LockResult::BUSY;
+  if (!S_ISREG(opened.st_mode) || opened.st_size != 0) return LockResult::FAILED;  // not ours
+  isBesideOurs_ = true;
+  struct stat like = device;
+  like.st_mode &= S_IWUSR | S_IWGRP | S_IWOTH;
+  if (!TakeOwnerAndMode(beside_.fd, like)) return LockResult::FAILED;
+  return SetLock(file_.fd, F_RDLCK) == 0 ? LockResult::HELD : WhyNotBeside();
+}
+
 // --- The list of what a child does not keep ------------------------------------------------------
 
 static constexpr int SLOTS = 256;  // of threads that work on files at one time
@@ -108,34 +155,44 @@ struct OpenLocks {
 static constinit OpenLocks g_open;
 
 // A descriptor is made and listed in one step, which no fork comes between.
-bool FileLock::Open(const char* path) {
+bool FileLock::Listed::Open(const char* path, int flags) {
   if (pthread_mutex_lock(&g_open.mutex) != 0) {
     errno = ENOMEM;
     return false;
   }
-  int slot = 0;
+  slot = 0;
   while (slot < SLOTS && g_open.slots[slot] != 0) slot++;
   errno = EMFILE;
   // Without O_NONBLOCK a pipe that has taken the file's place would be waited for.
-  if (slot < SLOTS) fd_ = open(path, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd_ >= 0) g_open.slots[slot] = fd_ + 1;
-  slot_ = slot;
-  owner_ = getpid();
+  if (slot < SLOTS)
+    fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, static_cast<mode_t>(S_IWUSR));
+  if (fd >= 0) g_open.slots[slot] = fd + 1;
+  owner = getpid();
   pthread_mutex_unlock(&g_open.mutex);
-  return fd_ >= 0;
+  return fd >= 0;
+}
+
+// A child has closed what it inherited, and it is not its to give back.
+bool FileLock::Listed::IsOurs() const { return fd >= 0 && owner == getpid(); }
+
+void FileLock::Listed::Close() {
+  if (IsOurs()) {
+    // A child that was made without the handlers may still have the descriptor, and with it the
+    // lock.
+    SetLock(fd, F_UNLCK);
+    const bool locked = pthread_mutex_lock(&g_open.mutex) == 0;
+    g_open.slots[slot] = 0;
+    close(fd);
+    if (locked) pthread_mutex_unlock(&g_open.mutex);
+  }
+  fd = -1;
 }
 
 void FileLock::GiveBack() {
-  const int fd = std::exchange(fd_, -1);
-  if (fd < 0 || owner_ != getpid())
-    return;  // a child has closed it, and it is not its to give back
   const int usual = errno;
-  // A child that was made without the handlers may still have the descriptor, and with it the lock.
-  SetLock(fd, F_UNLCK);
-  const bool locked = pthread_mutex_lock(&g_open.mutex) == 0;
-  g_open.slots[slot_] = 0;
-  close(fd);
-  if (locked) pthread_mutex_unlock(&g_open.mutex);
+  if (std::exchange(isBesideOurs_, false) && beside_.IsOurs()) unlink(besidePath_.get());
+  beside_.Close();
+  file_.Close();
   errno = usual;
 }
 

@@ -55,6 +55,42 @@ TEST_F(LocksTest, WhoMayNotWriteTheFileMakesNobodyWait) {
   End(stranger);
 }
 
+// Who may read the file can lock it for reading; that keeps no writer away from it, and none from
+// keeping the others away. What is left of the second way is no device, and nobody stumbles on it.
+TEST_F(LocksTest, WhoMayOnlyReadTheFileStopsNobody) {
+  const int file = open(device_->filePath, O_RDONLY);
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  ASSERT_EQ(fcntl(file, F_OFD_SETLK, &lock), 0);
+  const Folder before = List();
+  EXPECT_EQ(Create(1), 1);
+  EXPECT_EQ(List().size(), before.size());
+
+  FileLock second;
+  const pid_t holder = Stopped([&] {
+    EXPECT_EQ(second.Try(device_->filePath), LockResult::HELD);
+    struct stat info = {};
+    EXPECT_EQ(stat(Path("dev.lock").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode, S_IFREG | 0200u);
+  });
+  EXPECT_EQ(Create(2), 0);
+  close(file);
+  EXPECT_EQ(Create(2), 0) << "the reader is gone, the holder is not";
+  End(holder);
+  EXPECT_TRUE(Exists("dev.lock"));
+  EXPECT_EQ(Create(2), 1);
+  EXPECT_EQ(DeviceGetDeviceCount(SetHandle(DeviceGetAllDevices()).get()), 1);
+
+  const int reader = open(device_->filePath, O_RDONLY);
+  ASSERT_EQ(fcntl(reader, F_OFD_SETLK, &lock), 0);
+  EXPECT_EQ(Create(3), 1);
+  EXPECT_FALSE(Exists("dev.lock"));
+  Write("dev.lock", "precious");
+  EXPECT_EQ(Create(4), 0);
+  EXPECT_EQ(Read("dev.lock"), "precious");
+  close(reader);
+}
+
 TEST_F(LocksTest, AStoppedHolderDelaysWritersOfThisFileOnly) {
   Write("other", StoredDevice{.label = "other"}.File());
   FileLock lock;
