@@ -163,7 +163,8 @@ int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries);
 // Verifies the device by `oldPin` first if need be. Results as DeviceVerifyPwd; 0 also when the
 // file could not be rewritten: the record then holds the new PIN, the file still the old one. 0
 // with record and file untouched when the file has a keypair more or fewer than the record, or one
-// under another PIN: another process has changed it; load the device anew.
+// under another PIN: another process has changed it; load the device anew. It stays so for a file
+// with a keypair that no load takes: a 65th, or one with more than 10 certificates.
 int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* newPin, int* retries);
 
 // --- Data objects ---------------------------------------------------------------------------

@@ -110,7 +110,7 @@ bool HoldsKeypair(const FileChange& change, unsigned int type, const char* label
 int CountKeypairs(const FileChange& change);  // as many as the reader would load
 
 // HoldsSameKeypairs is false when the file has a keypair more or fewer than the record, or one
-// under another PIN.
+// under another PIN. One that the reader has passed over is one more.
 bool HoldsSameKeypairs(const FileChange& change, const Device* device);
 
 // NoteWritten makes the record remember whether it could be written over this file. If not, the
@@ -159,7 +159,8 @@ ReadResult LoadRecord(const FileChange& change, EditedRecord* edited);
 
 // WriteEdited writes names and keypairs of the record, as they are by now, over those that were
 // loaded, and `datas`, unless it is NULL, over the data objects; all else of the file stays. The
-// change is over then.
+// change is over then. Refuses keypairs that were enciphered anew beside one that was passed over:
+// that would stay under the old PIN.
 int WriteEdited(FileChange* change, const EditedRecord& edited, const VakroJson* datas);
 
 // --- Data objects (datas.cpp) --------------------------------------------------------------------
@@ -184,7 +185,8 @@ bool HasRoomForData(const FileChange& change, int length);
 bool SyncFolder(const char* path);
 
 // WriteNewFile writes an image to a file that does not exist yet, its owner's alone, bytes and name
-// on stable storage. Returns 1; -6 when there is one; -1, and nothing is left.
+// on stable storage. It has its name when it is complete, where the file system knows files without
+// names. Returns 1; -6 when there is one; -1, and nothing is left.
 int WriteNewFile(const char* path, const FileImage& image);
 
 // SyncFile puts bytes and name of a file on stable storage that another process may have left

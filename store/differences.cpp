@@ -28,9 +28,7 @@ int CountKeypairs(const FileChange& change) {
 
 // IsCurrentItemOf says whether a stored item is this keypair's and holds the blob of the record.
 static bool IsCurrentItemOf(VakroJson* item, const Keypair* keypair) {
-  return IsItemOf(item, keypair) &&
-         HexEquals(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY),
-                   keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen);
+  return IsItemOf(item, keypair) && HasBlobOf(item, keypair);
 }
 
 static bool IsCurrentInRecord(VakroJson* item, const Device* device) {
@@ -75,7 +73,7 @@ bool HoldsSameKeypairs(const FileChange& change, const Device* device) {
   const int count = vakro_json_getarraysize(keypairs);
   for (int i = 0; i < count; i++) {
     VakroJson* item = vakro_json_getarrayitem(keypairs, i);
-    if (item == nullptr || (IsKeypairItem(item) && !IsCurrentInRecord(item, device))) return false;
+    if (item == nullptr || (MayBeKeypair(item) && !IsCurrentInRecord(item, device))) return false;
   }
   for (int i = 0; i < device->keypairCount; i++)
     if (FindCurrentItem(change, device->keypairs[i]) == nullptr) return false;

@@ -99,7 +99,25 @@ static Json EditedKeypairs(const FileChange& change, const EditedRecord& edited)
   return list;
 }
 
+// LeavesKeypairBehind says whether the PIN was changed although the file holds a keypair that is
+// not in the record.
+static bool LeavesKeypairBehind(const FileChange& change, const EditedRecord& edited) {
+  VakroJson* keypairs = StoredKeypairs(change);
+  const int count = vakro_json_getarraysize(keypairs);
+  bool isPassedOver = false, isAnew = false;
+  for (int i = 0; i < count; i++) {
+    VakroJson* item = vakro_json_getarrayitem(keypairs, i);
+    const int index = IndexAt(edited, i);
+    if (index < 0)
+      isPassedOver |= MayBeKeypair(item);
+    else if (IsInDevice(edited.device, edited.keypairs[index]))
+      isAnew |= !HasBlobOf(item, edited.keypairs[index]);
+  }
+  return isPassedOver && isAnew;
+}
+
 int WriteEdited(FileChange* change, const EditedRecord& edited, const VakroJson* datas) {
+  if (LeavesKeypairBehind(*change, edited)) return 0;
   VakroJson* root = change->root.get();
   const Json keypairs = EditedKeypairs(*change, edited);
   Json tree(vakro_json_newarray());

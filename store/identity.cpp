@@ -5,7 +5,7 @@ static bool IsDigitOf(char digit, unsigned int value) {
   return digit == "0123456789abcdef"[value] || digit == "0123456789ABCDEF"[value];
 }
 
-bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length) {
+static bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length) {
   std::string_view text;
   if (!JsonString(value, &text) || length < 0) return false;
   const auto count = static_cast<size_t>(length);
@@ -28,6 +28,11 @@ bool IsItemOf(VakroJson* item, const Keypair* keypair) {
   return IsItemNamed(item, keypair->type, keypair->label) &&
          HexEquals(vakro_json_getarrayitem(item, KEYPAIR_PUBLIC_KEY), keypair->publicKey,
                    keypair->publicKeyLen);
+}
+
+bool HasBlobOf(VakroJson* item, const Keypair* keypair) {
+  return HexEquals(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY),
+                   keypair->encryptedPrivateKey, keypair->encryptedPrivateKeyLen);
 }
 
 bool HasTwin(const Keypair* keypair) {

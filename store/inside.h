@@ -90,6 +90,10 @@ ReadResult ReadCert(const VakroJson* item, Cert** out);
 // IsKeypairItem says whether the reader makes a keypair of a stored item, whatever the memory.
 bool IsKeypairItem(VakroJson* item);
 
+// MayBeKeypair is true also of keypairs that the reader passes over, such as those with too many
+// certificates.
+bool MayBeKeypair(VakroJson* item);
+
 // --- identity.cpp --------------------------------------------------------------------------------
 
 bool IsItemNamed(VakroJson* item, unsigned int type, const char* label);
@@ -98,8 +102,8 @@ bool IsItemNamed(VakroJson* item, unsigned int type, const char* label);
 // stay when the PIN changes.
 bool IsItemOf(VakroJson* item, const Keypair* keypair);
 
-// HexEquals says whether a string is the hex, of either case, of these bytes.
-bool HexEquals(const VakroJson* value, const unsigned char* bytes, int length);
+// HasBlobOf says whether it holds the private key as it is enciphered in the record.
+bool HasBlobOf(VakroJson* item, const Keypair* keypair);
 
 // HasTwin says whether the record holds another keypair of the same label, type and public key: the
 // file held it twice when it was loaded.

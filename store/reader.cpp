@@ -120,6 +120,11 @@ bool IsKeypairItem(VakroJson* item) {
   return HasCertList(item);
 }
 
+bool MayBeKeypair(VakroJson* item) {
+  return IsArray(item) && vakro_json_getarraysize(item) == KEYPAIR_ITEMS &&
+         IsHex(vakro_json_getarrayitem(item, KEYPAIR_ENCRYPTED_PRIVATE_KEY));
+}
+
 // --- Devices -------------------------------------------------------------------------------------
 
 ReadResult LoadTree(VakroJson* root, unsigned int tag, Device** out) {

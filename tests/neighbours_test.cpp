@@ -1,6 +1,7 @@
 // Several processes change one device file, and records grow old. A record that was loaded by
 // itself stands for another process: nothing that one has been told is done is undone by the
 // other, and nothing is reported as done that is not.
+#include "device/change.h"
 #include "tests/support/calls.h"
 
 #include <sys/wait.h>
@@ -73,6 +74,27 @@ TEST_F(NeighboursTest, ThePinIsChangedForTheSameKeypairsOnly) {
     const_cast<DeviceHandle&>(theirs_) = Rescan(PIN);
   }
   EXPECT_EQ(Change(ours_, "our new PIN"), 1);
+}
+
+// The reader passes them over: written from the record alone they would be lost, and left as they
+// are they would stay under the old PIN.
+TEST_F(NeighboursTest, NoKeypairIsLeftBehindByAChangeOfThePin) {
+  StoredDevice many{.keypairs = {}};
+  for (int i = 0; i <= MAX_KEYPAIRS; i++)
+    many.keypairs.push_back(StoredKeypair{.label = "key " + std::to_string(i)}.Json());
+  const std::vector<std::string> eleven(MAX_CERTS + 1, "cert");
+  const StoredDevice heavy{.keypairs = {StoredKeypair().Json(),
+                                        StoredKeypair{.label = "heavy", .certs = eleven}.Json()}};
+  for (const StoredDevice& device : {many, heavy}) {
+    const DeviceHandle record = Load(device.File());
+    Refuses(0, record.get(), [&] { return Change(record, "new"); });
+    DeviceChange change;
+    ASSERT_EQ(BeginChange(record->filePath, change), 1);
+    EXPECT_EQ(TakeOverKeys(change.device, record.get()), 1);
+    EXPECT_EQ(ChangePin(change.device, "new"), 1);
+    EXPECT_EQ(CommitChange(change), 0);
+    EXPECT_EQ(Read("dev"), device.File());
+  }
 }
 
 TEST_F(NeighboursTest, ADeletedKeypairIsGoneFromTheFile) {

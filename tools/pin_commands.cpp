@@ -1,4 +1,6 @@
 // pin change, pin verify.
+#include "device/device.h"
+#include "store/store.h"
 #include "tools/change.h"
 #include "tools/inspection.h"
 #include "tools/options.h"
@@ -14,13 +16,23 @@ struct PinOptions {
 };
 
 // A change writes all keypairs anew: one that the reader passes over would be lost.
-static void RefuseLoss(Device* device, bool force) {
+// Returns whether something is to be given up.
+static bool RefuseLoss(Device* device, bool force) {
   const Findings passed = PassedOverKeypairs(device->filePath);
-  if (passed.empty()) return;
+  if (passed.empty()) return false;
   const std::string what =
       "The change loses " + passed.front().where + ", which can't be read: " + passed.front().what;
   if (!force) throw Failure(what + ".", "--force does it, after a copy of the device file.");
   Warn(what + "; the file as it was is kept as " + KeepCopy(device->filePath) + ".");
+  return true;
+}
+
+// The library's call gives up no keypair.
+static int WriteAllAnew(Device* device, const char* pin) {
+  const ModuleLock lock;
+  return lock.held && ChangePin(device, pin) == VAKRO_OK && UpdateDeviceDataToFile(device) == 1
+             ? VAKRO_OK
+             : VAKRO_FAILED;
 }
 
 // What holds after a write that failed is tried, and said only if the file could be read for it.
@@ -43,9 +55,12 @@ static void Change(const Target& target, const PinOptions& options) {
   session.Reload();
   Device* device = session.device.get();
   Verify(device, former);
-  RefuseLoss(device, options.force);
+  const bool isLossy = RefuseLoss(device, options.force);
   errno = 0;
-  if (DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr) != VAKRO_OK) {
+  const int changed =
+      isLossy ? WriteAllAnew(device, current.data())
+              : DeviceChangePwd(device, PIN_TYPE_USER, former.data(), current.data(), nullptr);
+  if (changed != VAKRO_OK) {
     const std::string why = WhyNotWritten(device->filePath);
     throw Failure("The PIN of device " + name + " could not be changed: " + why + ".",
                   StillHolds(session, former)
