@@ -1,6 +1,5 @@
-// New devices. The file is written without a name and gets it when it is complete; where the file
-// system does not know files without names, it is written under its name, and a crash on the way
-// leaves a file that no scan accepts.
+// New devices. A crash on the way leaves no file, or, where the file system does not know files
+// without names, one that no scan accepts.
 #include "device/create.h"
 
 #include "device/anchor.h"
@@ -94,65 +93,20 @@ static int CheckFolder(const char* serialNumber) {
   return result;
 }
 
-static bool WriteAll(int fd, const unsigned char* bytes, size_t length) {
-  while (length > 0) {
-    const ssize_t written = write(fd, bytes, length);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    length -= static_cast<size_t>(written);
-  }
-  return fsync(fd) == 0;
-}
-
-// What linking a nameless file can't do here is tried in the plain way.
-static bool NeedsPlainWay(int cause) {
-  return cause == EOPNOTSUPP || cause == EISDIR || cause == ENOENT || cause == EPERM ||
-         cause == EINVAL || cause == ENOSYS;
-}
-
-// 1, 0 with errno set, -6; NOT_HERE when the file system, or a missing /proc, does not allow it.
-static constexpr int NOT_HERE = -31;
-static int WriteNameless(const char* path, const unsigned char* image, size_t size) {
-  const Descriptor file(open(g_keyFolder, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-  if (file.fd < 0) return NeedsPlainWay(errno) ? NOT_HERE : VAKRO_FAILED;
-  if (!WriteAll(file.fd, image, size)) return VAKRO_FAILED;
-  char link[40];
-  snprintf(link, sizeof link, "/proc/self/fd/%d", file.fd);
-  if (linkat(AT_FDCWD, link, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0) return VAKRO_OK;
-  if (errno == EEXIST) return VAKRO_ALREADY_EXISTS;
-  return NeedsPlainWay(errno) ? NOT_HERE : VAKRO_FAILED;
-}
-
-static int WriteNamed(const char* path, const unsigned char* image, size_t size) {
-  const Descriptor file(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (file.fd < 0) return errno == EEXIST ? VAKRO_ALREADY_EXISTS : VAKRO_FAILED;
-  if (WriteAll(file.fd, image, size)) return VAKRO_OK;
-  const int cause = errno;
-  unlink(path);
-  errno = cause;
-  return VAKRO_FAILED;
-}
-
 int StoreNewDevice(const Device* device) {
   if (!MakeFolder(g_keyFolder)) return VAKRO_FAILED;
   const int room = CheckFolder(device->serialNumber);
   if (room != VAKRO_OK) return room;
   // A backup would one day take the place of the file.
   if (access(device->backupPath, F_OK) == 0) return VAKRO_ALREADY_EXISTS;
-  unsigned int size = 0;
-  const UtilBytes image = MakeRecordImage(device, &size);
-  if (!image) {
+  FileImage image;
+  image.bytes = MakeRecordImage(device, &image.size);
+  if (!image.bytes) {
     errno = ENOMEM;
     return VAKRO_FAILED;
   }
-  int written = WriteNameless(device->filePath, image.get(), size);
-  if (written == NOT_HERE) written = WriteNamed(device->filePath, image.get(), size);
-  if (written != VAKRO_OK || SyncFolder(device->filePath)) return written;
-  const int cause = errno;
-  unlink(device->filePath);
-  errno = cause;
-  return VAKRO_FAILED;
+  const int written = WriteNewFile(device->filePath, image);
+  return written == -1 ? VAKRO_FAILED : written;
 }
 
 int CreateDevice(const char* serialNumber, const char* label, const char* pin, char** path) {

@@ -117,19 +117,21 @@ bool WriteOut(const File& file, const unsigned char* data, unsigned int length) 
   return file && WriteBytes(file, data, length) && FlushToStorage(file);
 }
 
-int OpenFolderOf(const char* path) {
+static bool FolderOf(const char* path, char (&folder)[PATH_MAX]) {
   const char* slash = path != nullptr ? strrchr(path, '/') : nullptr;
-  char folder[PATH_MAX] = ".";
-  if (slash != nullptr) {
-    const auto length = static_cast<size_t>(slash - path) + 1;  // "/" itself stays
-    if (length >= sizeof(folder)) {
-      errno = ENAMETOOLONG;
-      return -1;
-    }
-    memcpy(folder, path, length);
-    folder[length] = '\0';
+  const size_t length = slash != nullptr ? static_cast<size_t>(slash - path) + 1 : 0;
+  if (length >= sizeof(folder)) {
+    errno = ENAMETOOLONG;
+    return false;
   }
-  return open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  memcpy(folder, length > 0 ? path : ".", length > 0 ? length : 1);  // "/" itself stays
+  folder[length > 0 ? length : 1] = '\0';
+  return true;
+}
+
+int OpenFolderOf(const char* path) {
+  char folder[PATH_MAX];
+  return FolderOf(path, folder) ? open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
 }
 
 // Of what this process has not just written, a read-only file system need not be told.
@@ -145,16 +147,49 @@ bool SyncFile(const char* path) {
   return file.fd >= 0 && SyncAll(file.fd) && SyncFolder(path);
 }
 
-int WriteNewFile(const char* path, const FileImage& image) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
-  if (fd < 0) return errno == EEXIST ? VAKRO_ALREADY_EXISTS : -1;
-  File file(fdopen(fd, "wb"));
+// What linking a nameless file can't do here is tried in the plain way. EACCES is the answer of
+// /proc to a process that lets no other look into it.
+static bool NeedsPlainWay(int cause) {
+  return cause == EACCES || cause == EOPNOTSUPP || cause == EISDIR || cause == ENOENT ||
+         cause == EPERM || cause == EINVAL || cause == ENOSYS;
+}
+
+// WriteNameless gives the file its name when it is complete. 0 when it must be tried in the plain
+// way: the file system, or a /proc that is missing or shut, does not allow it.
+static int WriteNameless(const char* path, const FileImage& image) {
+  char folder[PATH_MAX];
+  if (!FolderOf(path, folder)) return -1;
+  const int fd = open(folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, OWNER_ONLY);
+  if (fd < 0) return NeedsPlainWay(errno) ? 0 : -1;
+  const File file(fdopen(fd, "wb"));
   if (!file) close(fd);
-  if (WriteOut(file, image.bytes.get(), image.size) && SyncFolder(path)) return 1;
+  if (!WriteOut(file, image.bytes.get(), image.size)) return -1;
+  char link[40];
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+  if (linkat(AT_FDCWD, link, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0) return 1;
+  if (errno == EEXIST) return VAKRO_ALREADY_EXISTS;
+  return NeedsPlainWay(errno) ? 0 : -1;
+}
+
+static int RemoveAfterFailure(const char* path) {
   const int why = errno;
   remove(path);
   errno = why;
   return -1;
+}
+
+static int WriteNamed(const char* path, const FileImage& image) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OWNER_ONLY);
+  if (fd < 0) return errno == EEXIST ? VAKRO_ALREADY_EXISTS : -1;
+  const File file(fdopen(fd, "wb"));
+  if (!file) close(fd);
+  return WriteOut(file, image.bytes.get(), image.size) ? 1 : RemoveAfterFailure(path);
+}
+
+int WriteNewFile(const char* path, const FileImage& image) {
+  int written = WriteNameless(path, image);
+  if (written == 0) written = WriteNamed(path, image);
+  return written != 1 || SyncFolder(path) ? written : RemoveAfterFailure(path);
 }
 
 int CopyFileData(const char* source, const char* destination) {

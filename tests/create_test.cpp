@@ -25,6 +25,16 @@ TEST_F(CreateTest, ANewDeviceIsThereWithItsPin) {
   EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, "1234", nullptr), 1);
 }
 
+TEST_F(CreateTest, WhereAFileCannotBeLinkedItIsWrittenUnderItsName) {
+  for (const int why : {EACCES, ENOENT, EOPNOTSUPP}) {
+    const Hook hook{[&](const ImportCall& call) { return call.name == "linkat" ? why : 0; }};
+    EXPECT_EQ(CreateDevice(nullptr, "office", nullptr, nullptr), 1) << strerror(why);
+  }
+  const Hook hook{Fault{"linkat"}};
+  EXPECT_EQ(CreateDevice(nullptr, "office", nullptr, nullptr), 0);
+  EXPECT_EQ(List().size(), 3u);
+}
+
 TEST_F(CreateTest, WithoutAPinTheFirstOneCounts) {
   ASSERT_EQ(CreateDevice("1", "empty", nullptr, nullptr), 1);
   EXPECT_EQ(Rescan()->keypairCount, 0);
