@@ -230,32 +230,29 @@ static bool IsSameState(const struct stat& a, const struct stat& b) {
          a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-static long Now() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
 void Pause(long milliseconds) {
-  const struct timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1000000};
-  nanosleep(&pause, nullptr);  // a signal may cut it short
+  struct timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+  while (nanosleep(&pause, &pause) != 0 && errno == EINTR) continue;  // a signal cut it short
 }
 
 LockResult FileLock::Take(const char* path, const char* backupPath) {
   LockResult result = Try(path);
   if (result != LockResult::BUSY) return result;
   Signs last = LookAt(path, backupPath);
-  long since = Now();
+  // What is counted are our own pauses: where nobody gets on, since the machine is busy or asleep,
+  // it is no holder's fault.
+  long waited = 0;
   for (long pause = SHORTEST_PAUSE;;
        pause = pause * 2 < LONGEST_PAUSE ? pause * 2 : LONGEST_PAUSE) {
     Pause(pause);
+    waited += pause;
     result = Try(path);
     if (result != LockResult::BUSY) return result;
     const Signs now = LookAt(path, backupPath);
     if (!IsSameState(now.file, last.file) || !IsSameState(now.backup, last.backup)) {
       last = now;
-      since = Now();
-    } else if (Now() - since >= g_lockPatience) {
+      waited = 0;
+    } else if (waited >= g_lockPatience) {
       errno = ETIMEDOUT;
       return LockResult::BUSY;
     }

@@ -130,20 +130,26 @@ TEST_F(LocksTest, AHolderThatStopsInTheMiddleOfAWrite) {
   EXPECT_TRUE(Read("dev") == old && !Exists("dev.bak"));
 }
 
-// With no patience at all, it is waited for a holder that gets on; how long is counted, not timed.
+// Patience begins anew when the holder gets on. It is used up in pauses, which nobody sleeps here.
 TEST_F(LocksTest, AHolderThatGetsOnIsWaitedFor) {
+  g_lockPatience = 1000;
   FileLock lock;
   const pid_t holder = Stopped([&] { EXPECT_EQ(lock.Try(device_->filePath), LockResult::HELD); });
   int pauses = 0;
   const Hook hook{[&](const ImportCall& call) {
     if (call.name != "nanosleep") return 0;
     pauses++;
-    Write("dev.bak", std::string(static_cast<size_t>(pauses), 'x'));  // as if it was the holder's
-    if (pauses == 20) End(holder);
-    return 0;
+    if (pauses < 100 && pauses % 15 == 0)
+      Write("dev.bak", std::string(static_cast<size_t>(pauses), 'x'));
+    if (pauses == 100) End(holder);
+    return ENOSYS;
   }};
   EXPECT_EQ(Create(1), 1);
-  EXPECT_GE(pauses, 20);
+  EXPECT_EQ(pauses, 100);
+  FileLock other;
+  EXPECT_EQ(other.Try(device_->filePath), LockResult::HELD);
+  EXPECT_EQ(Create(2), 0);
+  EXPECT_LT(pauses, 100 + 30) << "less than a second and a half";
 }
 
 TEST_F(LocksTest, AParentThatIsKilledLeavesNoLockWithItsChild) {
@@ -208,6 +214,38 @@ TEST_F(LocksTest, ALockThatCannotBeHadFailsTheCallAndAFileSystemWithoutLocksDoes
     EXPECT_EQ(Read("dev") != before, want == 1);
     EXPECT_GE(calls, 1);
   }
+}
+
+// The file's lock comes after the module's: a call that can't have that leaves the file alone.
+TEST_F(LocksTest, NoFileIsLockedWithoutTheModuleLock) {
+  for (const Call& call : AllCalls()) {
+    if (!call.changes) continue;
+    SCOPED_TRACE(call.what);
+    const DeviceHandle device = Prepare(call);
+    const Fault unlocked{.name = "vakro_lock_lock", .andLater = true};
+    int locks = 0;
+    const Hook counter{
+        [&](const ImportCall& made) { return made.name == "fcntl" ? ++locks, 0 : 0; }};
+    const Hook hook{unlocked};
+    EXPECT_EQ(call.run(device.get()), 0);
+    EXPECT_EQ(locks, 0);
+  }
+}
+
+// A file system that can't sync does what it can; a disk that fails makes the call fail, be it the
+// file's bytes that were not kept or its name.
+TEST_F(LocksTest, AFileSystemThatCannotSyncIsWorkedWithout) {
+  int id = 1;
+  for (const char* name : {"fdatasync", "fsync"})
+    for (const auto& [error, want] :
+         {std::pair(EINVAL, 1), {EOPNOTSUPP, 1}, {ENOSYS, 1}, {EINTR, 1}, {EIO, 0}}) {
+      bool isStruck = false;
+      const Hook hook{[&, error = error](const ImportCall& call) {
+        return call.name == name && !std::exchange(isStruck, true) ? error : 0;
+      }};
+      EXPECT_EQ(Create(id++), want) << name << ": " << strerror(error);
+      EXPECT_TRUE(isStruck);
+    }
 }
 
 TEST_F(LocksTest, APipeThatTakesTheFilesPlaceHangsNobody) {
