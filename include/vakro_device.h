@@ -163,8 +163,9 @@ int DeviceVerifyPwd(Device* device, int type, const char* pin, int* retries);
 // Verifies the device by `oldPin` first if need be. Results as DeviceVerifyPwd; 0 also when the
 // file could not be rewritten: the record then holds the new PIN, the file still the old one. 0
 // with record and file untouched when the file has a keypair more or fewer than the record, or one
-// under another PIN: another process has changed it; load the device anew. It stays so for a file
-// with a keypair that no load takes: a 65th, or one with more than 10 certificates.
+// under another PIN: another process has changed it; load the device anew. (No load takes a 65th
+// keypair, or one with more than 10 certificates: with those it stays 0.) Certificates that the
+// file has are taken over.
 int DeviceChangePwd(Device* device, int type, const char* oldPin, const char* newPin, int* retries);
 
 // --- Data objects ---------------------------------------------------------------------------
@@ -192,6 +193,9 @@ int DeviceDeleteData(Device* device, int id);
 // --- Keypairs and certificates --------------------------------------------------------------
 // The plain getters take no lock. On a NULL handle those that return a status or a count give -2,
 // the others 0.
+//
+// A change is made to the device file as it is by now, whatever other processes have stored since
+// this record was loaded. 0, with file and record untouched, when the file's digest is wrong.
 
 int DeviceGetKeypairCount(Device* device);
 
@@ -217,16 +221,20 @@ int DeviceGetCertificateCount(Keypair* keypair);
 int DeviceGetCertificate(Keypair* keypair, int index, unsigned char* buffer, int size, int* length);
 
 // DeviceAddCertificate appends a certificate, unparsed, at most 10 to a keypair; the device file
-// is written first. Returns 1; -8 PIN not verified; 0 refused or failed, nothing changed. The
-// device file keeps one copy of equal certificates.
+// is written first. If the file has other certificates of this keypair, the record takes those over
+// first. Returns 1; -8 PIN not verified; 0 refused or failed, nothing changed. The device file
+// keeps one copy of equal certificates.
 int DeviceAddCertificate(Keypair* keypair, const unsigned char* bytes, int length);
 
-// DeviceDeleteCertificate removes certificate `index`. Returns 1, -8 or 0 as above.
+// DeviceDeleteCertificate removes certificate `index` of the record, wherever it stands in the
+// file's list, which the record takes over as above. Returns 1, also when it was gone already; -8
+// or 0 as above.
 int DeviceDeleteCertificate(Keypair* keypair, int index);
 
-// DeviceDeleteKeypair removes the keypair from its device and file; the file must never have held
-// data objects. `keypair` must be the only handle to it and is still to be given back. Returns 1;
-// -8 PIN not verified; 0 temporary keypair or failure, nothing changed.
+// DeviceDeleteKeypair removes the keypair from its device and file, where it may stand under
+// another PIN by now; the file must never have held data objects. `keypair` must be the only handle
+// to it and is still to be given back. Returns 1; -8 PIN not verified; 0 temporary keypair or
+// failure, nothing changed.
 int DeviceDeleteKeypair(Keypair* keypair);
 
 // DeviceGenerateKeypair makes a keypair, encrypts it under the PIN, stores it in the device file
@@ -236,9 +244,11 @@ int DeviceDeleteKeypair(Keypair* keypair);
 //   parameters  RSAKeypairParams (may be NULL) or ECCKeypairParams (required)
 //   type        the caller's value, not 0; with `label` it is unique on the device
 //   label       NUL-terminated, at most 63 characters
-// Returns 1; -6 type and label exist; -8 PIN not verified; -9 other algorithm; 0 failure, with
-// device and file unchanged. The module lock is not held while the key is made: what has changed
-// meanwhile counts, so that another thread's keypair of this type and label gives -6 here.
+// Returns 1; -6 type and label exist, here or in the file, where another process may have stored
+// them; -8 PIN not verified; -9 other algorithm; 0 failure, also when the PIN does not open what
+// the file holds by now; device and file are unchanged then. The module lock is not held while the
+// key is made: what has changed meanwhile counts, so that another thread's keypair of this type and
+// label gives -6 here.
 // WARNING: a stored keypair on P-192, P-224, P-384 or P-521 gives 1 and leaves a device that no PIN
 // opens after the next load (see VakroCurve).
 int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, const void* parameters,

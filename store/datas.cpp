@@ -7,6 +7,7 @@ static constexpr int SPARE_SLOTS = 8;  // a caller appends without growing the a
 // --- One object ----------------------------------------------------------------------------------
 
 Data* Json2Data(VakroJson* item) {
+  if (!IsArray(item)) return nullptr;
   OwnedData data(static_cast<Data*>(vakro_malloc(sizeof(Data), "json", __LINE__)));
   if (!data) return nullptr;
   *data = {};

@@ -152,7 +152,9 @@ static void InspectDatas(VakroJson* list, const Teller& tell) {
       continue;
     }
     for (int k = 0; k < i; k++) {
-      const VakroJson* earlier = vakro_json_getarrayitem(vakro_json_getarrayitem(list, k), DATA_ID);
+      VakroJson* other = vakro_json_getarrayitem(list, k);
+      if (!IsArray(other)) continue;
+      const VakroJson* earlier = vakro_json_getarrayitem(other, DATA_ID);
       if (!SameNumber(earlier, vakro_json_getarrayitem(item, DATA_ID))) continue;
       tell({.fault = Fault::SAME_DATA, .at = i});
       break;
