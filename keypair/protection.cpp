@@ -38,18 +38,16 @@ struct CipherInputs {
 }  // namespace
 
 bool CipherInputs::Derive(const char* pin, unsigned int fileTag, const Keypair* keypair) {
-  // An iv from a file may have any length.
+  // In a file both may have any length, and NULL may stand for none.
   const int ivLen = keypair->ivLen;
-  if (keypair->salt == nullptr || keypair->iv == nullptr || ivLen < 0 ||
-      ivLen > MAX_NONCE_SIZE - NONCE_PREFIX_SIZE)
-    return false;
+  if (ivLen < 0 || ivLen > MAX_NONCE_SIZE - NONCE_PREFIX_SIZE) return false;
   const size_t pinLen = strlen(pin);
   if (pinLen > INT_MAX) return false;
   if (PKCS5_PBKDF2_HMAC(pin, static_cast<int>(pinLen), keypair->salt, keypair->saltLen,
                         PBKDF2_ITERATIONS, EVP_sha512(), MATERIAL_SIZE, material.bytes) != 1)
     return false;
   memcpy(nonce.bytes, material.bytes + CIPHER_KEY_SIZE, NONCE_PREFIX_SIZE);
-  memcpy(nonce.bytes + NONCE_PREFIX_SIZE, keypair->iv, static_cast<size_t>(ivLen));
+  if (ivLen > 0) memcpy(nonce.bytes + NONCE_PREFIX_SIZE, keypair->iv, static_cast<size_t>(ivLen));
   int2be(fileTag, aad);
   memcpy(aad + 4, AAD_TEXT, AAD_TEXT_SIZE);
   params = {TAG_SIZE, nonce.bytes, NONCE_PREFIX_SIZE + ivLen, aad, sizeof(aad)};

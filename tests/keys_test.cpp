@@ -31,6 +31,15 @@ TEST_F(KeysTest, APrivateKeyIsSealedUnderPinSaltAndTag) {
   }
 }
 
+TEST_F(KeysTest, SaltAndIvMayBeEmpty) {
+  Write("dev", StoredDevice{.keypairs = {StoredKeypair{.salt = "", .iv = ""}.Json()}}.File());
+  EXPECT_NE(Rescan(PIN), nullptr);
+  const DeviceHandle device = Rescan();
+  for (unsigned char** bytes : {&device->keypairs[0]->salt, &device->keypairs[0]->iv})
+    vakro_free(std::exchange(*bytes, nullptr));  // as a decoder may hand out no bytes
+  EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, PIN, nullptr), 1);
+}
+
 TEST_F(KeysTest, The65thKeypairIsIgnoredAndRefused) {
   StoredDevice stored = {.keypairs = {}};
   for (int i = 11; i <= 80; i++) stored.keypairs.push_back(StoredKeypair{.type = i}.Json());
