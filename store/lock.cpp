@@ -133,6 +133,9 @@ LockResult FileLock::TryBeside(const char* path, const struct stat& device) {
   if (SetLock(beside_.fd, F_WRLCK) != 0) return WhyNotBeside();
   struct stat opened, named;
   if (fstat(beside_.fd, &opened) != 0) return LockResult::FAILED;
+  // In a folder where all may make files a stranger could exchange his under the lock.
+  if (opened.st_uid != geteuid() && opened.st_uid != device.st_uid && opened.st_uid != 0)
+    return LockResult::BUSY;
   if (lstat(beside, &named) != 0 || !IsSameFile(opened, named)) return LockResult::BUSY;
   if (!S_ISREG(opened.st_mode) || opened.st_size != 0) return LockResult::FAILED;  // not ours
   isBesideOurs_ = true;

@@ -88,7 +88,35 @@ TEST_F(LocksTest, WhoMayOnlyReadTheFileStopsNobody) {
   Write("dev.lock", "precious");
   EXPECT_EQ(Create(4), 0);
   EXPECT_EQ(Read("dev.lock"), "precious");
+  Write("dev.lock", "");
+  if (chown(Path("dev.lock").c_str(), 65534, 65534) == 0) {
+    EXPECT_EQ(Create(4), 0) << "a stranger's";
+  }
   close(reader);
+}
+
+// Both ways to the lock are taken in turn, by several at once, and exclude each other.
+TEST_F(LocksTest, NothingIsLostWhileAReaderComesAndGoes) {
+  constexpr int PROCESSES = 6, OBJECTS = 100;
+  g_lockPatience = patience_;
+  const pid_t reader = Fork([&] {
+    for (;; usleep(300)) {
+      const int file = open(device_->filePath, O_RDONLY);
+      struct flock lock = {};
+      lock.l_type = F_RDLCK;
+      fcntl(file, F_OFD_SETLK, &lock);
+      usleep(300);
+      close(file);
+    }
+  });
+  std::vector<pid_t> writers;
+  for (int first = 1; first <= PROCESSES * OBJECTS; first += OBJECTS)
+    writers.push_back(Fork([&] {
+      for (int id = first; id < first + OBJECTS; id++) EXPECT_EQ(Create(id), 1);
+    }));
+  for (const pid_t writer : writers) EXPECT_EQ(WaitFor(writer), 0);
+  End(reader);
+  for (int id = 1; id <= PROCESSES * OBJECTS; id++) EXPECT_EQ(ReadSize(id), 1) << id;
 }
 
 TEST_F(LocksTest, AStoppedHolderDelaysWritersOfThisFileOnly) {

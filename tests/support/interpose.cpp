@@ -198,7 +198,7 @@ constexpr char NEVER_FAIL[] =
     "EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen|EVP_sha512|"
     "EVP_aes_256_gcm|EVP_PKEY_get_id|EVP_PKEY_get_bits|EVP_sm3|EVP_sha*|RSA_*_PKCS1_*|"
     "X509_check_ca|BN_cmp|RAND_add|OPENSSL_init_crypto|syscall|qsort|gmtime_r|secure_getenv|"
-    "faccessat)";
+    "faccessat|geteuid)";
 
 // --- The patch -----------------------------------------------------------------------------------
 
