@@ -217,6 +217,39 @@ TEST_F(Pkcs11Test, WhatWasSetReadsBack) {
   }
 }
 
+TEST_F(Pkcs11Test, TemplatesAreJudged) {
+  const Library p11(folder_, "CKK_SM2=0x80001234 CKM_SM3=0x80005678");
+  MakeToken(p11);
+  const Client client(p11);
+  const auto expect = [&](CK_RV want, Wanted& wanted) { client.Create(wanted, want); };
+  expect(CKR_TEMPLATE_INCOMPLETE, Wanted().Text(CKA_VALUE, "no class"));
+  expect(CKR_ATTRIBUTE_VALUE_INVALID, Wanted().Text(CKA_CLASS, "a short one"));
+  expect(CKR_ATTRIBUTE_TYPE_INVALID, Wanted().Number(CKA_CLASS, CKO_DATA).Text(CKA_MODULUS, "x"));
+  expect(CKR_ATTRIBUTE_VALUE_INVALID, Wanted().Number(CKA_CLASS, CKO_DATA).Text(CKA_TOKEN, "xx"));
+  expect(CKR_TEMPLATE_INCONSISTENT,
+         Wanted().Number(CKA_CLASS, CKO_DATA).Text(CKA_LABEL, "one").Text(CKA_LABEL, "other"));
+  // Without the header of an OCTET STRING this point begins as one with it would.
+  std::string point;
+  while (point.size() != 65 || point[1] != 0x3f) {
+    const EvpKey key(EVP_EC_gen("P-256"));
+    point.resize(65);
+    size_t size = 0;
+    EXPECT_EQ(EVP_PKEY_get_octet_string_param(key.get(), "pub", Bytes(point), 65, &size), 1);
+  }
+  Wanted key;
+  key.Number(CKA_CLASS, CKO_PUBLIC_KEY).Number(CKA_KEY_TYPE, CKK_EC).Text(CKA_EC_PARAMS, P256);
+  EXPECT_EQ(client.Get(client.Create(key.Text(CKA_EC_POINT, point)), CKA_EC_POINT),
+            "\4\x41" + point);
+  // The numbers that were asked for are those of SM2 and SM3.
+  CK_MECHANISM_INFO info;
+  EXPECT_EQ(p11->C_GetMechanismInfo(p11.Slots().at(0), 0x80005678, &info), CKR_OK);
+  CK_MECHANISM generate = {CKM_VENDOR_DEFINED | 0x534D20, nullptr, 0};
+  CK_OBJECT_HANDLE priv = 0, pub = 0;
+  EXPECT_EQ(p11->C_GenerateKeyPair(client.session, &generate, nullptr, 0, nullptr, 0, &pub, &priv),
+            CKR_OK);
+  EXPECT_EQ(client.Find(Wanted().Number(CKA_KEY_TYPE, 0x80001234)).size(), 2u);
+}
+
 TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
   const Library p11(folder_);
   MakeToken(p11);

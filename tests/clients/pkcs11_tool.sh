@@ -60,6 +60,8 @@ printf 'x' | dd of=cipher conv=notrunc seek=100 bs=1 status=none
 refused "a damaged ciphertext" decrypts RSA-PKCS-OAEP --hash-algorithm SHA512 --mgf MGF1-SHA512
 
 # --- Objects in and out ---
+check "gives out a public key" tool --read-object --type pubkey --id 01 --output-file rsa.der
+check "as it is" cmp rsa.der <(openssl pkey -pubin -in rsa.pem -outform DER)
 openssl req -x509 -newkey rsa:2048 -nodes -keyout imported.key -out imported.crt -subj /CN=imported \
   -days 2 2>/dev/null
 openssl x509 -in imported.crt -outform DER -out imported.crt.der
