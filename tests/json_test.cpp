@@ -76,6 +76,18 @@ TEST(JsonTest, SeesEveryByteOfAString) {
     }
 }
 
+TEST(JsonTest, TellsWantOfMemoryFromAFaultOfTheText) {
+  for (const std::string text : {"1", "[]", "[[1,\"a\"],[2,{\"b\":3}]]"}) {
+    Json read;
+    for (int nth = 1; read == nullptr; nth++) {
+      read = WithFault({.name = "vakro_malloc", .nth = nth}, [&] { return Decode(text); });
+      EXPECT_TRUE(read != nullptr || errno == ENOMEM) << text << ", allocation " << nth;
+      ASSERT_LT(nth, 100);
+    }
+    EXPECT_EQ(Encode(read.get()), text);
+  }
+}
+
 // A copy shares nothing that a change could reach, wherever in a tree the changed array stands.
 TEST(JsonTest, DecodedTreesCanBeChanged) {
   const std::string text = "[1,[[2,\"b\"],[]],{\"c\":[3]}]";
