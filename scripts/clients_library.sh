@@ -43,13 +43,13 @@ says() {
 tool() { pkcs11-tool --module "$module" --token-label "$token" "$@"; }
 user() { tool --login --pin "$pin" "$@"; }
 
-# generate TYPE ID LABEL: a keypair of the token, and its public key in the file LABEL.pem. Read by
-# another program, for pkcs11-tool 0.23 reads EC keys from memory that it has given back, and fails
-# now and then.
+# generate TYPE ID LABEL: a keypair of the token, and its public key in the file LABEL.pem. Read twice
+# if need be: pkcs11-tool 0.23 takes EC keys from memory that it has given back, with any module, and
+# fails now and then.
 generate() {
-  user --keypairgen --key-type "$1" --id "$2" --label "$3" &&
-    p11tool --provider "$module" --batch --export-pubkey "pkcs11:token=$token;object=$3;type=public" \
-      --outfile "$3.pem"
+  local read=(tool --read-object --type pubkey --id "$2" --output-file "$3.der")
+  user --keypairgen --key-type "$1" --id "$2" --label "$3" && { "${read[@]}" || "${read[@]}"; } &&
+    openssl pkey -pubin -inform DER -in "$3.der" -out "$3.pem"
 }
 
 # uri TYPE LABEL: of an object, with the PIN where it is a private key.
