@@ -13,8 +13,7 @@
 
 // What a look at a file, or at something in it, says.
 //   BAD      it is missing, damaged, or not what was looked for
-//   UNKNOWN  a passing failure (memory, a descriptor, a read error, a lock): it may well be good,
-//   so
+//   UNKNOWN  a passing failure (memory, a descriptor, a read error, a lock): it may be good, and
 //            nothing may take its place
 enum class ReadResult { BAD = 0, GOOD = 1, UNKNOWN = -1 };
 
