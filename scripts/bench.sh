@@ -1,5 +1,5 @@
 #!/bin/sh
-# Builds the release preset, runs the benchmarks and prints the table of ratios (about 3 minutes).
+# Builds the release preset, runs the benchmarks and prints the table of ratios (about 5 minutes).
 # `scripts/setup.sh --bench` installs the libraries that some rows stand beside, and what --doc needs.
 #   --quick         every operation once, on small folders: only shows that all of them work
 #   --doc           also puts table and chart into docs/performance.md and docs/performance.svg

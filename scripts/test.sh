@@ -2,7 +2,7 @@
 # Sets up, builds and runs the release tests: an answer in about 4 minutes on two processors.
 #   scripts/test.sh --all      also with the address and undefined-behaviour sanitizers, with the
 #                              thread sanitizer, 20 seconds of each fuzz target, and the programs
-#                              of scripts/clients.sh: 25 minutes
+#                              of scripts/clients.sh: 16 minutes
 #   scripts/test.sh PRESET...  with these presets instead, such as asan
 # Ends with the number of tests that have passed and failed. The long forms are scripts/long.sh's.
 set -euo pipefail
