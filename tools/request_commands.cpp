@@ -185,9 +185,13 @@ static void SelfSign(const Target& target, const RequestOptions& options) {
     output.Write(CertificatePem(der));
   }
   if (!options.store) return;
-  RequireChange(session.device.get(),
-                DeviceAddCertificate(keypair, der.data(), static_cast<int>(der.size())),
-                "store the certificate on the device");
+  NoteChange("the certificate is written to " +
+             (output.isStandard() ? "standard output" : output.path));
+  ChangeDevice(session, "store the certificate on the device", [&](const DeviceChange& change) {
+    Keypair* stored = SameKeypairIn(change.device, keypair);
+    RequireRoom(stored);
+    AppendCertificate(stored, der);
+  });
 }
 
 // --- Options -------------------------------------------------------------------------------------
