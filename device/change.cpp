@@ -154,51 +154,7 @@ int CommitChange(DeviceChange& change) {
 
 Device* TakeRecord(DeviceChange& change) { return std::exchange(change.device, nullptr); }
 
-// --- Whole changes -------------------------------------------------------------------------------
-
-// FindKeypair returns where the device has the keypair of this label, type and public key, or -1.
-static int FindKeypair(const Device* device, const Keypair* keypair) {
-  for (int i = 0; i < device->keypairCount; i++) {
-    const Keypair* other = device->keypairs[i];
-    if (other->type == keypair->type && strcmp(other->label, keypair->label) == 0 &&
-        IsSame(other->publicKey, other->publicKeyLen, keypair->publicKey, keypair->publicKeyLen))
-      return i;
-  }
-  return -1;
-}
-
-int DeleteStoredKeypair(const Keypair* keypair) {
-  DeviceChange change;
-  const int begun = BeginChange(keypair->device->filePath, change);
-  if (begun != 1) return begun;
-  int index = FindKeypair(change.device, keypair);
-  if (index < 0) return VAKRO_NO_SUCH_DATA;
-  for (; index >= 0; index = FindKeypair(change.device, keypair)) {
-    const OwnedKeypair deleted(change.device->keypairs[index]);
-    DeleteKeypairFromDevice(change.device, deleted.get());
-  }
-  return CommitChange(change);
-}
-
-int RelabelStoredKeypair(const Keypair* keypair, const char* label) {
-  if (strlen(label) >= NAME_SIZE) return VAKRO_FAILED;
-  DeviceChange change;
-  const int begun = BeginChange(keypair->device->filePath, change);
-  if (begun != 1) return begun;
-  const int index = FindKeypair(change.device, keypair);
-  if (index < 0) return VAKRO_NO_SUCH_DATA;
-  memcpy(change.device->keypairs[index]->label, label, strlen(label) + 1);
-  return CommitChange(change);
-}
-
-int RenameStoredDevice(const char* path, const char* label) {
-  if (strlen(label) >= NAME_SIZE) return VAKRO_FAILED;
-  DeviceChange change;
-  const int begun = BeginChange(path, change);
-  if (begun != 1) return begun;
-  memcpy(change.device->label, label, strlen(label) + 1);
-  return CommitChange(change);
-}
+// --- Copies --------------------------------------------------------------------------------------
 
 int CopyDeviceFile(const char* path, const char* destination) {
   FileImage image;

@@ -59,13 +59,6 @@ int CommitChange(DeviceChange& change);
 // TakeRecord hands the record over to the caller. It is that of the file after a commit of 1.
 Device* TakeRecord(DeviceChange& change);
 
-// The following are whole changes; records that the caller has are not touched. The keypair is
-// found by label, type and public key, under whatever PIN it stands by now. All return 1; 0; -1 for
-// a passing failure at the begin; those on keypairs -7 when the file does not hold it.
-int DeleteStoredKeypair(const Keypair* keypair);
-int RelabelStoredKeypair(const Keypair* keypair, const char* label);  // -6: the label is taken
-int RenameStoredDevice(const char* path, const char* label);
-
 // CopyDeviceFile writes the file's content, once its digest is right, to a new file that is its
 // owner's alone, bytes and name on stable storage. Nothing is restored. Returns 1; 0 when the file
 // is missing or damaged; -6 when `destination` exists; -1.

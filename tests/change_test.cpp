@@ -42,26 +42,27 @@ TEST_F(ChangeTest, WritesWhatWasEditedAndKeepsTheRest) {
 }
 
 TEST_F(ChangeTest, DeletesAKeypairBesideDataObjects) {
-  EXPECT_EQ(DeleteStoredKeypair(device_->keypairs[1]), 1);
-  EXPECT_EQ(DeleteStoredKeypair(device_->keypairs[1]), -7);
+  DeviceChange change;
+  ASSERT_EQ(BeginChange(path_.c_str(), change), 1);
+  const OwnedKeypair deleted(change.device->keypairs[1]);
+  DeleteKeypairFromDevice(change.device, deleted.get());
+  EXPECT_EQ(CommitChange(change), 1);
   const std::string rsa = StoredKeypair{.label = "RSA", .key = &TestRsa()}.Json();
   EXPECT_EQ(TextOf(Read("dev")), Replaced(text_, "," + rsa, ""));
 }
 
 TEST_F(ChangeTest, RefusesWhatTheFileCannotHold) {
-  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], "RSA"), -6);
-  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], std::string(64, 'x').c_str()), 0);
-  EXPECT_EQ(RenameStoredDevice(path_.c_str(), std::string(64, 'x').c_str()), 0);
-  EXPECT_EQ(RenameStoredDevice(Path("none").c_str(), "x"), 0);
-  EXPECT_EQ(TextOf(Read("dev")), text_);
-  {
+  for (const bool isCommitted : {true, false}) {
     DeviceChange change;
     ASSERT_EQ(BeginChange(path_.c_str(), change), 1);
-    change.device->label[0] = 'x';  // and no commit
+    memcpy(First(change)->label, "RSA", 4);
+    if (isCommitted) {
+      EXPECT_EQ(CommitChange(change), VAKRO_ALREADY_EXISTS);
+    }
   }
+  DeviceChange change;
+  EXPECT_EQ(BeginChange(Path("none").c_str(), change), 0);
   EXPECT_EQ(TextOf(Read("dev")), text_);
-  EXPECT_EQ(RelabelStoredKeypair(device_->keypairs[0], "other"), 1);
-  EXPECT_EQ(RenameStoredDevice(path_.c_str(), "other"), 1);
 }
 
 TEST_F(ChangeTest, KeysAreTakenOverOrDecryptedAnew) {

@@ -2,6 +2,7 @@
 """Plays a session of data/softdevice.txt with the built program: softdevice_test.py TITLE"""
 import os
 import pathlib
+import subprocess
 import sys
 import tempfile
 import termios
@@ -25,10 +26,10 @@ def read_sessions():
             steps[-1]["status"] = int(text)
         elif mark == ">":
             steps[-1]["says"].append(text)
-        elif mark in ("<", "<+"):
-            steps[-1]["answers"].append((text, mark == "<+"))
         elif mark == "<^":
-            steps[-1]["answers"].append((chr(ord(text) - 64), False))
+            steps[-1]["answers"].append(("<", chr(ord(text) - 64)))
+        elif mark in ("<", "<+", "<!"):
+            steps[-1]["answers"].append((mark, text))
     return sessions
 
 
@@ -46,13 +47,16 @@ def take(line, status, says, answers):
     def answer(said, terminal):
         if not said.endswith(": ") or not left:
             return b""
-        text, echo = left.pop(0)
-        await_echo(terminal, echo)  # the prompt comes first
+        mark, text = left.pop(0)
+        if mark == "<!":
+            subprocess.run(["sh", "-c", text], check=True)
+            mark, text = left.pop(0)
+        await_echo(terminal, mark == "<+")  # the prompt comes first
         return text.encode() + (b"\n" if text >= " " else b"")
 
     said, ended = converse(["sh", "-c", line], answer)
     missing = [text for text in says if text not in said]
-    shown = [text for text, echo in answers if not echo and text in said]
+    shown = [text for mark, text in answers if mark == "<" and text in said]
     if ended != status or left or missing or shown:
         sys.exit(f"$ {line}\n{said}\nstatus {ended}, {left=}, {missing=}, {shown=}")
 

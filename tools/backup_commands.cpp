@@ -63,6 +63,10 @@ static void MakeBackup(const Target& target, const BackupOptions& options) {
   const Session session(target);
   Device* device = session.device.get();
   const std::string path = In(options.folder, CopyName(device));
+  // In the midst of a rewrite the file looks damaged: the lock makes a writer wait. Who may not
+  // write the file can't have it, and copies all the same.
+  DeviceChange held;
+  if (BeginChange(device->filePath, held) == VAKRO_OK) RequireSameDevice(device, held.device);
   errno = 0;
   RequireCopied(CopyDeviceFile(device->filePath, path.c_str()), device->filePath, path);
   Confirm("Copied device " + NameOf(device) + " to " + path + ". The PIN of today opens it.",

@@ -152,21 +152,22 @@ static void Delete(const Target& target, const CertOptions& options) {
   KeypairSession session(target);
   Keypair* keypair = session.keypair.get();
   const Bytes der = CertificateAt(keypair, FindCertificate(keypair, options.which));
-  const SecretText pin = Unlock(session, options.pin);
+  Unlock(session, options.pin);
   RequireYes(options.yes,
              "Certificate " + NameOf(der) + " (" + ShortFingerprint(FingerprintOf(der)) +
                  ") of keypair " + NameOf(session.keypair.get()) + ", device " +
                  NameOf(session.device.get()) + ", will be deleted.",
              "deleted");
-  // Others may have worked while the question stood.
-  session.Reload();
-  Verify(session.device.get(), pin);
-  keypair = session.keypair.get();
-  const int index = FindDer(keypair, der);
-  if (index < 0) throw Failure(EXIT_NOT_FOUND, "The certificate is gone by now.");
-  const Fields facts = CertificateFacts(keypair, index);
-  RequireChange(session.device.get(), DeviceDeleteCertificate(keypair, index),
-                "delete certificate " + NameOf(der));
+  Fields facts;
+  ChangeDevice(session, "delete certificate " + NameOf(der), [&](const DeviceChange& change) {
+    Keypair* stored = SameKeypairIn(change.device, session.keypair.get());
+    const int index = FindDer(stored, der);
+    if (index < 0) throw Failure(EXIT_NOT_FOUND, "The certificate is gone by now.");
+    facts = CertificateFacts(stored, index);
+    FreeCert(stored->certs[index]);
+    std::copy(stored->certs + index + 1, stored->certs + stored->certCount, stored->certs + index);
+    stored->certCount--;
+  });
   Confirm("Deleted certificate " + NameOf(der) + ".", facts);
 }
 

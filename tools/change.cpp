@@ -32,6 +32,7 @@ void ChangeDevice(const Session& session, const std::string& what,
   errno = 0;
   // A passing failure and a damaged file are one to the user: nothing was done, errno says why.
   if (BeginChange(device->filePath, change) != VAKRO_OK) RequireChange(device, VAKRO_FAILED, what);
+  RequireSameDevice(device, change.device);
   TakeOverPin(session, change);
   edit(change);
   errno = 0;

@@ -8,9 +8,11 @@
 
 #include <functional>
 
-// ChangeDevice locks the device file, reads it as it is now and opens it with the PIN that the
-// session has verified, if any. `edit` then works on that record and may fail; what it leaves is
-// written in one rewrite. So all of it reaches the file, or nothing. `what` is as below.
+// ChangeDevice locks the device file, reads it as it is now, makes sure that it is the session's
+// device still and opens it with the PIN that the session has verified, if any. `edit` then works
+// on that record and may fail, also because it finds something else than what the user was shown;
+// what it leaves is written in one rewrite. So all of it reaches the file, or nothing. `what` is as
+// below.
 void ChangeDevice(const Session& session, const std::string& what,
                   const std::function<void(DeviceChange&)>& edit);
 

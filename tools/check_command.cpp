@@ -1,6 +1,7 @@
 // check: what is wrong with device files, and what a scan would do with them. Changes nothing, but
 // with --repair.
 #include "device/change.h"
+#include "store/lock.h"
 #include "store/store.h"
 #include "tools/certificates.h"
 #include "tools/describe.h"
@@ -84,18 +85,11 @@ static void CheckPrivateKey(Keypair* keypair, const SecretText& pin, Findings& f
   }
 }
 
-static void CheckKeypairs(const std::string& path, const CheckOptions& options,
-                          Findings& findings) {
-  unsigned char* raw = nullptr;
-  unsigned int size = 0;
-  if (VerifyDeviceFile(path.c_str(), &raw, &size) != 1) return;
-  const UtilBytes image(raw);
-  const OwnedDevice device(GetDeviceHandleFromData(raw, size));
-  if (!device) return;
-  for (Keypair* keypair : KeypairsIn(device.get())) CheckKeypair(keypair, findings);
+static void CheckKeypairs(Device* device, const CheckOptions& options, Findings& findings) {
+  for (Keypair* keypair : KeypairsIn(device)) CheckKeypair(keypair, findings);
   if (!options.withPin || device->keypairCount == 0) return;
-  const SecretText pin = ReadSecret(options.pin, "PIN of device " + NameOf(device.get()));
-  ProvePin(device.get(), pin);
+  const SecretText pin = ReadSecret(options.pin, "PIN of device " + NameOf(device));
+  ProvePin(device, pin);
   for (int i = 0; i < device->keypairCount; i++) {
     CheckPrivateKey(device->keypairs[i], pin, findings);
   }
@@ -122,6 +116,32 @@ static std::string Verdict(const std::string& path, const Inspection& inspection
                      : "passed over";
 }
 
+static OwnedDevice RecordOf(const std::string& path) {
+  unsigned char* raw = nullptr;
+  unsigned int size = 0;
+  if (VerifyDeviceFile(path.c_str(), &raw, &size) != 1) return nullptr;
+  const UtilBytes image(raw);
+  return OwnedDevice(GetDeviceHandleFromData(raw, size));
+}
+
+// What a file was at one moment.
+struct Look {
+  Inspection inspection;
+  std::string verdict;
+  OwnedDevice device;
+};
+
+// In the midst of a rewrite a file looks damaged: the lock makes a writer wait. Who may not write
+// the file can't have it, and looks all the same.
+static Look LookAt(const std::string& path) {
+  FileLock lock;
+  lock.Take(path.c_str(), (path + BACKUP_SUFFIX).c_str());
+  Look look{Inspect(path), "", nullptr};
+  look.verdict = Verdict(path, look.inspection);
+  if (look.inspection.loads) look.device = RecordOf(path);
+  return look;
+}
+
 struct Checked {
   std::string text;
   Fields facts;
@@ -129,13 +149,12 @@ struct Checked {
 };
 
 static Checked Check(const std::string& path, const CheckOptions& options) {
-  Inspection inspection = Inspect(path);
+  auto [inspection, verdict, device] = LookAt(path);
   Findings& findings = inspection.findings;
   CheckRights(path, findings);
-  if (inspection.loads) CheckKeypairs(path, options, findings);
+  if (device) CheckKeypairs(device.get(), options, findings);
   std::stable_sort(findings.begin(), findings.end(),
                    [](const Finding& a, const Finding& b) { return a.weight > b.weight; });
-  const std::string verdict = Verdict(path, inspection);
   Checked checked{Bold(Printable(path)) + "  " + verdict, {}, true};
   Facts facts;
   Table table;

@@ -101,10 +101,10 @@ static void Delete(const Target& target, const DataOptions& options) {
   Device* device = session.device.get();
   const DataObject object = FindObject(device, options.id);
   RequireYes(options.yes,
-             NameOfObject(options.id) + " of device " + NameOf(device) + ", " +
+             "Data object " + std::to_string(options.id) + " of device " + NameOf(device) + ", " +
                  Count(static_cast<size_t>(object.length), "byte") + ", will be gone for good.",
              "deleted");
-  RequireChange(device, DeviceDeleteData(device, options.id), "delete " + NameOfObject(options.id));
+  DeleteObject(session, object);
   Confirm("Deleted " + NameOfObject(options.id) + ".",
           FactsOf(options.id, static_cast<size_t>(object.length)));
 }

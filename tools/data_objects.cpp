@@ -3,6 +3,7 @@
 
 #include "store/store.h"
 #include "tools/change.h"
+#include "tools/keys.h"
 
 #include <sys/stat.h>
 #include <algorithm>
@@ -21,6 +22,11 @@ static Failure Unreadable(Device* device) {
                  "'softdevice check' says what is wrong with them.");
 }
 
+static DataObject Describe(const Data* data) {
+  const ByteSpan bytes(data->value, static_cast<size_t>(data->length));
+  return {data->id, data->length, FingerprintOf(bytes)};
+}
+
 std::vector<DataObject> DataObjects(Device* device) {
   const ModuleLock lock;
   DataRecords list;
@@ -29,7 +35,7 @@ std::vector<DataObject> DataObjects(Device* device) {
   }
   std::vector<DataObject> objects;
   for (unsigned int i = 0; i < list.count; i++) {
-    objects.push_back({list.items[i]->id, list.items[i]->length});
+    objects.push_back(Describe(list.items[i]));
   }
   std::sort(objects.begin(), objects.end(),
             [](const DataObject& a, const DataObject& b) { return a.id < b.id; });
@@ -71,14 +77,16 @@ void RequireRoom(const Device* device, size_t size) {
   throw Failure("The device has room for a data object of at most " + Count(room, "byte") + ".");
 }
 
-static bool HasObject(const DeviceChange& change, int id) {
-  return std::any_of(change.datas, change.datas + change.dataCount,
-                     [id](const Data* data) { return data->id == id; });
+static Data** EndOf(const DeviceChange& change) { return change.datas + change.dataCount; }
+
+static Data** FindIn(const DeviceChange& change, int id) {
+  return std::find_if(change.datas, EndOf(change),
+                      [id](const Data* data) { return data->id == id; });
 }
 
 static int FreeNumber(const DeviceChange& change) {
   int id = 1;
-  while (HasObject(change, id)) id++;
+  while (FindIn(change, id) != EndOf(change)) id++;
   return id;
 }
 
@@ -95,9 +103,26 @@ int PutObject(const Session& session, int id, const Bytes& bytes) {
   RequireRoom(session.device.get(), bytes.size());
   ChangeDevice(session, "put the data object", [&](DeviceChange& change) {
     if (!change.datasKnown) throw Unreadable(session.device.get());
-    if (HasObject(change, id)) throw Taken(id);
+    if (FindIn(change, id) != EndOf(change)) throw Taken(id);
     if (id == 0) id = FreeNumber(change);
     Append(change, id, bytes);
   });
   return id;
+}
+
+void DeleteObject(const Session& session, const DataObject& object) {
+  const std::string name = NameOfObject(object.id);
+  ChangeDevice(session, "delete " + name, [&](DeviceChange& change) {
+    if (!change.datasKnown) throw Unreadable(session.device.get());
+    Data** const found = FindIn(change, object.id);
+    if (found == EndOf(change)) throw Failure(EXIT_NOT_FOUND, "The " + name + " is gone by now.");
+    if (Describe(*found).fingerprint != object.fingerprint) {
+      throw Failure("The " + name +
+                    " has been changed or replaced meanwhile; nothing was deleted.");
+    }
+    FreeData(*found);
+    std::copy(found + 1, EndOf(change), found);
+    change.dataCount--;
+    change.datasChanged = true;
+  });
 }

@@ -7,6 +7,7 @@
 struct DataObject {
   int id;
   int length;
+  std::string fingerprint;  // of its bytes
 };
 
 // DataObjects lists them by number; fails when the list can't be read.
@@ -24,5 +25,8 @@ void RequireRoom(const Device* device, size_t size);
 // PutObject makes an object of the bytes, in one rewrite, under the number, or the first that is
 // free for 0; returns the number.
 int PutObject(const Session& session, int id, const Bytes& bytes);
+
+// DeleteObject fails when it finds another object, or other bytes, under the number.
+void DeleteObject(const Session& session, const DataObject& object);
 
 #endif

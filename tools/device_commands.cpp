@@ -9,6 +9,7 @@
 #include "tools/rights.h"
 #include "tools/session.h"
 
+#include <string.h>
 #include <algorithm>
 #include <optional>
 
@@ -194,9 +195,12 @@ static void Rename(const Target& target, const std::string& label, const SecretS
   Session session(target);
   const std::string before = NameOf(session.device.get());
   if (session.device->keypairCount > 0) Unlock(session, pin);
-  const std::string path = session.device->filePath;
-  RequireChange(session.device.get(), RenameStoredDevice(path.c_str(), label.c_str()),
-                "rename the device");
+  ChangeDevice(session, "rename the device", [&](const DeviceChange& change) {
+    if (session.device->keypairCount == 0 && change.device->keypairCount > 0) {
+      throw Failure("Device " + before + " has been given a PIN meanwhile; nothing was done.");
+    }
+    memcpy(change.device->label, label.c_str(), label.size() + 1);
+  });
   Confirm("Device " + before + " is now called " + label + ".",
           Fields{{"serial", session.device->serialNumber}, {"label", label}});
 }

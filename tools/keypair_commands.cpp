@@ -1,5 +1,5 @@
 // public-key, relabel, delete-keypair: what is done with a keypair as a whole.
-#include "device/anchor.h"
+#include "keypair/keypair.h"
 #include "tools/change.h"
 #include "tools/describe.h"
 #include "tools/keys.h"
@@ -43,11 +43,12 @@ static void Relabel(const Target& target, const KeypairOptions& options) {
   const std::string before = NameOf(keypair);
   RefuseTaken(keypair, options.label);
   Unlock(session, options.pin);
-  keypair = session.keypair.get();
-  RequireChange(session.device.get(), RelabelStoredKeypair(keypair, options.label.c_str()),
-                "relabel keypair " + before);
-  Fields facts = FactsOf(keypair);
-  facts[1].second = options.label;
+  Fields facts;
+  ChangeDevice(session, "relabel keypair " + before, [&](const DeviceChange& change) {
+    Keypair* stored = SameKeypairIn(change.device, session.keypair.get());
+    memcpy(stored->label, options.label.c_str(), options.label.size() + 1);
+    facts = FactsOf(stored);
+  });
   Confirm("Keypair " + before + " is now called " + options.label + ".", facts);
 }
 
@@ -65,6 +66,17 @@ static void RequireLabel(Device* device, Keypair* keypair, bool yes) {
   if (strcmp(answer.data(), keypair->label) != 0) throw Failure("Nothing was deleted.");
 }
 
+// What was not named when it was asked for is not deleted with the keypair.
+static void RequireSameCertificates(Keypair* shown, Keypair* stored) {
+  const int count = DeviceGetCertificateCount(shown);
+  bool same = DeviceGetCertificateCount(stored) == count;
+  for (int i = 0; same && i < count; i++)
+    same = CertificateAt(shown, i) == CertificateAt(stored, i);
+  if (same) return;
+  throw Failure("The certificates of keypair " + NameOf(shown) +
+                " have been changed meanwhile; nothing was deleted.");
+}
+
 // A keypair that does not open keeps the whole device shut; it can be deleted by the PIN that opens
 // another.
 static void Delete(const Target& target, const KeypairOptions& options) {
@@ -73,15 +85,21 @@ static void Delete(const Target& target, const KeypairOptions& options) {
   session.Reload();
   ProvePin(session.device.get(), pin);
   RequireLabel(session.device.get(), session.keypair.get(), options.yes);
-  session.Reload();
-  ProvePin(session.device.get(), pin);
-  Device* device = session.device.get();
   Keypair* keypair = session.keypair.get();
   const std::string name = NameOf(keypair);
   const Fields facts = FactsOf(keypair);
-  RequireChange(device, DeleteStoredKeypair(keypair), "delete keypair " + name);
-  Confirm("Deleted keypair " + name + " from device " + NameOf(device) + ".", facts);
-  if (device->keypairCount == 1) {
+  bool isLast = false;
+  ChangeDevice(session, "delete keypair " + name, [&](const DeviceChange& change) {
+    ProvePin(change.device, pin);
+    RequireSameCertificates(keypair, SameKeypairIn(change.device, keypair));
+    while (Keypair* stored = FindKeypair(change.device, keypair)) {
+      const OwnedKeypair deleted(stored);
+      DeleteKeypairFromDevice(change.device, stored);
+    }
+    isLast = change.device->keypairCount == 0;
+  });
+  Confirm("Deleted keypair " + name + " from device " + NameOf(session.device.get()) + ".", facts);
+  if (isLast) {
     Remark(
         "It was the last: the device has no PIN any more, and takes a new one with its next "
         "keypair.");

@@ -81,9 +81,23 @@ Session::Session(const Target& target, bool looking)
 void Session::Reload() {
   Device* fresh = nullptr;
   const int result = LoadDevice(device->filePath, &fresh);
-  if (result == 1) return device.reset(fresh);
-  throw Failure("The device file " + std::string(device->filePath) +
-                (result == 0 ? " is gone or damaged by now." : " can't be read just now."));
+  if (result != 1) {
+    throw Failure("The device file " + std::string(device->filePath) +
+                  (result == 0 ? " is gone or damaged by now." : " can't be read just now."));
+  }
+  DeviceHandle read(fresh);
+  RequireSameDevice(device.get(), fresh);
+  device = std::move(read);
+}
+
+// A rewrite keeps the tag, whoever makes it.
+void RequireSameDevice(const Device* before, Device* now) {
+  if (before->fileTag == now->fileTag && strcmp(before->serialNumber, now->serialNumber) == 0) {
+    return;
+  }
+  throw Failure("The file " + std::string(now->filePath) + " holds another device by now, " +
+                    NameOf(now) + "; nothing was done.",
+                "'softdevice list' shows what there is.");
 }
 
 static KeypairHandle HandleOf(Device* device, Keypair* chosen) {
@@ -104,11 +118,15 @@ static bool SameKeypair(const Keypair* a, const Keypair* b) {
          memcmp(a->publicKey, b->publicKey, static_cast<size_t>(a->publicKeyLen)) == 0;
 }
 
-Keypair* SameKeypairIn(Device* device, const Keypair* keypair) {
+Keypair* FindKeypair(Device* device, const Keypair* keypair) {
   Keypair** const end = device->keypairs + device->keypairCount;
   Keypair** const found =
       std::find_if(device->keypairs, end, [&](Keypair* k) { return SameKeypair(k, keypair); });
-  if (found != end) return *found;
+  return found == end ? nullptr : *found;
+}
+
+Keypair* SameKeypairIn(Device* device, const Keypair* keypair) {
+  if (Keypair* same = FindKeypair(device, keypair)) return same;
   throw Failure(EXIT_NOT_FOUND, "Keypair " + std::string(keypair->label) +
                                     " is gone by now; another program has changed the device.");
 }

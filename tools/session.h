@@ -43,7 +43,8 @@ struct Session {
   DeviceHandle device;
   explicit Session(const Target& target, bool looking = false);
 
-  // Reload reads the device file again: a prompt may have waited while others worked.
+  // Reload reads the device file again: a prompt may have waited while others worked. Fails when it
+  // holds another device by now.
   virtual void Reload();
   virtual ~Session() = default;
 };
@@ -71,8 +72,13 @@ std::string FileNameOf(Device* device);
 std::vector<Keypair*> KeypairsIn(Device* device);
 int IndexOf(Keypair* keypair);
 
-// SameKeypairIn finds a keypair in another record of the same device, or fails.
+// FindKeypair finds a keypair in another record of the same device; NULL when it is not there.
+// SameKeypairIn fails then.
+Keypair* FindKeypair(Device* device, const Keypair* keypair);
 Keypair* SameKeypairIn(Device* device, const Keypair* keypair);
+
+// RequireSameDevice fails when the file of a device, read anew, holds another one.
+void RequireSameDevice(const Device* before, Device* now);
 
 // Unlock asks for the PIN, reads the device file anew, and verifies. A PIN that opens some keypairs
 // and not others is told from a wrong one.
