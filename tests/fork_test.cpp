@@ -3,9 +3,6 @@
 // ended by the time limit of the test.
 #include "tests/support/operations.h"
 
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <atomic>
 #include <thread>
 
@@ -50,15 +47,10 @@ TEST_F(ForkTest, AChildUsesWhatItInherits) {
   repeat([&] { return OpensAndLooks(); });
 
   for (int i = 0; i < FORKS; i++) {
-    const pid_t child = fork();
-    if (child == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      const bool works = OpensAndLooks() && SignsAndVerifies() && Generates() && DeviceEnd() == 1;
-      _exit(works ? 0 : 1);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0) << "child " << i;
+    const pid_t child = Fork([&] {
+      EXPECT_TRUE(OpensAndLooks() && SignsAndVerifies() && Generates() && DeviceEnd() == 1);
+    });
+    EXPECT_EQ(WaitFor(child), 0) << "child " << i;
   }
   over = true;
   for (std::thread& thread : threads) thread.join();
@@ -67,15 +59,11 @@ TEST_F(ForkTest, AChildUsesWhatItInherits) {
 // A thread may fork while it holds the module lock; the child starts with a free one.
 TEST_F(ForkTest, TheHolderOfTheLockForks) {
   EXPECT_EQ(DeviceLockDevice(nullptr), 1);
-  const pid_t child = fork();
-  if (child == 0) {
-    bool works = DeviceUnlockDevice(nullptr) == 0;
-    std::thread([&] { works = works && OpensAndLooks(); }).join();
-    _exit(works ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  const pid_t child = Fork([&] {
+    EXPECT_EQ(DeviceUnlockDevice(nullptr), 0);
+    std::thread([&] { EXPECT_TRUE(OpensAndLooks()); }).join();
+  });
+  EXPECT_EQ(WaitFor(child), 0);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 1);
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0);
 }

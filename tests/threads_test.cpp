@@ -132,22 +132,3 @@ TEST_F(ThreadsTest, EverythingAtOnceComesOutAsInTurn) {
   EXPECT_EQ(Describe(*find("abc"), false), keysNow);
   EXPECT_EQ(Describe(*find("datas"), false), datasNow);
 }
-
-TEST_F(ThreadsTest, KeysAreUsedAsSoonAsTheyAreOpen) {
-  for (int round = 0; round < 8; round++) {
-    const DeviceHandle device = Rescan();
-    InThreads(4, [&](int number) {
-      if (number == 3) {
-        EXPECT_EQ(VerifyPin(device, "wrong"), -5);
-        EXPECT_EQ(VerifyPin(device, PIN), 1);
-        return;
-      }
-      std::string result = "result -8";
-      while (result == "result -8") {
-        EXPECT_NE(PublicHandle(DeviceGetPublicKeyFromKeypair(device->keypairs[1])), nullptr);
-        result = Sign(device->keypairs[number], USES[number].first, MESSAGE);
-      }
-      EXPECT_FALSE(result.starts_with("result")) << result;
-    });
-  }
-}

@@ -1,9 +1,6 @@
 #include "tests/support/calls.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <filesystem>
 
 int CallsTest::Run(const Call& call, Device* device, const decltype(Hook::ask)& hook) {
@@ -15,21 +12,6 @@ int CallsTest::Run(const Call& call, Device* device, const decltype(Hook::ask)& 
   }();
   ReleaseResults();
   return result;
-}
-
-pid_t CallsTest::Fork(const std::function<void()>& body) {
-  const pid_t child = fork();
-  if (child != 0) return child;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a hang is for ctest to end, however long that takes
-  body();
-  _exit(HasFailure() ? 1 : 0);
-}
-
-int CallsTest::WaitFor(pid_t child) {
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  return WTERMSIG(status);
 }
 
 void CallsTest::Put(const Files& files) const {

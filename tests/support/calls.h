@@ -31,9 +31,6 @@ class CallsTest : public ModuleTest {
   static int Run(const Call& call, Device* device, const decltype(Hook::ask)& hook = Fault{""});
 
  protected:
-  static pid_t Fork(const std::function<void()>& body);
-  static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
-
   void Put(const Files& files) const;  // the folder holds exactly these
   Files Get() const;
   DeviceHandle Prepare(const Call& call) const {  // its record, verified

@@ -2,8 +2,11 @@
 
 #include <dirent.h>
 #include <openssl/rand.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <filesystem>
@@ -133,6 +136,21 @@ DeviceHandle ModuleTest::Rescan(const char* pin) {
     EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, pin, nullptr), 1);
   }
   return device;
+}
+
+pid_t ModuleTest::Fork(const std::function<void()>& body) {
+  const pid_t child = fork();
+  if (child != 0) return child;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a hang is for ctest to end, however long that takes
+  body();
+  _exit(HasFailure() ? 1 : 0);
+}
+
+int ModuleTest::WaitFor(pid_t child) {
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  return WTERMSIG(status);
 }
 
 KeypairHandle Import(Device* device, std::string_view pair, int want, const std::string& label) {

@@ -68,6 +68,10 @@ class ModuleTest : public testing::Test {
   // live allocations and OpenSSL's errors as they were.
   void Refuses(int want, const Device* device, const std::function<int()>& call) const;
 
+  // A child of the process that ends after `body`, and with its parent.
+  static pid_t Fork(const std::function<void()>& body);
+  static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
+
   std::string folder_;  // with a trailing slash
 
  private:
