@@ -118,11 +118,3 @@ TEST_F(DataObjectsTest, NeedATextThatIsADevice) {
     EXPECT_REFUSED(0, DeviceCreateData(closed_, 7, 0, 1));
   }
 }
-
-TEST_F(DataObjectsTest, AreNoPartOfARecordAndMadeEmpty) {
-  EXPECT_REFUSED(0, newData(5, -1));
-  const OwnedData none(newData(5, 0));
-  EXPECT_TRUE(none && none->id == 5 && none->length == 0);
-  EXPECT_REFUSED(0, Data2Json(nullptr));
-  EXPECT_REFUSED(0, UpdateData2DeviceJson(device_.get(), nullptr));
-}

@@ -11,22 +11,8 @@
 #include <string>
 #include <thread>
 
-// The program has things of its own by names of the module, for every library to see. Neither may
-// take the other's.
-extern "C" {
-extern const void *g_lock, *g_hSoftDevice, *g_keyFolder, *g_sm2;
-const void *g_lock = "a", *g_hSoftDevice = "b", *g_keyFolder = "c", *g_sm2 = "d";
-int DeviceLockDevice(Device* /*device*/) { abort(); }
-unsigned int be2int(const unsigned char* bytes);
-unsigned int be2int(const unsigned char* /*bytes*/) { abort(); }
-}
-
-static bool AreOurs() {
-  std::string all;
-  for (const void* own : {g_lock, g_hSoftDevice, g_keyFolder, g_sm2})
-    all += own == nullptr ? "-" : static_cast<const char*>(own);
-  return all == "abcd";
-}
+// The program has a function of its own by a name of the module, for every library to see.
+extern "C" int DeviceLockDevice(Device* /*device*/) { abort(); }
 
 static void* g_library;
 static Keypair *g_keypair, *g_rsa;
@@ -84,5 +70,5 @@ int main(int /*argc*/, char** argv) {
     // "unload": still started, its handles still held.
     if (way.ends_with("load") && (dlclose(g_library) != 0 || !IsGone())) return 1;
   }
-  return AreOurs() ? 0 : 1;
+  return 0;
 }

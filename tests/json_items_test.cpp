@@ -64,8 +64,3 @@ TEST_F(JsonItemsTest, KeypairsAndCertificatesArePutInAndTakenOut) {
     EXPECT_EQ(Text(row.function(list.get(), item.get())), row.want) << row.list;
   }
 }
-
-TEST_F(JsonItemsTest, OfNoRecordThereIsNone) {
-  EXPECT_EQ(Keypair2Json(nullptr), nullptr);
-  EXPECT_EQ(Cert2Json(nullptr), nullptr);
-}

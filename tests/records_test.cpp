@@ -14,13 +14,13 @@ TEST_F(RecordsTest, ACertificateMayBeEmptyButNotMissing) {
   EXPECT_TRUE(empty && empty->length == 0);
 }
 
-TEST_F(RecordsTest, NothingIsFreedWhereNothingIs) {
+TEST_F(RecordsTest, OfNothingThereIsNothing) {
   FreeDeviceSet(nullptr);
   FreeKeypair(nullptr);
   FreeCert(nullptr);
-  FreeData(nullptr);
   FreeDatas(nullptr, 3);
   FreeSM2Info(nullptr);
+  EXPECT_TRUE(!Keypair2Json(nullptr) && !Cert2Json(nullptr) && !Data2Json(nullptr));
 }
 
 TEST_F(RecordsTest, NamesEndAndPathsAreJoined) {

@@ -51,23 +51,3 @@ TEST_F(Sm2GenerationTest, TheScalarIsFrom1ToNLess2AndThePointBelongsToIt) {
 TEST_F(Sm2GenerationTest, TheKeyHasOpensslsMethod) {
   EXPECT_EQ(EC_KEY_get_method(KeyOf(MakeSm2())), EC_KEY_OpenSSL());
 }
-
-TEST_F(Sm2GenerationTest, AMethodThatTheProgramHasChosenMakesTheKey) {
-  static int made = 0;
-  EC_KEY_METHOD* const chosen = EC_KEY_METHOD_new(EC_KEY_OpenSSL());
-  EC_KEY_METHOD_set_keygen(chosen, [](EC_KEY* key) {
-    made++;
-    return EC_KEY_set_private_key(key, BN_value_one()) == 1 &&
-                   EC_KEY_set_public_key(key, EC_GROUP_get0_generator(g_sm2->group)) == 1
-               ? 1
-               : 0;
-  });
-  EC_KEY_set_default_method(chosen);
-  {
-    const KeypairHandle keypair = MakeSm2();
-    EXPECT_EQ(made, 1);
-    EXPECT_EQ(EC_KEY_get_method(KeyOf(keypair)), chosen);
-  }
-  EC_KEY_set_default_method(EC_KEY_OpenSSL());
-  EC_KEY_METHOD_free(chosen);
-}

@@ -32,20 +32,6 @@ TEST_F(SupportTest, OfKeypairs) {
   EXPECT_EQ(Supports(4, 256, 7), 0) << "no curve";
 }
 
-TEST_F(SupportTest, OfCurves) {
-  const struct {
-    int curve, bits, nid;  // OpenSSL's number
-  } rows[] = {{1, 192, 409}, {2, 224, 713}, {3, 256, 415}, {4, 384, 715}, {5, 521, 716},
-              {6, 192, -1},  {7, 256, -1},  {0, -1, -1},   {8, -1, -1},   {-1, -1, -1}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.curve);
-    EXPECT_EQ(GetECCBits(row.curve), row.bits);
-    EXPECT_EQ(GetECCCurveNid(row.curve), row.nid);
-    EXPECT_EQ(checkCurveBits(row.curve, row.bits), row.bits > 0);
-    EXPECT_EQ(checkCurveBits(row.curve, 0), 0);
-  }
-}
-
 TEST_F(SupportTest, WithoutTheCurveOfSm2EverythingElseWorks) {
   FreeSM2Info(std::exchange(g_sm2, nullptr));
   EXPECT_EQ(Supports(4, 256, 7, CURVE_SM2), 0);
