@@ -19,6 +19,8 @@
 static std::atomic<pid_t> g_process{0};   // for which the library is initialised; 0: for none
 static std::atomic<int> g_calls{0};       // inside the gate
 static std::atomic<pid_t> g_starting{0};  // the process that is in C_Initialize or C_Finalize
+static pthread_mutex_t g_restMutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t g_restEnds = PTHREAD_COND_INITIALIZER;  // the gate has been shut
 
 static void Pause() {
   const timespec moment = {0, 200000};
@@ -45,6 +47,24 @@ Call::~Call() {
   if (!entered) return;
   ERR_pop_to_mark();  // the program's own errors stay what they were
   g_calls.fetch_sub(1, std::memory_order_release);
+}
+
+bool RestInCall() {
+  timespec until = {};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_nsec += 200000000;
+  until.tv_sec += until.tv_nsec / 1000000000;
+  until.tv_nsec %= 1000000000;
+  const MutexLock lock(g_restMutex);
+  int rested = 0;
+  while (rested == 0 && g_process.load() != 0)
+    rested = pthread_cond_clockwait(&g_restEnds, &g_restMutex, CLOCK_MONOTONIC, &until);
+  return g_process.load() != 0 && IsOpensslAlive();
+}
+
+static void EndRests() {
+  const MutexLock lock(g_restMutex);
+  pthread_cond_broadcast(&g_restEnds);
 }
 
 // --- Configuration -------------------------------------------------------------------------------
@@ -180,6 +200,8 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
   }
   g_process.store(0);
   g_calls.store(0);
+  g_restMutex = PTHREAD_MUTEX_INITIALIZER;  // a fork may have left it held
+  g_restEnds = PTHREAD_COND_INITIALIZER;
   const CK_RV started = Start(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
   if (started == CKR_OK) g_process.store(turn.self, std::memory_order_release);
   LogResult("C_Initialize", started);
@@ -192,6 +214,7 @@ CK_RV C_Finalize(CK_VOID_PTR pReserved) {
   const Turn turn;
   if (g_process.load() != turn.self) return LogResult("C_Finalize", CKR_CRYPTOKI_NOT_INITIALIZED);
   g_process.store(0);
+  EndRests();
   while (g_calls.load(std::memory_order_acquire) != 0) Pause();
   // In an exit handler, after OpenSSL's: what is OpenSSL's is gone, and so will be the rest.
   if (IsOpensslAlive()) {

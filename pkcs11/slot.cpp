@@ -48,7 +48,9 @@ CK_RV OpenSlots() {
   g_freeSlot = New<Slot>();
   if (g_slots == nullptr || g_freeSlot == nullptr) return CKR_HOST_MEMORY;
   g_freeSlot->id = FREE_SLOT;
-  return RefreshSlots();
+  const CK_RV refreshed = RefreshSlots();
+  for (Slot* slot : *g_slots) slot->event = false;  // they were there at the start
+  return refreshed;
 }
 
 Slot* FindSlot(CK_SLOT_ID id) {
@@ -179,6 +181,7 @@ static int BySerialNumber(const void* a, const void* b) {
 static CK_RV AddToList(Slot* slot) {
   const MutexLock lock(g_listMutex);
   slot->id = NewSlotId(slot->device->serialNumber);
+  slot->event = true;
   return slot->id != FREE_SLOT && g_slots->Add(slot) ? CKR_OK : CKR_HOST_MEMORY;
 }
 
@@ -280,11 +283,27 @@ CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
   });
 }
 
+static bool TakeEvent(CK_SLOT_ID& id) {
+  const MutexLock list(g_listMutex);
+  for (Slot* slot : *g_slots) {
+    const MutexLock lock(slot->state);
+    if (!std::exchange(slot->event, false)) continue;
+    id = slot->id;
+    return true;
+  }
+  return false;
+}
+
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
   return InCall("C_WaitForSlotEvent", [&]() -> CK_RV {
     if (pSlot == nullptr || pReserved != nullptr) return CKR_ARGUMENTS_BAD;
-    // Nothing tells of files that come and go; who wants to know lists the slots.
-    return (flags & CKF_DONT_BLOCK) != 0 ? CKR_NO_EVENT : CKR_FUNCTION_NOT_SUPPORTED;
+    for (;;) {
+      const CK_RV refreshed = RefreshSlots();
+      if (refreshed != CKR_OK) return refreshed;
+      if (TakeEvent(*pSlot)) return CKR_OK;
+      if ((flags & CKF_DONT_BLOCK) != 0) return CKR_NO_EVENT;
+      if (!RestInCall()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
   });
 }
 

@@ -33,6 +33,7 @@ struct Slot {
   View* view = nullptr;
   Stamp stamp;
   bool gone = false;      // the file is no more
+  bool event = false;     // it has come or gone, and C_WaitForSlotEvent has not said so yet
   bool writable = false;  // by this process
   Login login = Login::NONE;
 

@@ -85,7 +85,7 @@ CK_RV Reload(Slot& slot) {
     LogReason("the device file %s is gone or damaged", slot.path.get());
     EndLogin(slot);
     const MutexLock lock(slot.state);
-    slot.gone = true;
+    if (!slot.gone) slot.gone = slot.event = true;
     return CKR_TOKEN_NOT_PRESENT;
   }
   if (looked == 0) stamp = {};  // it has been restored meanwhile
@@ -119,6 +119,7 @@ CK_RV Publish(Slot& slot, Device* device, const Stamp& stamp) {
     device = std::exchange(slot.device, fresh.release());
     slot.stamp = stamp;
     slot.stamp.settled = stamp.settled && slot.view->hasAllDatas && slot.view->isComplete;
+    if (slot.gone) slot.event = true;
     slot.gone = false;
     slot.writable = faccessat(AT_FDCWD, slot.path.get(), W_OK, AT_EACCESS) == 0;
   }

@@ -89,7 +89,10 @@ struct Client {
 // An empty folder, and tokens made in it.
 class Pkcs11Test : public testing::Test {
  protected:
-  Pkcs11Test() { EXPECT_NE(mkdtemp(folder_.data()), nullptr), folder_ += '/'; }
+  Pkcs11Test() {
+    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
+    folder_ += '/';
+  }
   ~Pkcs11Test() override { std::filesystem::remove_all(folder_); }
 
   static CK_RV InitToken(const Library& p11, CK_SLOT_ID slot, std::string_view pin) {
@@ -410,6 +413,32 @@ TEST_F(Pkcs11Test, FinalizeWaitsForThoseInside) {
   }
   stop = true;
   for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(Pkcs11Test, ADeviceThatComesOrGoesIsAnEvent) {
+  MakeToken(Library(folder_));
+  const auto device = std::filesystem::directory_iterator(folder_)->path();
+  const auto elsewhere = folder_ + "../" + device.filename().string();
+  const Library p11(folder_);
+  const CK_SLOT_ID slot = p11.Slots().at(0);
+  const auto expect = [&](CK_RV want, CK_FLAGS flags, CK_SLOT_ID where = 0) {
+    CK_SLOT_ID told = 0;
+    EXPECT_EQ(p11->C_WaitForSlotEvent(flags, &told, nullptr), want);
+    EXPECT_EQ(told, where);
+  };
+  expect(CKR_NO_EVENT, CKF_DONT_BLOCK);
+  std::thread waiter([&] { expect(CKR_OK, 0, slot); });
+  std::filesystem::rename(device, elsewhere);
+  waiter.join();
+  expect(CKR_NO_EVENT, CKF_DONT_BLOCK);
+  std::filesystem::rename(elsewhere, device);
+  expect(CKR_OK, CKF_DONT_BLOCK, slot);
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 3; i++)
+    waiters.emplace_back([&] { expect(CKR_CRYPTOKI_NOT_INITIALIZED, 0); });
+  usleep(50000);
+  EXPECT_EQ(p11->C_Finalize(nullptr), CKR_OK);
+  for (std::thread& thread : waiters) thread.join();
 }
 
 // One logs in and out, the others make, change, use and delete what they can meanwhile.

@@ -194,6 +194,7 @@ constexpr char NEVER_FAIL[] =
     "@(_*|mem*|str*|snprintf|vsnprintf|close*|fileno|feof|malloc|mmap|munmap|getpid|clock_gettime|"
     "sysconf|"
     "vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|*_destroy|*_size|pthread_rwlock_*|"
+    "pthread_cond_*|"
     "pthread_setcancelstate|ERR_set_mark|ERR_pop_to_mark|CRYPTO_memcmp|OPENSSL_cleanse|"
     "BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_is_negative|BN_num_bits|BN_value_one|ASN1_put_object|"
     "EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen|EVP_sha512|"
