@@ -64,18 +64,6 @@ FUZZ(public_key_encoding) {
 
 // --- Signatures and ciphertexts ------------------------------------------------------------------
 
-// Whatever the decoder takes is encoded again as the same bytes.
-FUZZ(ecc_signature) {
-  unsigned char *r = nullptr, *s = nullptr;
-  int rLen = 0, sLen = 0;
-  if (VakroPKICryptoDecodeECCSignature(Raw(input), Len(input), &r, &rLen, &s, &sLen) != 1)
-    return false;
-  const LibBytes ownedR(r), ownedS(s);
-  EXPECT_TRUE(rLen > 0 && r[0] != 0 && sLen > 0 && s[0] != 0);
-  EXPECT_EQ(Made(std::bind_front(VakroPKICryptoEncodeECCSignature, r, rLen, s, sLen)), input);
-  return true;
-}
-
 static bool EvpVerify(EVP_PKEY* key, std::string_view digest, std::string_view signature) {
   const std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>> context(
       EVP_PKEY_CTX_new(key, nullptr));

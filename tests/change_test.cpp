@@ -80,12 +80,3 @@ TEST_F(ChangeTest, KeysAreTakenOverOrDecryptedAnew) {
   EXPECT_STREQ(newer->pin, "new");
   EXPECT_EQ(LoadDevice(Path("none").c_str(), &loaded), 0);
 }
-
-TEST_F(ChangeTest, ACopyIsCheckedAndNeverWrittenOverAnything) {
-  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("copy").c_str()), 1);
-  EXPECT_EQ(Read("copy"), Read("dev"));
-  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("copy").c_str()), -6);
-  Write("dev", Flipped(Read("dev"), 20));
-  EXPECT_EQ(CopyDeviceFile(path_.c_str(), Path("second").c_str()), 0);
-  EXPECT_FALSE(Exists("second"));
-}

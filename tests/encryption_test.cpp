@@ -96,14 +96,6 @@ TEST_F(EncryptionTest, WithSm2) {
   EXPECT_EQ(Bytes(out_, 32), std::string(31, '\0').append(".")) << "wiped";
   EXPECT_REFUSED(0, DecryptNowhere(sm2_, 64, Raw(made), 97));
   EXPECT_REFUSED(0, DecryptNowhere(sm2_, 64, nullptr, 129));
-
-  SM2Info* const group = std::exchange(g_sm2, nullptr);  // without which the size is known
-  EXPECT_DONE(EncryptNowhere(key, 64, Raw(text_), 32));
-  EXPECT_EQ(n_, 129);
-  EXPECT_REFUSED_AND_TOLD(-4, 129,
-                          DevicePublicKeyEncrypt(key, 64, nullptr, Raw(text_), 32, out_, 128, &n_));
-  EXPECT_REFUSED_AND_TOLD(0, 129, EncryptTo(key, 64, Raw(text_), 32));
-  g_sm2 = group;
 }
 
 // Every algorithm with every key: what belongs to another kind of key, or to none, is refused.

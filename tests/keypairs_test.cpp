@@ -35,6 +35,7 @@ TEST_F(KeypairsTest, AreGenerated) {
   EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 9, nullptr));
   EXPECT_REFUSED(0, DeviceGenerateKeypair(device, 4, 256, p256, 9, "new", nullptr));
   EXPECT_REFUSED(-8, Generate(closed_, 4, 256, p256, 9, "new"));
+  EXPECT_REFUSED(-8, Generate(closed_, 4, 256, p256, 9, tooLong_.c_str()));
   EXPECT_REFUSED(-6, Generate(closed_, 4, 256, p256, 1, "sign"));
   EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 0x109, tooLong_.c_str()));
   EXPECT_REFUSED(0, Generate(device, 4, 256, p256, 0, "new"));
@@ -174,9 +175,13 @@ TEST_F(KeypairsTest, NeedAFileThatIsADevice) {
     EXPECT_REFUSED(0, Import(device_.get(), Raw(pair_), 124, 9, "new"));
     EXPECT_REFUSED(0, Generate(device_.get(), 4, 256, &p256Params_, 9, "new"));
   };
-  Write("dev", Flipped(Read("dev"), 20));  // a wrong digest is not made right
+  const std::string good = Read("dev");
+  Write("dev", Flipped(good, 20));  // a wrong digest is not made right
   calls();
   EXPECT_REFUSED(0, DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr));
+  Write("dev.bak", good);  // the only good copy
+  EXPECT_REFUSED(0, AddhKeypairToFile(device_.get(), p256_));
+  remove(Path("dev.bak").c_str());
   for (const std::string& bytes :
        {std::string("short"), Word(1) + Word(0xfffffff8) + "[]", Container(TAG, R"(["a","b"])"),
         Container(TAG, R"(["a","b",5])"), Container(TAG, "{}"), Container(TAG, "[")}) {

@@ -76,10 +76,13 @@ TEST_F(PinTest, WithoutKeypairsTheFirstIsTakenAndNoneIsWritten) {
   EXPECT_EQ(Verify(device.get(), "z"), 1);
 }
 
-TEST_F(PinTest, ThatIsWrongLeavesAnEmptyQueueOfErrorsEmpty) {
-  ERR_clear_error();
-  EXPECT_EQ(Verify(closed_, "wrong"), -5);
-  EXPECT_EQ(ERR_peek_error(), 0u);
+TEST_F(PinTest, OpensAllKeypairsOrNone) {
+  const StoredDevice stored{
+      .keypairs = {StoredKeypair().Json(), StoredKeypair{.label = "other", .pin = "other"}.Json()}};
+  const DeviceHandle device = Load(stored.File(), nullptr);
+  for (const char* pin : {PIN, "other"}) EXPECT_EQ(Verify(device.get(), pin), -5);
+  EXPECT_EQ(GetPrivateKey(device->keypairs[0]), nullptr);
+  EXPECT_EQ(device->keypairs[0]->curve, -1);
 }
 
 // Programs that loaded the device without keypairs, or with others, have a PIN each.

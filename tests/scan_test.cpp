@@ -41,15 +41,6 @@ TEST_F(ScanTest, AnEmptyFolderHasNoDevicesAndAMissingOneGivesNull) {
   EXPECT_EQ(DeviceGetAllDevices(), nullptr);
 }
 
-TEST_F(ScanTest, AStaleBackupThatStaysIsPassedOver) {
-  for (const char* name : {"dev", "dev.bak"}) Write(name, StoredDevice().File());
-  const SetHandle set(WithFault({"remove"}, DeviceGetAllDevices));
-  EXPECT_EQ(DeviceGetDeviceCount(set.get()), 1);
-  EXPECT_TRUE(Exists("dev.bak"));
-  EXPECT_NE(Rescan(), nullptr);
-  EXPECT_FALSE(Exists("dev.bak"));
-}
-
 TEST_F(ScanTest, AFolderThatCannotBeReadGivesNull) {
   Write("dev", StoredDevice().File());
   const auto fails = [&](const Fault& fault) {
