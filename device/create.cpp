@@ -15,7 +15,7 @@
 #include <utility>
 
 static constexpr size_t SERIAL_BYTES = 8;  // of a random serial number
-static constexpr size_t FILE_NAME_SIZE = 3 * NAME_SIZE;
+static constexpr size_t FILE_NAME_SIZE = 3 * (NAME_SIZE - 1) + sizeof(BACKUP_SUFFIX);
 
 static bool DrawSerialNumber(char (&text)[NAME_SIZE]) {
   unsigned char bytes[SERIAL_BYTES];

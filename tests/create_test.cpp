@@ -46,11 +46,12 @@ TEST_F(CreateTest, WithoutAPinTheFirstOneCounts) {
 }
 
 TEST_F(CreateTest, SerialNumbersHaveAFileEach) {
+  const std::string longest(63, '.');  // each of which is escaped
   for (const char* serial :
-       {"1/2", "1_2", "1_2F2", "../x", ".bak", "a.bak", "-", "\xff", "A", "a"}) {
+       {"1/2", "1_2", "1_2F2", "../x", ".bak", "a.bak", "-", "\xff", "A", "a", longest.c_str()}) {
     EXPECT_EQ(CreateDevice(serial, "x", nullptr, nullptr), 1) << serial;
     EXPECT_EQ(CreateDevice(serial, "x", nullptr, nullptr), VAKRO_ALREADY_EXISTS) << serial;
   }
   const SetHandle set(DeviceGetAllDevices());
-  EXPECT_EQ(set->count, 10);
+  EXPECT_EQ(set->count, 11);
 }
