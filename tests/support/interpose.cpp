@@ -192,15 +192,13 @@ void WrapAll() {
 // nor here.
 constexpr char NEVER_FAIL[] =
     "@(_*|mem*|str*|snprintf|vsnprintf|close*|fileno|feof|malloc|mmap|munmap|getpid|clock_gettime|"
-    "sysconf|"
-    "vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|*_destroy|*_size|pthread_rwlock_*|"
-    "pthread_cond_*|"
-    "pthread_setcancelstate|ERR_set_mark|ERR_pop_to_mark|CRYPTO_memcmp|OPENSSL_cleanse|"
-    "BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_is_negative|BN_num_bits|BN_value_one|ASN1_put_object|"
-    "EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|EC_KEY_METHOD_set_keygen|EVP_sha512|"
-    "EVP_aes_256_gcm|EVP_PKEY_get_id|EVP_PKEY_get_bits|EVP_sm3|EVP_sha*|RSA_*_PKCS1_*|"
-    "X509_check_ca|BN_cmp|RAND_add|OPENSSL_init_crypto|syscall|qsort|gmtime_r|secure_getenv|"
-    "faccessat|geteuid)";
+    "sysconf|vakro_malloc|vakro_json_get*|*[Ff]ree*|*_get0_*|*_unlock|*_destroy|*_size|"
+    "pthread_rwlock_*|pthread_cond_*|pthread_setcancelstate|ERR_set_mark|ERR_pop_to_mark|"
+    "CRYPTO_memcmp|OPENSSL_cleanse|BN_GENCB_set|BN_bn2bin|BN_is_zero|BN_is_negative|BN_num_bits|"
+    "BN_value_one|ASN1_put_object|EC_GROUP_order_bits|EC_KEY_OpenSSL|EC_KEY_get_method|"
+    "EC_KEY_METHOD_set_keygen|EVP_sha512|EVP_aes_256_gcm|EVP_PKEY_get_id|EVP_PKEY_get_bits|"
+    "EVP_sm3|EVP_sha*|RSA_*_PKCS1_*|X509_check_ca|BN_cmp|RAND_add|OPENSSL_init_crypto|syscall|"
+    "qsort|gmtime_r|secure_getenv|faccessat|geteuid)";
 
 // --- The patch -----------------------------------------------------------------------------------
 
