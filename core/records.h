@@ -49,7 +49,7 @@ struct Keypair {
   EVP_PKEY* privateKey;  // EVP_PKEY_free; NULL until the PIN is verified, or the key made here;
                          // changes under the module lock and the key lock
   int certCount;
-  int maxCerts;                 // MAX_CERTS in a record read from a file; tests use the constant
+  int maxCerts;                 // MAX_CERTS in what is stored; checks ask the constant itself
   Cert* certs[MAX_CERTS];       // FreeCert; in file order
   int isTemp;                   // 1: belongs to no device and is not stored
   Device* device;               // borrowed; NULL for a temporary keypair and for one deleted

@@ -40,6 +40,8 @@ int VerifyPin(Device* device, const char* pin) {
     const Keypair* keypair = device->keypairs[i];
     keys[i].reset(DecryptKeyPair(keypair->algorithm, keypair, pin, &curves[i]));
     if (!keys[i]) {
+      // The record tells by curve -1 that these were opened in vain. It may hold keys all the same:
+      // of an attempt that had no memory to keep the PIN.
       DropKeys(device, i);
       return VAKRO_WRONG_PIN;
     }

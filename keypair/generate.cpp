@@ -74,7 +74,7 @@ struct NewKey {
 };
 }  // namespace
 
-static int MakeTemp(const NewKey& request, Keypair** out) {
+static int MakeTemporary(const NewKey& request, Keypair** out) {
   if (request.algorithm == ALGORITHM_RSA) {
     // A negative size turns into one that is refused as too large.
     return GenerateTempRSAKeypair(static_cast<unsigned int>(request.bits),
@@ -103,7 +103,7 @@ static int MakeStored(Device* device, const NewKey& request, const char* label, 
     AddReferences(device, 1);
   }
   Keypair* made = nullptr;
-  const int result = MakeTemp(request, &made);
+  const int result = MakeTemporary(request, &made);
   OwnedKeypair keypair(made);
   const ModuleLock lock;
   const BorrowedDevice borrowed = {device, lock.held};
@@ -134,6 +134,6 @@ int DeviceGenerateKeypair(Device* device, unsigned int algorithm, int bits, cons
   }
   if (out == nullptr) return VAKRO_FAILED;
   const NewKey request = {algorithm, bits, parameters, type};
-  if (temporary) return MakeTemp(request, out);
+  if (temporary) return MakeTemporary(request, out);
   return label == nullptr ? VAKRO_FAILED : MakeStored(device, request, label, out);
 }

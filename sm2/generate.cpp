@@ -7,12 +7,10 @@
 #include "sm2/key_object.h"
 #include "sm2/operands.h"
 
-namespace {
-
 using EcKeyMethod = std::unique_ptr<EC_KEY_METHOD, Release<EC_KEY_METHOD_free>>;
 
 // Gives the key a scalar d, uniform in [1, n - 2], and the point [d]G: GB/T 32918.1, 6.1.
-int MakeSM2Key(EC_KEY* key) {
+static int MakeSM2Key(EC_KEY* key) {
   const BigNum limit(BN_dup(g_sm2->order));
   const BigNum d(BN_new());
   if (!limit || !d || BN_sub_word(limit.get(), 1) != 1) return 0;
@@ -26,7 +24,7 @@ int MakeSM2Key(EC_KEY* key) {
          EC_KEY_oct2key(key, point, sizeof(point), nullptr) == 1;
 }
 
-EcKey GenerateSM2Key() {
+static EcKey GenerateSM2Key() {
   const EcKeyMethod ours(EC_KEY_METHOD_new(EC_KEY_OpenSSL()));
   EcKey key = NewKeyOn(CURVE_SM2);  // younger than its method: it is freed first
   if (!ours || !key) return nullptr;
@@ -39,14 +37,12 @@ EcKey GenerateSM2Key() {
   return key;
 }
 
-EcKey GenerateKey(int curve) {
+static EcKey GenerateKey(int curve) {
   if (curve == CURVE_SM2) return GenerateSM2Key();
   EcKey key = NewKeyOn(curve);
   if (!key || EC_KEY_generate_key(key.get()) != 1) return nullptr;
   return key;
 }
-
-}  // namespace
 
 int GenerateTempECCKeypair(int curve, int bits, int type, Keypair** out) {
   const EcKey key = GenerateKey(curve);

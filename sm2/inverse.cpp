@@ -8,14 +8,13 @@
 #include "sm2/inverse.h"
 
 namespace sm2 {
-namespace {
-
-constexpr int STEPS = 60;  // of one matrix
-constexpr int ROUNDS = 10;
+static constexpr int STEPS = 60;  // of one matrix
+static constexpr int ROUNDS = 10;
 static_assert(STEPS * ROUNDS >= 590, "the proven bound for 256 bits");
-constexpr int LIMB_BITS = 60;
-constexpr uint64_t LIMB_MASK = (uint64_t{1} << LIMB_BITS) - 1;
+static constexpr int LIMB_BITS = 60;
+static constexpr uint64_t LIMB_MASK = (uint64_t{1} << LIMB_BITS) - 1;
 
+namespace {
 // A signed number: limbs of 60 bits, least significant first, the last one with the sign.
 struct Signed300 {
   int64_t limb[5];
@@ -25,8 +24,9 @@ struct Signed300 {
 struct Matrix {
   int64_t u, v, q, r;
 };
+}  // namespace
 
-constexpr Signed300 Spread(const U256& a) {
+static constexpr Signed300 Spread(const U256& a) {
   Signed300 s{};
   for (int i = 0; i < 5; i++) {
     const int bit = i * LIMB_BITS, word = bit / 64, shift = bit % 64;
@@ -37,7 +37,7 @@ constexpr Signed300 Spread(const U256& a) {
   return s;
 }
 
-constexpr U256 Pack(const Signed300& s) {
+static constexpr U256 Pack(const Signed300& s) {
   U256 a{};
   for (int i = 0; i < 5; i++) {
     const int bit = i * LIMB_BITS, word = bit / 64, shift = bit % 64;
@@ -49,15 +49,17 @@ constexpr U256 Pack(const Signed300& s) {
   return a;
 }
 
+namespace {
 // The running values of division steps. Only the lowest bits of f and g count, one fewer after
 // each step; `zeta` is -(delta + 1/2).
 struct StepState {
   uint64_t f, g, zeta;
 };
+}  // namespace
 
 // HalfMatrix makes 30 steps. A row of the matrix, whose entries stay below 2^31, is one number
 // x + 2^32 y: the steps are linear, so both entries are worked on at once.
-Matrix HalfMatrix(StepState& state) {
+static Matrix HalfMatrix(StepState& state) {
   StepState s = state;
   uint64_t uv = 1, qr = uint64_t{1} << 32;
 #pragma GCC unroll 30
@@ -82,19 +84,19 @@ Matrix HalfMatrix(StepState& state) {
 }
 
 // DivisionSteps makes 60 steps: the product of two matrices.
-Matrix DivisionSteps(StepState& state) {
+static Matrix DivisionSteps(StepState& state) {
   const Matrix a = HalfMatrix(state);
   const Matrix b = HalfMatrix(state);
   return {b.u * a.u + b.v * a.q, b.u * a.v + b.v * a.r, b.q * a.u + b.r * a.q,
           b.q * a.v + b.r * a.r};
 }
 
-int64_t LowLimb(int128 value) {
+static int64_t LowLimb(int128 value) {
   return static_cast<int64_t>(static_cast<uint64_t>(value) & LIMB_MASK);
 }
 
 // UpdateFG replaces (f, g) by t (f, g) / 2^60; the division is exact.
-void UpdateFG(Signed300& f, Signed300& g, const Matrix& t) {
+static void UpdateFG(Signed300& f, Signed300& g, const Matrix& t) {
   int128 atF = int128{t.u} * f.limb[0] + int128{t.v} * g.limb[0];
   int128 atG = int128{t.q} * f.limb[0] + int128{t.r} * g.limb[0];
   for (int i = 1; i < 5; i++) {
@@ -111,7 +113,8 @@ void UpdateFG(Signed300& f, Signed300& g, const Matrix& t) {
 // UpdateDE replaces (d, e) by t (d, e) / 2^60 mod m. Both stay between -2m and m: negative ones
 // count as d + m, e + m, which makes the products less than 2^60 m in size, and then less than
 // 2^60 times m is taken away to make the division exact.
-void UpdateDE(Signed300& d, Signed300& e, const Matrix& t, const Signed300& m, uint64_t inverse) {
+static void UpdateDE(Signed300& d, Signed300& e, const Matrix& t, const Signed300& m,
+                     uint64_t inverse) {
   const int64_t dSign = d.limb[4] >> 63, eSign = e.limb[4] >> 63;
   int64_t md = (t.u & dSign) + (t.v & eSign);
   int64_t me = (t.q & dSign) + (t.r & eSign);
@@ -135,7 +138,7 @@ void UpdateDE(Signed300& d, Signed300& e, const Matrix& t, const Signed300& m, u
 }
 
 // Adjust returns (a ^ sign) - sign, that is a or -a, plus m under `addM`. Masks are 0 or -1.
-Signed300 Adjust(const Signed300& a, int64_t sign, const Signed300& m, int64_t addM) {
+static Signed300 Adjust(const Signed300& a, int64_t sign, const Signed300& m, int64_t addM) {
   Signed300 r{};
   int64_t carry = 0;
   for (int i = 0; i < 5; i++) {
@@ -145,8 +148,6 @@ Signed300 Adjust(const Signed300& a, int64_t sign, const Signed300& m, int64_t a
   }
   return r;
 }
-
-}  // namespace
 
 U256 Invert(const U256& a, const Modulus& M) {
   const Signed300 m = Spread(M.m);

@@ -13,28 +13,24 @@
 #endif
 
 namespace sm2 {
-namespace {
+static constexpr size_t STACK_USED = 8192;  // at most, by a multiplication
 
-constexpr size_t STACK_USED = 8192;  // at most, by a multiplication
-
-U256 LoadScalar(const unsigned char* bytes) { return Reduce(0, LoadBigEndian(bytes), N); }
+static U256 LoadScalar(const unsigned char* bytes) { return Reduce(0, LoadBigEndian(bytes), N); }
 
 template <class Field>
-AffinePoint LoadPoint(const unsigned char* bytes) {
+static AffinePoint LoadPoint(const unsigned char* bytes) {
   return {Field::Multiply(LoadBigEndian(bytes), P.r2),
           Field::Multiply(LoadBigEndian(bytes + 32), P.r2)};
 }
 
 template <class Field>
-int StorePoint(unsigned char* out, const XyzzPoint& p) {
+static int StorePoint(unsigned char* out, const XyzzPoint& p) {
   const FieldElement one = {{1, 0, 0, 0}};
   const AffinePoint affine = ToAffine<Field>(p);
   StoreBigEndian(out, Field::Multiply(affine.x, one));
   StoreBigEndian(out + 32, Field::Multiply(affine.y, one));
   return MaskOfZero(p.zz) == 0;
 }
-
-}  // namespace
 
 #ifdef __x86_64__
 // BMI2, ADX and AVX2, and a system that keeps the AVX registers.

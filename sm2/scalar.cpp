@@ -7,16 +7,14 @@
 #include <string.h>
 
 namespace sm2 {
-namespace {
-
 // Compute sets `result` to what `value` returns and clears the stack behind it.
 template <class Function>
-void Compute(U256& result, const Function& value) {
+static void Compute(U256& result, const Function& value) {
   CallAndBurn<2048>([&] { result = value(); });
 }
 
 // A block of 32 bytes mod n. Sets `reduced` when it was not below n.
-U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
+static U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
   const U256 value = LoadBigEndian(bytes);
   U256 unused;
   reduced |= ~MaskOfBit(Subtract(unused, value, N.m));
@@ -24,7 +22,7 @@ U256 ReadBlock(const unsigned char* bytes, uint64_t& reduced) {
 }
 
 // Takes whole blocks, after what is left over in front of them.
-U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
+static U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
   const int first = length % 32;
   U256 value{};
   if (first > 0) {
@@ -39,8 +37,6 @@ U256 Read(const unsigned char* bytes, int length, uint64_t& reduced) {
   }
   return value;
 }
-
-}  // namespace
 
 bool ReadScalar(U256& a, const unsigned char* bytes, int length) {
   uint64_t reduced = 0;

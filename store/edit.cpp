@@ -69,7 +69,7 @@ static bool SameItems(VakroJson* a, VakroJson* b) {
 static bool AddKeypairItem(VakroJson* list, VakroJson* stored, const Keypair* keypair) {
   const OwnedKeypair before(Json2Keypair(stored));
   if (!before) return false;
-  const Json was(Keypair2Json(before.get()));
+  const Json was(Keypair2Json(before.get()));  // NULL for what is read and not written: a type of 0
   const Json is(Keypair2Json(keypair));
   if (!is && was) return false;
   const bool isSame = !is || (was && SameItems(was.get(), is.get()));

@@ -9,7 +9,8 @@ VakroJson* StoredKeypairs(const FileChange& change) {
   return IsArray(keypairs) ? keypairs : nullptr;
 }
 
-// Begin is the first step of every update here: the file as it stands, its digest unchecked.
+// Begin is the first step of every update here: the file as it stands. Its digest is checked by the
+// exported calls, which begin their changes themselves.
 static bool Begin(const Device* device, FileChange* change) {
   return BeginFileChange(device, Reading::UNCHECKED, change) == ReadResult::GOOD &&
          StoredKeypairs(*change) != nullptr;
