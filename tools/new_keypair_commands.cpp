@@ -14,6 +14,7 @@
 #include <string.h>
 #include <algorithm>
 
+namespace {
 struct NewKeypairOptions {
   std::string algorithm;
   std::string file;
@@ -23,13 +24,16 @@ struct NewKeypairOptions {
   SecretSource pin;
   SecretSource passphrase;
 };
+}  // namespace
 
+namespace {
 struct Algorithm {
   const char* name;
   unsigned int algorithm;
   int bits;
   int curve;
 };
+}  // namespace
 
 // The module knows four curves more, but can't open a stored keypair on them again. The weak one
 // stands last: a slip is taken for one of the others.
@@ -44,9 +48,15 @@ static std::vector<std::string> AlgorithmNames() {
   return names;
 }
 
+static std::string WithoutHyphens(std::string name) {
+  std::erase(name, '-');
+  return Lower(name);
+}
+
+// FindAlgorithm takes "RSA2048", too.
 static const Algorithm* FindAlgorithm(const std::string& name) {
   for (const Algorithm& a : ALGORITHMS) {
-    if (Lower(name) == a.name) return &a;
+    if (WithoutHyphens(name) == WithoutHyphens(a.name)) return &a;
   }
   return nullptr;
 }
@@ -191,11 +201,7 @@ void AddNewKeypairCommands(CLI::App& app, Target& target) {
                .isRequired = true,
                .check = CheckAlgorithm});
   AddNewKeypairOptions(keygen, target, *options);
-  Add(keygen, {.name = "--label",
-               .into = &options->label,
-               .help = "Label of the keypair [the algorithm's name]",
-               .value = "LABEL",
-               .check = RefuseBadName});
+  AddLabelOption(keygen, options->label, "Label of the keypair [the algorithm's name]", false);
   NoteJson(keygen, "{index, label, type, algorithm, bits, fingerprint}");
 
   CLI::App& importing =
@@ -204,17 +210,9 @@ void AddNewKeypairCommands(CLI::App& app, Target& target) {
   AddNote(importing,
           "Takes RSA, P-256 and SM2 keys, PEM or DER: PKCS#8 (also encrypted), PKCS#1, SEC1, "
           "PKCS#12.");
-  Add(importing, {.name = "file",
-                  .into = &options->file,
-                  .help = "Key file; - is standard input",
-                  .isRequired = true});
+  AddArgument(importing, "file", &options->file, "Key file; - is standard input");
   AddNewKeypairOptions(importing, target, *options);
-  Add(importing, {.name = "--label",
-                  .into = &options->label,
-                  .help = "Label of the keypair",
-                  .value = "LABEL",
-                  .isRequired = true,
-                  .check = RefuseBadName});
+  AddLabelOption(importing, options->label, "Label of the keypair", true);
   AddSecretOptions(importing, options->passphrase, "passphrase", "passphrase of the key file");
   NoteJson(importing, "as 'keygen', and certificates");
 }
