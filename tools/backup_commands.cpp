@@ -12,10 +12,12 @@
 #include <string.h>
 #include <time.h>
 
+namespace {
 struct BackupOptions {
   std::string folder;
   std::string file;
 };
+}  // namespace
 
 // --- backup --------------------------------------------------------------------------------------
 
@@ -132,16 +134,13 @@ void AddBackupCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<BackupOptions>();
   CLI::App& backup = AddCommand(app, "backup", "Copy a device to a folder; needs no PIN",
                                 [&target, options] { MakeBackup(target, *options); });
-  Add(backup, {.name = "into",
-               .into = &options->folder,
-               .help = "Folder for the copy, not a key folder",
-               .isRequired = true});
+  AddArgument(backup, "into", &options->folder, "Folder for the copy, not a key folder");
   AddDeviceOptions(backup, target);
   NoteJson(backup, "{serial, label, file}");
 
   CLI::App& restore =
       AddCommand(app, "restore", "Put a copy of a device back; replaces nothing; needs no PIN",
                  [&target, options] { Restore(target, *options); });
-  Add(restore, {.name = "file", .into = &options->file, .help = "The copy", .isRequired = true});
+  AddArgument(restore, "file", &options->file, "The copy");
   NoteJson(restore, "{serial, label, file}");
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+namespace {
 struct CertOptions {
   std::string file;
   std::string which;  // number or fingerprint; empty where the user leaves it out
@@ -17,6 +18,7 @@ struct CertOptions {
   bool yes = false;
   SecretSource pin;
 };
+}  // namespace
 
 static int FindDer(Keypair* keypair, const Bytes& der) {
   for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
@@ -188,10 +190,7 @@ void AddCertCommands(CLI::App& app, Target& target) {
 
   CLI::App& add = AddCommand(cert, "add", "Store the certificates of a file",
                              [&target, options] { Add(target, *options); });
-  Add(add, {.name = "file",
-            .into = &options->file,
-            .help = "PEM, DER or PKCS#7; - is standard input",
-            .isRequired = true});
+  AddArgument(add, "file", &options->file, "PEM, DER or PKCS#7; - is standard input");
   AddKeypairOptions(add, target);
   AddSecretOptions(add, options->pin, "pin", "PIN");
   NoteJson(add, "{added, certificates: [as 'cert list']}");

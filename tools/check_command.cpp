@@ -16,12 +16,14 @@
 
 #include <algorithm>
 
+namespace {
 struct CheckOptions {
   std::vector<std::string> files;
   bool repair = false;
   bool withPin = false;
   SecretSource pin;
 };
+}  // namespace
 
 // --- Without the PIN -----------------------------------------------------------------------------
 
@@ -124,12 +126,14 @@ static OwnedDevice RecordOf(const std::string& path) {
   return OwnedDevice(GetDeviceHandleFromData(raw, size));
 }
 
+namespace {
 // What a file was at one moment.
 struct Look {
   Inspection inspection;
   std::string verdict;
   OwnedDevice device;
 };
+}  // namespace
 
 // In the midst of a rewrite a file looks damaged: the lock makes a writer wait. Who may not write
 // the file can't have it, and looks all the same.
@@ -142,11 +146,13 @@ static Look LookAt(const std::string& path) {
   return look;
 }
 
+namespace {
 struct Checked {
   std::string text;
   Fields facts;
   bool isSound = true;
 };
+}  // namespace
 
 static Checked Check(const std::string& path, const CheckOptions& options) {
   auto [inspection, verdict, device] = LookAt(path);

@@ -14,11 +14,13 @@ bool IsFingerprint(const std::string& text, const std::string& fingerprint) {
   return digits.size() >= FINGERPRINT_MIN && fingerprint.starts_with(digits);
 }
 
+namespace {
 // A name with the kind of name before it, as in "label:Office".
 struct Named {
   std::string kind;
   std::string name;
 };
+}  // namespace
 
 static Named TakeKind(const std::string& text, const std::vector<std::string>& kinds) {
   for (const std::string& kind : kinds) {
@@ -27,6 +29,7 @@ static Named TakeKind(const std::string& text, const std::vector<std::string>& k
   return {"", text};
 }
 
+namespace {
 // One, or all, of what could be meant; each with the words that mean it alone.
 template <class Record>
 struct Candidates {
@@ -35,6 +38,7 @@ struct Candidates {
   std::vector<Record*> fitting;
   std::string (*describe)(Record*);
 };
+}  // namespace
 
 template <class Record>
 static std::string Lines(const std::vector<Record*>& records, std::string (*describe)(Record*)) {

@@ -7,6 +7,7 @@
 
 #include <openssl/rsa.h>
 
+namespace {
 struct CipherOptions {
   std::string file;
   std::string publicKey;
@@ -16,6 +17,7 @@ struct CipherOptions {
   OutputOptions output;
   SecretSource pin;
 };
+}  // namespace
 
 static constexpr int RSA_PADDING_OVERHEAD = 11;  // of PKCS#1 v1.5; RFC 8017, 7.2.1
 
@@ -145,7 +147,7 @@ static void Decrypt(const Target& target, const CipherOptions& options) {
 // --- Options -------------------------------------------------------------------------------------
 
 static void AddCommon(CLI::App& command, CipherOptions& options, const char* what) {
-  Add(command, {.name = "file", .into = &options.file, .help = what, .isRequired = true});
+  AddArgument(command, "file", &options.file, what);
   AddOutputOptions(command, options.output, "File to write");
   Add(command, {.name = "--oaep",
                 .into = &options.oaep,

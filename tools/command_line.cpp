@@ -46,6 +46,10 @@ void Add(CLI::App& command, const Parameter& parameter) {
   for (const std::string& other : parameter.excludes) option->excludes(command.get_option(other));
 }
 
+void AddArgument(CLI::App& command, const char* name, Place into, const std::string& help) {
+  Add(command, {.name = name, .into = into, .help = help, .isRequired = true});
+}
+
 void AddNote(CLI::App& command, const std::string& text) {
   const std::string before = command.get_footer();
   command.footer(before + (before.empty() ? "" : "\n") + text);

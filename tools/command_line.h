@@ -42,6 +42,9 @@ struct Parameter {
 };
 void Add(CLI::App& command, const Parameter& parameter);
 
+// AddArgument adds a word that the command needs, known by its place.
+void AddArgument(CLI::App& command, const char* name, Place into, const std::string& help);
+
 // AddNote adds lines to the end of a command's help.
 void AddNote(CLI::App& command, const std::string& text);
 

@@ -8,12 +8,14 @@
 
 #include <errno.h>
 
+namespace {
 struct CreateOptions {
   std::string label;
   std::string serialNumber;
   bool withoutPin = false;
   SecretSource pin;
 };
+}  // namespace
 
 // What can be refused is refused before the PIN is asked for.
 static void RefuseTaken(const Target& target, const CreateOptions& options) {
@@ -88,12 +90,7 @@ void AddCreateCommand(CLI::App& app, Target& target) {
   const auto options = std::make_shared<CreateOptions>();
   CLI::App& create = AddCommand(app, "create", "Make a device and set its PIN",
                                 [&target, options] { Create(target, *options); });
-  Add(create, {.name = "--label",
-               .into = &options->label,
-               .help = "Label of the device",
-               .value = "NAME",
-               .isRequired = true,
-               .check = RefuseBadName});
+  AddLabelOption(create, options->label, "Label of the device", true);
   Add(create, {.name = "--serial",
                .into = &options->serialNumber,
                .help = "Serial number; the file is named after it [16 random digits]",

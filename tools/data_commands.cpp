@@ -9,6 +9,7 @@
 #include <limits.h>
 #include <algorithm>
 
+namespace {
 struct DataOptions {
   int id = 0;
   int size = 0;
@@ -18,6 +19,7 @@ struct DataOptions {
   std::string file = "-";
   OutputOptions output;
 };
+}  // namespace
 
 static Fields FactsOf(int id, size_t bytes) { return {{"id", id}, {"bytes", bytes}}; }
 
@@ -140,10 +142,7 @@ static void AddOffset(CLI::App& command, const SharedOptions& options) {
 }
 
 static void AddFile(CLI::App& command, const SharedOptions& options) {
-  Add(command, {.name = "file",
-                .into = &options->file,
-                .help = "File with the bytes; - is standard input",
-                .isRequired = true});
+  AddArgument(command, "file", &options->file, "File with the bytes; - is standard input");
 }
 
 // `read` is the older name of `get`.

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <algorithm>
 
+namespace {
 struct DataRecords {
   Data** items = nullptr;
   unsigned int count = 0;
@@ -16,6 +17,7 @@ struct DataRecords {
   DataRecords& operator=(const DataRecords&) = delete;
   ~DataRecords() { FreeDatas(items, static_cast<int>(count)); }
 };
+}  // namespace
 
 static Failure Unreadable(Device* device) {
   return Failure("The data objects of device " + NameOf(device) + " can't be read.",

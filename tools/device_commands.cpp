@@ -62,6 +62,7 @@ static Fields FactsOf(Keypair* keypair, Fact certificates) {
   return fields;
 }
 
+namespace {
 // What one device has, for people and for programs.
 struct Listing {
   std::string text;
@@ -73,6 +74,7 @@ struct Listing {
     isWhole = false;
   }
 };
+}  // namespace
 
 // AddProblems adds what of the device can't be used, and what is not even loaded.
 static void AddProblems(Device* device, Listing& listing) {
@@ -226,11 +228,7 @@ void AddDeviceCommands(CLI::App& app, Target& target) {
   const auto pin = std::make_shared<SecretSource>();
   CLI::App& rename = AddCommand(app, "rename-device", "Give a device another label",
                                 [&target, label, pin] { Rename(target, *label, *pin); });
-  Add(rename, {.name = "label",
-               .into = label.get(),
-               .help = "The new label",
-               .isRequired = true,
-               .check = RefuseBadName});
+  AddNewLabel(rename, *label);
   AddDeviceOptions(rename, target);
   AddSecretOptions(rename, *pin, "pin", "PIN");
   NoteJson(rename, "{serial, label}");

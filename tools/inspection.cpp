@@ -95,10 +95,12 @@ static std::string PlaceOf(const StoredFault& fault) {
          (fault.label.empty() ? "" : " (" + std::string(fault.label) + ")");
 }
 
+namespace {
 struct Collection {
   const Bytes& image;
   Inspection inspection;
 };
+}  // namespace
 
 static void Collect(void* context, const StoredFault& fault) {
   auto& collection = *static_cast<Collection*>(context);

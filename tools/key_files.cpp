@@ -31,12 +31,14 @@ using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
 static constexpr int OBJECTS_MAX = 100;  // in one file; more is no key file
 
+namespace {
 // The passphrase, read when the first decoder asks for it and kept for the others.
 struct Passphrase {
   const SecretSource& source;
   SecretText text;
   std::exception_ptr problem;  // why it could not be read
 };
+}  // namespace
 
 // Called from C: what goes wrong is kept for the caller instead of thrown.
 static int GivePassphrase(char* buffer, int size, int, void* context) {

@@ -10,6 +10,7 @@
 
 #include <string.h>
 
+namespace {
 struct KeypairOptions {
   OutputOptions output;
   std::string label;
@@ -17,6 +18,7 @@ struct KeypairOptions {
   bool der = false;
   SecretSource pin;
 };
+}  // namespace
 
 static void WritePublicKey(const Target& target, const KeypairOptions& options) {
   const OutputFile output(options.output, options.der ? Output::BINARY : Output::TEXT, target, {});
@@ -121,11 +123,7 @@ void AddKeypairCommands(CLI::App& app, Target& target) {
 
   CLI::App& relabel = AddCommand(app, "relabel", "Give a keypair another label",
                                  [&target, options] { Relabel(target, *options); });
-  Add(relabel, {.name = "label",
-                .into = &options->label,
-                .help = "The new label",
-                .isRequired = true,
-                .check = RefuseBadName});
+  AddNewLabel(relabel, options->label);
   AddKeypairOptions(relabel, target);
   AddSecretOptions(relabel, options->pin, "pin", "PIN");
   NoteJson(relabel, KEYPAIR_JSON);

@@ -11,8 +11,32 @@ using ParamBuilder = std::unique_ptr<OSSL_PARAM_BLD, Release<OSSL_PARAM_BLD_free
 using Params = std::unique_ptr<OSSL_PARAM, Release<OSSL_PARAM_free>>;
 using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
-static constexpr const char* CURVE_NAMES[] = {nullptr, "P-192", "P-224", "P-256",
-                                              "P-384", "P-521", nullptr, "SM2"};
+namespace {
+// A curve: its name to show, what OpenSSL calls it, and the size of its field in bytes.
+struct CurveInfo {
+  const char* name;
+  const char* group;
+  int size;
+};
+}  // namespace
+
+static constexpr CurveInfo UNKNOWN_CURVE = {};
+
+// By VakroCurve.
+static constexpr CurveInfo CURVES[] = {
+    UNKNOWN_CURVE,
+    {"P-192", "prime192v1", 24},
+    {"P-224", "secp224r1", 28},
+    {"P-256", "prime256v1", 32},
+    {"P-384", "secp384r1", 48},
+    {"P-521", "secp521r1", 66},
+    UNKNOWN_CURVE,
+    {"SM2", "SM2", 32},
+};
+
+static const CurveInfo& InfoOf(int curve) {
+  return curve >= CURVE_P192 && curve <= CURVE_SM2 ? CURVES[curve] : UNKNOWN_CURVE;
+}
 
 std::string OpenSslError() {
   const unsigned long code = ERR_get_error();
@@ -44,7 +68,7 @@ std::string KindName(Keypair* keypair) {
   LibBytes x, y;
   int xLen = 0, yLen = 0;
   const int curve = DecodePoint(keypair->publicKey, keypair->publicKeyLen, x, xLen, y, yLen);
-  const char* name = curve >= CURVE_P192 && curve <= CURVE_SM2 ? CURVE_NAMES[curve] : nullptr;
+  const char* name = InfoOf(curve).name;
   return name == nullptr ? "unknown" : name;
 }
 
@@ -76,21 +100,12 @@ static EvpKey RsaFromEncoding(ByteSpan encoding) {
   return FromParams("RSA", builder.get());
 }
 
-// What OpenSSL calls the curves, by VakroCurve, and their field sizes in bytes.
-struct CurveInfo {
-  const char* group;
-  int size;
-};
-static constexpr CurveInfo CURVES[] = {{nullptr, 0},       {"prime192v1", 24}, {"secp224r1", 28},
-                                       {"prime256v1", 32}, {"secp384r1", 48},  {"secp521r1", 66},
-                                       {nullptr, 0},       {"SM2", 32}};
-
 static EvpKey EccFromEncoding(ByteSpan encoding) {
   LibBytes x, y;
   int xLen = 0, yLen = 0;
   const int curve =
       DecodePoint(encoding.data(), static_cast<int>(encoding.size()), x, xLen, y, yLen);
-  const CurveInfo info = curve >= CURVE_P192 && curve <= CURVE_SM2 ? CURVES[curve] : CURVES[0];
+  const CurveInfo& info = InfoOf(curve);
   if (info.group == nullptr || xLen > info.size || yLen > info.size) {
     throw Failure("The public key does not decode.");
   }
@@ -145,11 +160,8 @@ std::string KindName(EVP_PKEY* key) {
   char group[NAME_SIZE] = {};
   if (EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1 &&
       EVP_PKEY_is_a(key, "DH") == 0) {
-    for (size_t i = 0; i < std::size(CURVES); i++) {
-      if (CURVES[i].group != nullptr && CURVE_NAMES[i] != nullptr &&
-          OBJ_txt2nid(group) == OBJ_txt2nid(CURVES[i].group)) {
-        return CURVE_NAMES[i];
-      }
+    for (const CurveInfo& info : CURVES) {
+      if (info.group != nullptr && OBJ_txt2nid(group) == OBJ_txt2nid(info.group)) return info.name;
     }
     return std::string("elliptic-curve (") + group + ")";
   }

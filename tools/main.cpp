@@ -93,6 +93,7 @@ static int Parse(CLI::App& app, int argc, char** argv) {
   }
 }
 
+namespace {
 // The module, for as long as the program runs.
 struct Started {
   Started() {
@@ -102,6 +103,7 @@ struct Started {
   Started& operator=(const Started&) = delete;
   ~Started() { DeviceEnd(); }
 };
+}  // namespace
 
 static int Run(int argc, char** argv) {
   const Started module;

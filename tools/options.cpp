@@ -97,6 +97,23 @@ void AddOutputOptions(CLI::App& command, OutputOptions& output, const std::strin
   Add(command, {.name = "--force", .into = &output.force, .help = "Replace a file that exists"});
 }
 
+void AddLabelOption(CLI::App& command, std::string& label, const char* help, bool isRequired) {
+  Add(command, {.name = "--label",
+                .into = &label,
+                .help = help,
+                .value = "LABEL",
+                .isRequired = isRequired,
+                .check = RefuseBadName});
+}
+
+void AddNewLabel(CLI::App& command, std::string& label) {
+  Add(command, {.name = "label",
+                .into = &label,
+                .help = "The new label",
+                .isRequired = true,
+                .check = RefuseBadName});
+}
+
 void AddYesOption(CLI::App& command, bool& yes) {
   Add(command, {.name = "--yes", .into = &yes, .help = "Do not ask whether it is meant"});
 }

@@ -15,6 +15,10 @@ void AddSecretOptions(CLI::App& command, SecretSource& source, const std::string
 
 // AddOutputOptions adds --output and --force; `what` is the file.
 void AddOutputOptions(CLI::App& command, OutputOptions& output, const std::string& what);
+
+void AddLabelOption(CLI::App& command, std::string& label, const char* help, bool isRequired);
+void AddNewLabel(CLI::App& command, std::string& label);  // the argument of a renaming command
+
 void AddYesOption(CLI::App& command, bool& yes);
 void AddHashOption(CLI::App& command, std::string& hash);  // --hash, of a signature
 void AddIdOption(CLI::App& command, std::string& id);      // --id, of SM2's signer

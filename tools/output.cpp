@@ -165,6 +165,7 @@ static void WriteStandardOutput(ByteSpan bytes, Output kind) {
   throw Failure("Can't write to standard output: " + SystemError() + ".");
 }
 
+namespace {
 // Signals wait while a scope lasts, so that no half-written file is left beside the output.
 struct SignalsHeld {
   sigset_t before = {};
@@ -178,6 +179,7 @@ struct SignalsHeld {
   SignalsHeld& operator=(const SignalsHeld&) = delete;
   ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before, nullptr); }
 };
+}  // namespace
 
 // The name without a file behind it is taken in one step, so that no file that appears meanwhile
 // is lost; a file system without that step gets a second name first.

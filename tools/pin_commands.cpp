@@ -9,11 +9,13 @@
 
 #include <errno.h>
 
+namespace {
 struct PinOptions {
   bool force = false;
   SecretSource pin;
   SecretSource newPin;
 };
+}  // namespace
 
 // A change writes all keypairs anew: one that the reader passes over would be lost.
 // Returns whether something is to be given up.

@@ -8,6 +8,7 @@
 
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+namespace {
 struct RequestOptions {
   std::string subject;
   std::string san;
@@ -22,6 +23,7 @@ struct RequestOptions {
   bool store = false;
   SecretSource pin;
 };
+}  // namespace
 
 using Extension = std::unique_ptr<X509_EXTENSION, Release<X509_EXTENSION_free>>;
 

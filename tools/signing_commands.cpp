@@ -5,6 +5,7 @@
 #include "tools/session.h"
 #include "tools/signing.h"
 
+namespace {
 struct SigningOptions {
   std::string file;
   std::string signature;
@@ -13,6 +14,7 @@ struct SigningOptions {
   Scheme scheme;
   SecretSource pin;
 };
+}  // namespace
 
 static void Sign(const Target& target, const SigningOptions& options) {
   const OutputFile output(options.output, Output::BINARY, target, {options.file, options.pin.file});
@@ -52,10 +54,7 @@ static void Verify(const Target& target, const SigningOptions& options) {
 }
 
 static void AddCommon(CLI::App& command, SigningOptions& options) {
-  Add(command, {.name = "file",
-                .into = &options.file,
-                .help = "File that is signed; - is standard input",
-                .isRequired = true});
+  AddArgument(command, "file", &options.file, "File that is signed; - is standard input");
   AddHashOption(command, options.scheme.hash);
   Add(command, {.name = "--pss",
                 .into = &options.scheme.pss,
@@ -82,10 +81,7 @@ void AddSigningCommands(CLI::App& app, Target& target) {
   CLI::App& verify = AddCommand(app, "verify", "Check a signature; needs no PIN",
                                 [&target, options] { Verify(target, *options); });
   AddCommon(verify, *options);
-  Add(verify, {.name = "signature",
-               .into = &options->signature,
-               .help = "Signature file",
-               .isRequired = true});
+  AddArgument(verify, "signature", &options->signature, "Signature file");
   Add(verify, {.name = "--public-key",
                .into = &options->publicKey,
                .help = "Public key or certificate to use instead of a keypair, PEM or DER",

@@ -18,6 +18,7 @@ static constexpr int CAUGHT[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGA
 static volatile sig_atomic_t g_signal = 0;
 static void NoteSignal(int number) { g_signal = number; }
 
+namespace {
 // While it lives the signals that would end or stop the process are noted instead, and come only
 // inside ppoll with the mask of before.
 struct SignalsNoted {
@@ -43,7 +44,9 @@ struct SignalsNoted {
     sigprocmask(SIG_SETMASK, &before, nullptr);
   }
 };
+}  // namespace
 
+namespace {
 // No echo for a scope; what was typed ahead is dropped.
 struct EchoOff {
   const int fd;
@@ -61,10 +64,13 @@ struct EchoOff {
     if (fd >= 0) tcsetattr(fd, TCSAFLUSH, &before);
   }
 };
+}  // namespace
 
 bool HasTerminal() { return FileHandle(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)).fd >= 0; }
 
+namespace {
 enum class Line { READ, ENDED, TOO_LONG, SIGNALLED };
+}  // namespace
 
 // ReadLine takes one line, which an ended input ends too.
 static Line ReadLine(int fd, const sigset_t& mask, SecretText& text) {

@@ -4,10 +4,12 @@
 #include <stdio.h>
 #include <algorithm>
 
+namespace {
 struct Range {
   int first;
   int last;
 };
+}  // namespace
 
 template <size_t N>
 static bool IsIn(const Range (&ranges)[N], int character) {
@@ -31,12 +33,14 @@ static constexpr Range WIDE[] = {
     {0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3},   {0xf900, 0xfaff},   {0xfe30, 0xfe6f},
     {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x1f300, 0x1f64f}, {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
 
+namespace {
 // How many bytes follow a first byte, what it contributes, and the smallest number it may begin.
 struct Lead {
   int following;
   int bits;
   int least;
 };
+}  // namespace
 
 static Lead LeadOf(unsigned char first) {
   if (first < 0x80) return {0, first, 0};

@@ -21,6 +21,7 @@ static bool TakesValue(const CLI::Option* option) {
 
 // --- Help ----------------------------------------------------------------------------------------
 
+namespace {
 // Help without the library's remarks on which options exclude which, and with the options that
 // stand anywhere.
 struct HelpText : CLI::Formatter {
@@ -35,12 +36,12 @@ struct HelpText : CLI::Formatter {
   std::string make_usage(const CLI::App* app, std::string) const override {
     std::string name;
     for (const CLI::App* at = app; at != nullptr; at = at->get_parent()) {
-      name = at->get_name() + (name.empty() ? "" : " " + name);
+      name.insert(0, at->get_name() + (name.empty() ? "" : " "));
     }
     return CLI::Formatter::make_usage(app, name);
   }
   std::string make_footer(const CLI::App* app) const override {
-    const std::string own = CLI::Formatter::make_footer(app);
+    std::string own = CLI::Formatter::make_footer(app);
     const CLI::App* root = app;
     while (root->get_parent() != nullptr) root = root->get_parent();
     if (root == app) return own;
@@ -50,6 +51,7 @@ struct HelpText : CLI::Formatter {
            "\n" + own;
   }
 };
+}  // namespace
 
 void SetUpHelp(CLI::App& app) {
   const auto help = std::make_shared<HelpText>();
