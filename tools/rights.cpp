@@ -8,6 +8,7 @@
 #include <pwd.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <filesystem>
 
@@ -43,6 +44,11 @@ static bool IsOwnGroup(gid_t number) {
          strcmp(user->pw_name, own->gr_name) == 0;
 }
 
+// With an ACL the group's part of the mode speaks for others, too.
+static bool HasAcl(const std::string& path) {
+  return getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0;
+}
+
 static Exposure WhoMayRenameIn(const std::string& folder) {
   struct stat status = {};
   if (stat(folder.c_str(), &status) != 0) return {};
@@ -52,8 +58,9 @@ static Exposure WhoMayRenameIn(const std::string& folder) {
                 "one below it",
             ""};
   }
-  const bool isWritable = (status.st_mode & S_IWOTH) != 0 ||
-                          ((status.st_mode & S_IWGRP) != 0 && !IsOwnGroup(status.st_gid));
+  const bool isWritable =
+      (status.st_mode & S_IWOTH) != 0 ||
+      ((status.st_mode & S_IWGRP) != 0 && (!IsOwnGroup(status.st_gid) || HasAcl(folder)));
   if (!isWritable || (status.st_mode & S_ISVTX) != 0) return {};
   return {folder +
               " can be written by others: they may put another folder in the place of the "

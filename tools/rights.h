@@ -18,7 +18,7 @@ Exposure WhoMayRead(const std::string& path);  // a file; a folder may be read
 
 // WhoMayMove looks at the folders above `path`, links followed: who may write one of them may put
 // something else in the place of what is below. Folders like /tmp, which let only owners rename,
-// are fine, and so is a group of which the user is the only member.
+// are fine, and so is a group of which the user is the only member, unless there is an ACL.
 Exposure WhoMayMove(const std::string& path);
 
 // RefuseOpen fails where others may write the folder or the file at `path`, unless --unsafe;
