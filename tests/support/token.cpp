@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <stdlib.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 
@@ -45,6 +46,39 @@ std::vector<CK_SLOT_ID> Library::Slots() const {
     if ((info.flags & CKF_TOKEN_INITIALIZED) != 0) found.push_back(slots[i]);
   }
   return found;
+}
+
+CK_RV Library::Begin(CK_SESSION_HANDLE session, Kind kind, CK_MECHANISM* mechanism,
+                     CK_OBJECT_HANDLE key) const {
+  const CK_FUNCTION_LIST& f = *functions_;
+  if (kind == DIGEST) return f.C_DigestInit(session, mechanism);
+  const std::array functions = {f.C_SignInit, f.C_VerifyInit, f.C_EncryptInit, f.C_DecryptInit};
+  return functions[kind - SIGN](session, mechanism, key);
+}
+
+CK_RV Library::Update(CK_SESSION_HANDLE session, Kind kind, std::string_view part, CK_BYTE* out,
+                      CK_ULONG* outLen) const {
+  const CK_FUNCTION_LIST& f = *functions_;
+  const std::array taking = {f.C_DigestUpdate, f.C_SignUpdate, f.C_VerifyUpdate};
+  const std::array giving = {f.C_EncryptUpdate, f.C_DecryptUpdate};
+  return kind < ENCRYPT ? taking[kind](session, Bytes(part), part.size())
+                        : giving[kind - ENCRYPT](session, Bytes(part), part.size(), out, outLen);
+}
+
+CK_RV Library::Run(CK_SESSION_HANDLE session, Kind kind, std::string_view input, CK_BYTE* out,
+                   CK_ULONG* outLen) const {
+  const CK_FUNCTION_LIST& f = *functions_;
+  if (kind == VERIFY) return f.C_Verify(session, Bytes(input), input.size(), out, *outLen);
+  const std::array functions = {f.C_Digest, f.C_Sign, f.C_Sign, f.C_Encrypt, f.C_Decrypt};
+  return functions[kind](session, Bytes(input), input.size(), out, outLen);
+}
+
+CK_RV Library::Finish(CK_SESSION_HANDLE session, Kind kind, CK_BYTE* out, CK_ULONG* outLen) const {
+  const CK_FUNCTION_LIST& f = *functions_;
+  if (kind == VERIFY) return f.C_VerifyFinal(session, out, *outLen);
+  const std::array functions = {f.C_DigestFinal, f.C_SignFinal, f.C_SignFinal, f.C_EncryptFinal,
+                                f.C_DecryptFinal};
+  return functions[kind](session, out, outLen);
 }
 
 static std::string WithDevice(const std::string& folder) {

@@ -1,5 +1,4 @@
-// A token of the PKCS #11 library, which is loaded at run time as programs do it: a device file
-// made byte by byte, with one RSA, one P-256 and one SM2 keypair, in a folder of its own.
+// Tokens of the PKCS #11 library, which is loaded at run time as programs do it.
 #ifndef VAKRO_TESTS_TOKEN_H
 #define VAKRO_TESTS_TOKEN_H
 
@@ -12,6 +11,9 @@
 #include <string>
 #include <vector>
 
+// The five kinds of operations, called alike. Of a verification, `out` is the signature.
+enum Kind { DIGEST, SIGN, VERIFY, ENCRYPT, DECRYPT, KINDS };
+
 // A library that is loaded and initialised over `folder`, which ends with a slash.
 class Library {
  public:
@@ -22,37 +24,18 @@ class Library {
   const CK_FUNCTION_LIST* operator->() const { return functions_; }
   std::vector<CK_SLOT_ID> Slots() const;  // with a token
 
+  CK_RV Begin(CK_SESSION_HANDLE session, Kind kind, CK_MECHANISM* mechanism,
+              CK_OBJECT_HANDLE key) const;
+  CK_RV Update(CK_SESSION_HANDLE session, Kind kind, std::string_view part, CK_BYTE* out,
+               CK_ULONG* outLen) const;
+  CK_RV Run(CK_SESSION_HANDLE session, Kind kind, std::string_view input, CK_BYTE* out,
+            CK_ULONG* outLen) const;
+  CK_RV Finish(CK_SESSION_HANDLE session, Kind kind, CK_BYTE* out, CK_ULONG* outLen) const;
+
  private:
   void* handle_ = nullptr;
   CK_FUNCTION_LIST* functions_ = nullptr;
 };
-
-class TokenTest : public testing::Test {
- protected:
-  TokenTest();
-  ~TokenTest() override;
-
-  // The handle of the only object with these attributes, or 0.
-  CK_OBJECT_HANDLE Find(CK_OBJECT_CLASS cls, CK_KEY_TYPE type) const;
-
-  const std::string folder_;
-  const Library p11_;
-  CK_SLOT_ID slot_ = 0;
-  CK_SESSION_HANDLE session_ = 0;  // logged in
-};
-
-// A call that writes bytes, given the size that it asks for: what it wrote, or "" and a failure of
-// the test.
-template <class Call>
-std::string Written(Call call) {
-  CK_ULONG length = 0;
-  EXPECT_EQ(call(nullptr, &length), CKR_OK);
-  std::string bytes(length, 0);
-  CK_BYTE none = 0;
-  EXPECT_EQ(call(length == 0 ? &none : reinterpret_cast<CK_BYTE*>(bytes.data()), &length), CKR_OK);
-  bytes.resize(length);
-  return bytes;
-}
 
 inline constexpr std::string_view P256("\x06\x08\x2a\x86\x48\xce\x3d\x03\x01\x07", 10);
 
@@ -75,5 +58,20 @@ struct Wanted {
 inline CK_BYTE* Bytes(std::string_view bytes) {
   return reinterpret_cast<CK_BYTE*>(const_cast<char*>(bytes.data()));
 }
+
+// A folder with one token: a device file made byte by byte, with one RSA, one P-256 and one SM2
+// keypair.
+class TokenTest : public testing::Test {
+ protected:
+  TokenTest();
+  ~TokenTest() override;
+  // The handle of the only object with these attributes, or 0.
+  CK_OBJECT_HANDLE Find(CK_OBJECT_CLASS cls, CK_KEY_TYPE type) const;
+
+  const std::string folder_;
+  const Library p11_;
+  CK_SLOT_ID slot_ = 0;
+  CK_SESSION_HANDLE session_ = 0;  // logged in
+};
 
 #endif
