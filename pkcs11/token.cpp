@@ -132,8 +132,12 @@ CK_RV Publish(Slot& slot, Device* device, const Stamp& stamp) {
 void EndLogin(Slot& slot) {
   const MutexLock lock(slot.state);
   slot.login = Login::NONE;
+  if (slot.device == nullptr) return;
+  // Handles of private objects do not come back with the next login.
+  for (Object* object : slot.view->objects)
+    if (object->IsPrivate()) object->handle = NewObjectHandle();
   const ModuleLock module;
-  if (slot.device == nullptr || !module.held) return;
+  if (!module.held) return;
   for (int i = 0; i < slot.device->keypairCount; i++)
     SetPrivateKey(slot.device->keypairs[i], nullptr, -1);
   FreePin(slot.device);
