@@ -15,86 +15,10 @@
 #include <thread>
 
 namespace {
-constexpr char SO_PIN[] = "87654321", USER_PIN[] = "123456";
+constexpr char SO_PIN[] = "87654321";
 
-// A session on the folder's one token, logged in unless the PIN is empty.
-struct Client {
-  const Library& p11;
-  CK_SESSION_HANDLE session = 0;
-
-  explicit Client(const Library& library, std::string_view pin = USER_PIN,
-                  CK_USER_TYPE user = CKU_USER)
-      : p11(library) {
-    const auto slots = p11.Slots();
-    EXPECT_EQ(slots.size(), 1u);
-    if (slots.empty()) return;
-    EXPECT_EQ(p11->C_OpenSession(slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
-                                 &session),
-              CKR_OK);
-    if (pin.empty()) return;
-    EXPECT_EQ(Login(pin, user), CKR_OK);
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-  ~Client() { p11->C_CloseSession(session); }
-
-  CK_RV Login(std::string_view pin, CK_USER_TYPE user = CKU_USER) const {
-    return p11->C_Login(session, user, Bytes(pin), pin.size());
-  }
-  CK_RV Generate(const std::string& id, CK_OBJECT_HANDLE* priv, CK_OBJECT_HANDLE* pub) const {
-    Wanted publicKey, privateKey;
-    publicKey.Flag(CKA_TOKEN, true).Text(CKA_EC_PARAMS, P256).Text(CKA_ID, id);
-    privateKey.Flag(CKA_TOKEN, true).Text(CKA_ID, id).Text(CKA_LABEL, "same for all");
-    CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    return p11->C_GenerateKeyPair(session, &mechanism, publicKey.list.data(), publicKey.count(),
-                                  privateKey.list.data(), privateKey.count(), pub, priv);
-  }
-  std::vector<CK_OBJECT_HANDLE> Find(const Wanted& wanted) const {
-    std::vector<CK_OBJECT_HANDLE> found(300);
-    CK_ULONG count = 0;
-    EXPECT_EQ(p11->C_FindObjectsInit(session, const_cast<CK_ATTRIBUTE*>(wanted.list.data()),
-                                     wanted.count()),
-              CKR_OK);
-    EXPECT_EQ(p11->C_FindObjects(session, found.data(), 300, &count), CKR_OK);
-    EXPECT_EQ(p11->C_FindObjectsFinal(session), CKR_OK);
-    found.resize(count);
-    return found;
-  }
-  size_t Count(CK_OBJECT_CLASS cls) const { return Find(Wanted().Number(CKA_CLASS, cls)).size(); }
-  std::string Get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    char value[4096];
-    CK_ATTRIBUTE asked = {type, value, sizeof value};
-    EXPECT_EQ(p11->C_GetAttributeValue(session, object, &asked, 1), CKR_OK) << type;
-    return asked.ulValueLen > sizeof value ? "none" : std::string(value, asked.ulValueLen);
-  }
-  CK_RV Set(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::string_view value) const {
-    Wanted wanted;
-    wanted.Text(type, value);
-    return p11->C_SetAttributeValue(session, object, wanted.list.data(), 1);
-  }
-  CK_OBJECT_HANDLE Create(Wanted& wanted, CK_RV want = CKR_OK) const {
-    CK_OBJECT_HANDLE made = 0;
-    EXPECT_EQ(p11->C_CreateObject(session, wanted.list.data(), wanted.count(), &made), want);
-    return made;
-  }
-  CK_RV Sign(CK_OBJECT_HANDLE key) const {
-    CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
-    CK_BYTE digest[32] = {}, signature[64];
-    CK_ULONG length = sizeof signature;
-    const CK_RV begun = p11->C_SignInit(session, &mechanism, key);
-    return begun == CKR_OK ? p11->C_Sign(session, digest, 32, signature, &length) : begun;
-  }
-};
-
-// An empty folder, and tokens made in it.
-class Pkcs11Test : public testing::Test {
+class Pkcs11Test : public FolderTest {
  protected:
-  Pkcs11Test() {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-    folder_ += '/';
-  }
-  ~Pkcs11Test() override { std::filesystem::remove_all(folder_); }
-
   static CK_RV InitToken(const Library& p11, CK_SLOT_ID slot, std::string_view pin) {
     CK_UTF8CHAR label[32];
     memset(label, ' ', sizeof label);
@@ -104,7 +28,7 @@ class Pkcs11Test : public testing::Test {
   static void MakeToken(const Library& p11) {
     EXPECT_EQ(InitToken(p11, 0, SO_PIN), CKR_OK);
     const Client officer(p11, SO_PIN, CKU_SO);
-    EXPECT_EQ(p11->C_InitPIN(officer.session, Bytes(USER_PIN), strlen(USER_PIN)), CKR_OK);
+    EXPECT_EQ(p11->C_InitPIN(officer.session, Bytes(PIN), strlen(PIN)), CKR_OK);
   }
   std::string FileBytes() const {
     std::string all;
@@ -114,8 +38,6 @@ class Pkcs11Test : public testing::Test {
     }
     return all;
   }
-
-  std::string folder_ = "/tmp/pkcs11-XXXXXX";
 };
 
 // Runs in a child process; its result is the number of failures.
@@ -146,7 +68,7 @@ TEST_F(Pkcs11Test, ATokenComesToItsPin) {
     EXPECT_EQ(client.Login(SO_PIN), CKR_USER_PIN_NOT_INITIALIZED);
     EXPECT_EQ(client.Login("12345678", CKU_SO), CKR_PIN_INCORRECT);
     EXPECT_EQ(client.Login(SO_PIN, CKU_SO), CKR_OK);
-    EXPECT_EQ(p11->C_InitPIN(client.session, Bytes(USER_PIN), 6), CKR_OK);
+    EXPECT_EQ(p11->C_InitPIN(client.session, Bytes(PIN), strlen(PIN)), CKR_OK);
     EXPECT_EQ(p11->C_Logout(client.session), CKR_OK);
     EXPECT_EQ(client.Login(SO_PIN), CKR_PIN_INCORRECT);
     EXPECT_EQ(client.Login(SO_PIN, CKU_SO), CKR_USER_TYPE_INVALID) << "has none any more";
@@ -154,10 +76,10 @@ TEST_F(Pkcs11Test, ATokenComesToItsPin) {
   const Library p11(folder_);
   EXPECT_EQ(p11.Slots().at(0), slot) << "the same after every start";
   const Client client(p11);
-  EXPECT_EQ(client.Login(USER_PIN), CKR_USER_ALREADY_LOGGED_IN);
+  EXPECT_EQ(client.Login(PIN), CKR_USER_ALREADY_LOGGED_IN);
   EXPECT_EQ(p11->C_SetPIN(client.session, Bytes("wrong1"), 6, Bytes("new one"), 7),
             CKR_PIN_INCORRECT);
-  EXPECT_EQ(p11->C_SetPIN(client.session, Bytes(USER_PIN), 6, Bytes("new one"), 7), CKR_OK);
+  EXPECT_EQ(p11->C_SetPIN(client.session, Bytes(PIN), strlen(PIN), Bytes("new one"), 7), CKR_OK);
   CK_OBJECT_HANDLE priv = 0, pub = 0;
   EXPECT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
   EXPECT_EQ(p11->C_CloseAllSessions(slot), CKR_OK);
@@ -201,9 +123,13 @@ TEST_F(Pkcs11Test, WhatWasSetReadsBack) {
   std::filesystem::create_directory(copy);
   for (const auto& file : std::filesystem::directory_iterator(folder_))
     if (file.is_regular_file()) std::filesystem::copy(file.path(), copy);
+  std::set<std::string> names;
   for (const std::string& folder : {folder_, copy}) {
     const Library p11(folder);
     const Client client(p11);
+    constexpr CK_ATTRIBUTE_TYPE UNIQUE_ID = 4;
+    for (const auto object : client.Find({})) names.insert(client.Get(object, UNIQUE_ID));
+    EXPECT_EQ(names.size(), 6u) << "the same in both";
     for (const auto& [cls, attributes] : want) {
       Wanted wanted;
       wanted.Number(CKA_CLASS, cls);
@@ -270,6 +196,7 @@ TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
   EXPECT_EQ(client.Sign(priv), CKR_KEY_HANDLE_INVALID);
   EXPECT_EQ(client.Get(pub, CKA_EC_POINT), point) << "the handle is still good";
   EXPECT_EQ(client.Get(pub, CKA_ID), "1");
+  EXPECT_EQ(client.Get(pub, CKA_LABEL), "same for all") << "which was the keypair's";
   EXPECT_EQ(client.Get(note, CKA_VALUE), "x");
   EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), 1u);
   EXPECT_EQ(client.Count(CKO_PUBLIC_KEY), 1u);
@@ -277,7 +204,7 @@ TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
     EXPECT_EQ(p11->C_DestroyObject(client.session, object), CKR_OK);
   EXPECT_EQ(client.Find({}).size(), 0u);
   EXPECT_EQ(p11->C_DestroyObject(client.session, note), CKR_OBJECT_HANDLE_INVALID);
-  EXPECT_EQ(client.Login(USER_PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
+  EXPECT_EQ(client.Login(PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
 }
 
 // A key and a certificate for it, and the same key once more.
@@ -364,16 +291,16 @@ TEST_F(Pkcs11Test, NullIsACode) {
   MakeToken(p11);
   const Client client(p11);
   using Any = CK_RV (*)(CK_ULONG, void*, void*, void*, void*, void*, void*, void*, void*, void*);
-  constexpr size_t FIRST = offsetof(CK_FUNCTION_LIST, C_Initialize);
-  std::vector<Any> functions((sizeof(CK_FUNCTION_LIST) - FIRST) / sizeof(Any));
-  const auto* const list = reinterpret_cast<const char*>(&*p11.operator->());
+  constexpr size_t FIRST = offsetof(CK_FUNCTION_LIST_3_0, C_Initialize);
+  std::vector<Any> functions((sizeof(CK_FUNCTION_LIST_3_0) - FIRST) / sizeof(Any));
+  const auto* const list = reinterpret_cast<const char*>(p11.operator->());
   memcpy(functions.data(), list + FIRST, functions.size() * sizeof(Any));
-  constexpr size_t FINALIZE = 1, GET_SLOT_LIST = 4, CLOSE_SESSION = 13;
+  constexpr size_t FINALIZE = 1, GET_SLOT_LIST = 4, CLOSE_SESSION = 13, GET_INTERFACE_LIST = 68;
   for (size_t i = 0; i < functions.size(); i++) {
     SCOPED_TRACE(i);
+    const bool hasHandle = i >= GET_SLOT_LIST && i / 2 != GET_INTERFACE_LIST / 2;
     for (const CK_ULONG first : {CK_ULONG{0}, client.session, ~CK_ULONG{0}}) {
-      if (i == FINALIZE) continue;                    // NULL is all that it takes
-      if (i < GET_SLOT_LIST && first != 0) continue;  // these begin with a pointer
+      if (i == FINALIZE || (!hasHandle && first != 0)) continue;  // NULL is all that it takes
       if (i == CLOSE_SESSION && first == client.session) continue;
       functions[i](first, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                    nullptr);
@@ -382,6 +309,41 @@ TEST_F(Pkcs11Test, NullIsACode) {
   EXPECT_EQ(p11->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
   EXPECT_EQ(p11->C_Finalize(&functions), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(Client(p11).Find({}).size(), 0u) << "still works";
+}
+
+// What can't be answered does not keep the rest from its answer.
+TEST_F(Pkcs11Test, EachAttributeIsAnswered) {
+  const Library p11(folder_);
+  MakeToken(p11);
+  const Client client(p11);
+  CK_OBJECT_HANDLE priv = 0, pub = 0;
+  ASSERT_EQ(client.Generate("id", &priv, &pub), CKR_OK);
+  const struct {
+    CK_ATTRIBUTE_TYPE type;
+    CK_ULONG room, length;
+    CK_RV want;
+  } rows[] = {{CKA_VALUE, 99, CK_UNAVAILABLE_INFORMATION, CKR_ATTRIBUTE_SENSITIVE},
+              {CKA_LABEL, 11, CK_UNAVAILABLE_INFORMATION, CKR_BUFFER_TOO_SMALL},
+              {CKA_MODULUS, 99, CK_UNAVAILABLE_INFORMATION, CKR_ATTRIBUTE_TYPE_INVALID},
+              {CKA_ID, 2, 2, CKR_OK}};
+  char value[99];
+  std::vector<CK_ATTRIBUTE> all;
+  for (const auto& row : rows) {
+    all.push_back({row.type, value, row.room});
+    CK_ATTRIBUTE one = all.back();
+    EXPECT_EQ(p11->C_GetAttributeValue(client.session, priv, &one, 1), row.want) << row.type;
+  }
+  EXPECT_NE(p11->C_GetAttributeValue(client.session, priv, all.data(), all.size()), CKR_OK);
+  for (size_t i = 0; i < all.size(); i++) EXPECT_EQ(all[i].ulValueLen, rows[i].length) << i;
+  // A session for reading reads; with the login, what was known of private objects ends.
+  CK_SESSION_HANDLE reader = 0;
+  EXPECT_EQ(p11->C_OpenSession(client.slot, CKF_SERIAL_SESSION, nullptr, nullptr, &reader), CKR_OK);
+  EXPECT_EQ(p11->C_DestroyObject(reader, pub), CKR_SESSION_READ_ONLY);
+  EXPECT_EQ(p11->C_Logout(reader), CKR_OK);
+  EXPECT_EQ(client.Login(PIN), CKR_OK);
+  CK_ULONG size = 0;
+  EXPECT_EQ(p11->C_GetObjectSize(reader, pub, &size), CKR_OK);
+  EXPECT_EQ(p11->C_GetObjectSize(reader, priv, &size), CKR_OBJECT_HANDLE_INVALID);
 }
 
 TEST_F(Pkcs11Test, FinalizeWaitsForThoseInside) {
@@ -397,7 +359,7 @@ TEST_F(Pkcs11Test, FinalizeWaitsForThoseInside) {
         CK_SESSION_HANDLE session = 0;
         if (p11->C_GetSlotList(CK_TRUE, slots, &count) != CKR_OK) continue;
         p11->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-        p11->C_Login(session, CKU_USER, Bytes(USER_PIN), 6);
+        p11->C_Login(session, CKU_USER, Bytes(PIN), strlen(PIN));
         p11->C_FindObjectsInit(session, nullptr, 0);
         p11->C_CloseSession(session);
       }
@@ -464,7 +426,7 @@ TEST_F(Pkcs11Test, ThreadsShareAToken) {
     });
   while (done < 3) {
     EXPECT_EQ(p11->C_Logout(owner.session), CKR_OK);
-    EXPECT_EQ(owner.Login(USER_PIN), CKR_OK);
+    EXPECT_EQ(owner.Login(PIN), CKR_OK);
     usleep(20000);
   }
   for (std::thread& thread : threads) thread.join();
@@ -489,6 +451,16 @@ TEST_F(Pkcs11Test, AChildStartsAnew) {
             }),
             0);
   EXPECT_EQ(parent.Sign(priv), CKR_OK);
+  // A login ends when another process has changed the PIN.
+  EXPECT_EQ(InChild([&] {
+              const Library again(folder_);
+              const Client child(again);
+              EXPECT_EQ(again->C_SetPIN(child.session, Bytes(PIN), strlen(PIN), Bytes("other"), 5),
+                        CKR_OK);
+            }),
+            0);
+  EXPECT_EQ(parent.Generate("2", &priv, &pub), CKR_USER_NOT_LOGGED_IN);
+  EXPECT_EQ(parent.Login("other"), CKR_OK);
 }
 
 TEST_F(Pkcs11Test, AProgramEndsAsItLikes) {

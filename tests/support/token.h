@@ -21,7 +21,7 @@ class Library {
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
   ~Library();
-  const CK_FUNCTION_LIST* operator->() const { return functions_; }
+  const CK_FUNCTION_LIST_3_0* operator->() const { return functions_; }
   std::vector<CK_SLOT_ID> Slots() const;  // with a token
 
   CK_RV Begin(CK_SESSION_HANDLE session, Kind kind, CK_MECHANISM* mechanism,
@@ -34,7 +34,7 @@ class Library {
 
  private:
   void* handle_ = nullptr;
-  CK_FUNCTION_LIST* functions_ = nullptr;
+  const CK_FUNCTION_LIST_3_0* functions_ = nullptr;
 };
 
 inline constexpr std::string_view P256("\x06\x08\x2a\x86\x48\xce\x3d\x03\x01\x07", 10);
@@ -59,19 +59,34 @@ inline CK_BYTE* Bytes(std::string_view bytes) {
   return reinterpret_cast<CK_BYTE*>(const_cast<char*>(bytes.data()));
 }
 
-// A folder with one token: a device file made byte by byte, with one RSA, one P-256 and one SM2
-// keypair.
-class TokenTest : public testing::Test {
- protected:
-  TokenTest();
-  ~TokenTest() override;
-  // The handle of the only object with these attributes, or 0.
-  CK_OBJECT_HANDLE Find(CK_OBJECT_CLASS cls, CK_KEY_TYPE type) const;
+// A session on the folder's one token, logged in unless the PIN is empty.
+struct Client {
+  const Library& p11;
+  CK_SLOT_ID slot = 0;
+  CK_SESSION_HANDLE session = 0;
 
-  const std::string folder_;
-  const Library p11_;
-  CK_SLOT_ID slot_ = 0;
-  CK_SESSION_HANDLE session_ = 0;  // logged in
+  explicit Client(const Library& library, std::string_view pin = PIN, CK_USER_TYPE user = CKU_USER);
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  ~Client() { p11->C_CloseSession(session); }
+
+  CK_RV Login(std::string_view pin, CK_USER_TYPE user = CKU_USER) const;
+  CK_RV Generate(const std::string& id, CK_OBJECT_HANDLE* priv, CK_OBJECT_HANDLE* pub) const;
+  std::vector<CK_OBJECT_HANDLE> Find(const Wanted& wanted) const;
+  size_t Count(CK_OBJECT_CLASS cls) const { return Find(Wanted().Number(CKA_CLASS, cls)).size(); }
+  std::string Get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
+  CK_RV Set(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::string_view value) const;
+  CK_OBJECT_HANDLE Create(Wanted& wanted, CK_RV want = CKR_OK) const;
+  CK_RV Sign(CK_OBJECT_HANDLE key) const;  // with ECDSA
+};
+
+// A folder of the test's own.
+class FolderTest : public testing::Test {
+ protected:
+  FolderTest();
+  ~FolderTest() override;
+
+  std::string folder_ = "/tmp/pkcs11-XXXXXX";
 };
 
 #endif
