@@ -176,7 +176,7 @@ TEST_F(KeypairsTest, NeedAFileThatIsADevice) {
     EXPECT_REFUSED(0, Generate(device_.get(), 4, 256, &p256Params_, 9, "new"));
   };
   const std::string good = Read("dev");
-  Write("dev", Flipped(good, 20));  // a wrong digest is not made right
+  Write("dev", Flipped(good, 15));  // a wrong digest is not made right
   calls();
   EXPECT_REFUSED(0, DeviceChangePwd(device_.get(), 1, PIN, "new", nullptr));
   Write("dev.bak", good);  // the only good copy
