@@ -393,6 +393,9 @@ TEST_F(Pkcs11Operations, InputThatDoesNotFitIsRefused) {
       {CKR_DATA_LEN_RANGE, SIGN, {"ECDSA, none", TestP256().key, CKM_ECDSA, ""}},
       {CKR_DATA_LEN_RANGE, ENCRYPT, {"SM2, none", sm2, VENDOR_SM2_ENCRYPT, ""}},
       {CKR_ENCRYPTED_DATA_INVALID, DECRYPT, {"", rsa, CKM_RSA_PKCS, std::string(256, '\xff')}},
+      {CKR_ENCRYPTED_DATA_INVALID,
+       DECRYPT,
+       {"OAEP", rsa, CKM_RSA_PKCS_OAEP, std::string(256, '\1'), Oaep(CKM_SHA_1, 1, 1, "", 0)}},
   };
   ERR_clear_error();
   for (const auto& c : cases) {
