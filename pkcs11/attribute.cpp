@@ -169,7 +169,10 @@ static bool ValueOf(const Object& object, Value& out) {
 
 // --- The table -----------------------------------------------------------------------------------
 
+namespace {
 enum ClassBit : unsigned int { PRIV = 1, PUB = 2, CERT = 4, DATA = 8, RSA_ONLY = 16, EC_ONLY = 32 };
+}  // namespace
+
 static constexpr unsigned int KEYS = PRIV | PUB;
 static constexpr unsigned int ALL = KEYS | CERT | DATA;
 

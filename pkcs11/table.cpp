@@ -12,6 +12,7 @@
 
 static constexpr unsigned char TABLE_HEAD[] = {'V', 'K', 'T', 'B', 0, 0, 0, 1};
 
+namespace {
 enum RecordKind : unsigned int {
   RECORD_DEVICE = 1,       // no reference
   RECORD_OBJECT = 2,       // an object that is kept elsewhere, by its name
@@ -19,6 +20,7 @@ enum RecordKind : unsigned int {
   RECORD_CERTIFICATE = 4,  // a certificate that is in no keypair's list
   RECORD_DATA = 5,         // a data object, by its number as a word; 0: an empty one
 };
+}  // namespace
 
 // In the record of the device: the PIN is the security officer's.
 static constexpr CK_ATTRIBUTE_TYPE SO_PIN = CKA_VENDOR_DEFINED | 0x56414B01;
