@@ -161,16 +161,7 @@ CK_RV PutInKeypair(TokenChange& change, Keypair* made, Object** privateKey, Obje
     return CKR_DEVICE_MEMORY;
   }
   keypair->type = FreeType(device, keypair->label);
-  const int encrypted = keypair->algorithm == ALGORITHM_ECC
-                            ? EncryptECCKeypair(device, keypair.get())
-                            : EncryptRSAKeypair(device, keypair.get());
-  if (encrypted != 1) return CKR_FUNCTION_FAILED;
-  keypair->isTemp = 0;
-  keypair->device = device;
-  keypair->maxCerts = MAX_CERTS;
-  device->keypairs[device->keypairCount] = keypair.release();
-  device->keypairCount++;
-  device->refCount++;
+  if (AppendKeypair(device, keypair.release()) != VAKRO_OK) return CKR_FUNCTION_FAILED;
   View& view = change.view;
   const size_t before = view.objects.count;
   if (!AddKeypairObjects(device, device->keypairCount - 1, view) ||
