@@ -115,8 +115,7 @@ static CK_RV CopyPrivateKey(Session& session, CK_OBJECT_HANDLE handle, const Tem
   if (!changes.IsToken()) {
     OwnedObject object(NewKeyObject(CKO_PRIVATE_KEY, key));
     if (!object || !object->set.stored.Append(set)) return CKR_HOST_MEMORY;
-    const CK_RV applied = changes.ApplyTo(*object);
-    return applied == CKR_OK ? AddSessionObject(session, object.release(), made) : applied;
+    return AddSessionObject(session, std::move(object), changes, made);
   }
   OwnedKeypair keypair;
   const CK_RV cloned = CloneKeypair(*key, keypair);

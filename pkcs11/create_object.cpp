@@ -39,8 +39,7 @@ static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJE
   if (!wanted.IsToken()) {
     OwnedObject object(NewCertificateObject(bytes));
     if (!object) return CKR_ATTRIBUTE_VALUE_INVALID;
-    const CK_RV applied = wanted.ApplyTo(*object);
-    return applied == CKR_OK ? AddSessionObject(session, object.release(), handle) : applied;
+    return AddSessionObject(session, std::move(object), wanted, handle);
   }
   TokenChange change(*session.slot);
   CK_RV result = BeginTokenChange(change);
@@ -56,8 +55,7 @@ static CK_RV CreateData(Session& session, const Template& wanted, CK_OBJECT_HAND
   if (!wanted.IsToken()) {
     OwnedObject object(NewDataObject(0, value));
     if (!object) return CKR_HOST_MEMORY;
-    const CK_RV applied = wanted.ApplyTo(*object);
-    return applied == CKR_OK ? AddSessionObject(session, object.release(), handle) : applied;
+    return AddSessionObject(session, std::move(object), wanted, handle);
   }
   TokenChange change(*session.slot);
   CK_RV result = BeginTokenChange(change);

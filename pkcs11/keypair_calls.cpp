@@ -37,8 +37,7 @@ CK_RV MakeSessionKey(Session& session, CK_OBJECT_CLASS cls, ObjectKey* key, cons
   OwnedObject object(NewKeyObject(cls, key));
   if (!object || (mechanism != nullptr && !MarkMade(*object, mechanism->mechanism)))
     return CKR_HOST_MEMORY;
-  const CK_RV applied = wanted.ApplyTo(*object);
-  return applied == CKR_OK ? AddSessionObject(session, object.release(), handle) : applied;
+  return AddSessionObject(session, std::move(object), wanted, handle);
 }
 
 CK_RV StoreMadeKeypair(Session& session, OwnedKeypair keypair, Span inherited,

@@ -14,17 +14,17 @@ CK_RV CheckMayMake(const Session& session, bool isToken, bool isPrivate) {
   return CheckMayWrite(session, isToken, isPrivate);
 }
 
-CK_RV AddSessionObject(Session& session, Object* object, CK_OBJECT_HANDLE* handle) {
+CK_RV AddSessionObject(Session& session, OwnedObject object, const Template& wanted,
+                       CK_OBJECT_HANDLE* handle) {
+  const CK_RV applied = wanted.ApplyTo(*object);
+  if (applied != CKR_OK) return applied;
   object->place = Place::SESSION;
   object->owner = session.handle;
   object->handle = NewObjectHandle();
   const MutexLock lock(session.slot->state);
-  if (session.slot->sessionObjects.Add(object)) {
-    *handle = object->handle;
-    return CKR_OK;
-  }
-  Delete(object);
-  return CKR_HOST_MEMORY;
+  if (!session.slot->sessionObjects.Add(object.get())) return CKR_HOST_MEMORY;
+  *handle = object.release()->handle;
+  return CKR_OK;
 }
 
 void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle) {

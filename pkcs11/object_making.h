@@ -13,9 +13,10 @@ CK_RV CheckMayMake(const Session& session, bool isToken, bool isPrivate);  // ta
 
 using OwnedObject = std::unique_ptr<Object, Release<Delete<Object>>>;
 
-// AddSessionObject makes an object the session's and hands out its handle. Takes it over, also on
-// failure.
-CK_RV AddSessionObject(Session& session, Object* object, CK_OBJECT_HANDLE* handle);
+// AddSessionObject gives a new object what the template wants, makes it the session's and hands out
+// its handle.
+CK_RV AddSessionObject(Session& session, OwnedObject object, const Template& wanted,
+                       CK_OBJECT_HANDLE* handle);
 
 // DeleteSessionObject does nothing where there is none. Caller holds `state`.
 void DeleteSessionObject(Slot& slot, CK_OBJECT_HANDLE handle);
