@@ -36,6 +36,15 @@ void FreeDevice(Device* device) {
   vakro_free(device);
 }
 
+char* CopyPin(const char* pin) {
+  const size_t size = strlen(pin) + 1;
+  char* copy = Allocate<char>(size, TAG);
+  if (copy == nullptr) return nullptr;
+  ShieldSecret(copy, size);
+  memcpy(copy, pin, size);
+  return copy;
+}
+
 void FreePin(Device* device) {
   if (device->pin != nullptr) {
     OPENSSL_cleanse(device->pin, strlen(device->pin));

@@ -119,6 +119,7 @@ DeviceSet* NewDeviceSet(void);
 void FreeDeviceSet(DeviceSet* set);  // frees its devices too, whatever their references
 Device* NewDevice(void);             // zero-filled, but refCount 1 and maxKeypairs
 void FreeDevice(Device* device);     // with its keypairs, whatever its references
+char* CopyPin(const char* pin);      // for the record to keep: kept from swap and core dumps
 void FreePin(Device* device);        // wipes the copy of the PIN; the device is unverified then
 Keypair* NewKeypair(void);           // zero-filled
 

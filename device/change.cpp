@@ -77,10 +77,8 @@ int TakeOverKeys(Device* fresh, Device* verified) {
       curves[i] = known->curve;
     }
   }
-  const size_t size = strlen(verified->pin) + 1;
-  char* const pin = Allocate<char>(size, "device");
+  char* const pin = CopyPin(verified->pin);
   if (pin == nullptr) return VAKRO_FAILED;
-  memcpy(pin, verified->pin, size);
   FreePin(fresh);
   fresh->pin = pin;
   for (int i = 0; i < fresh->keypairCount; i++) {

@@ -3,21 +3,11 @@
 #include "core/error_mark.h"
 #include "core/openssl_owners.h"
 #include "core/secret.h"
-#include "core/shield.h"
 #include "device/device.h"
 #include "keypair/keypair.h"
 #include "store/change.h"
 
 #include <string.h>
-
-static char* CopyPin(const char* pin) {
-  const size_t size = strlen(pin) + 1;
-  char* copy = Allocate<char>(size, "device");
-  if (copy == nullptr) return nullptr;
-  ShieldSecret(copy, size);
-  memcpy(copy, pin, size);
-  return copy;
-}
 
 int IsSamePin(const char* pin, const char* candidate) {
   const size_t length = strlen(pin);

@@ -2,6 +2,7 @@
 #include "tests/support/world.h"
 
 #include "core/shield.h"
+#include "device/change.h"
 
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -44,7 +45,13 @@ TEST_F(ShieldTest, ThePinIsShieldedForAsLongAsItIsKept) {
   EXPECT_EQ(DeviceChangePwd(device.get(), PIN_TYPE_USER, PIN, "another", nullptr), 1);
   const char* const second = device->pin;
   EXPECT_EQ(FlagsAt(second), Shielded());
+  Device* loaded = nullptr;
+  ASSERT_EQ(LoadDevice(Path("dev").c_str(), &loaded), 1);
+  const OwnedDevice fresh(loaded);
+  ASSERT_EQ(TakeOverKeys(fresh.get(), device.get()), 1);
   FreePin(device.get());
+  EXPECT_EQ(FlagsAt(fresh->pin), Shielded()) << "the copy of another record";
+  FreePin(fresh.get());
   EXPECT_EQ(FlagsAt(first), "");
   EXPECT_EQ(FlagsAt(second), "");
 }
