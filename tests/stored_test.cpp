@@ -39,22 +39,6 @@ TEST_F(StoredTest, ABackupIsNoMoreReadable) {
   }
 }
 
-TEST_F(RecordTest, TakesEverythingFromTheFile) {
-  WriteText(Replaced(text_, R"([]],["sign",2,4)", R"(["b25l","dHdv","dGhyZWU="]],["second",-2,4)"),
-            0xfffefdfc);
-  const DeviceHandle d = Rescan();
-  EXPECT_EQ(d->fileTag, 0xfffefdfc);
-  EXPECT_EQ(d->refCount, 4u);
-  const Keypair& first = *d->keypairs[0];
-  EXPECT_TRUE(first.algorithm == 1 && first.bits == 2048 && first.certCount == 3);
-  for (const auto& [i, cert] : {std::pair(0, "one"), {1, "two"}, {2, "three"}})
-    EXPECT_EQ(Bytes(first.certs[i]->data, first.certs[i]->length), cert);
-  EXPECT_EQ(Bytes(first.publicKey, first.publicKeyLen), TestRsa().publicKey);
-  const Keypair& second = *d->keypairs[1];
-  EXPECT_TRUE(second.label == std::string("second") && second.type == static_cast<unsigned>(-2));
-  EXPECT_TRUE(second.algorithm == 4 && second.bits == 256 && second.certCount == 0);
-}
-
 // A keypair that is there already is stored once.
 TEST_F(RecordTest, KnowsTheWholeText) {
   unsigned char* raw = nullptr;
