@@ -93,8 +93,9 @@ TEST(JsonTest, DecodedTreesCanBeChanged) {
   Json tree = Decode(text);
   const Json copy(vakro_json_dup(tree.get()));
   VakroJson* const inner = vakro_json_getarrayitem(tree.get(), 1);
-  VakroJson* const first = vakro_json_getarrayitem(inner, 0);
-  EXPECT_EQ(WithFault({"vakro_malloc"}, [&] { return vakro_json_addarrayitem(inner, first); }), 0);
+  const Json made(vakro_json_newarray()), number(vakro_json_newnumber(1));
+  const auto add = [&] { return vakro_json_addarrayitem(made.get(), number.get()); };
+  EXPECT_EQ(WithFault({"vakro_malloc"}, add), 0) << "it can't grow";
   std::string want = "[[2,\"b\"],[]";
   for (int i = 0; i < 20; i++) {  // the array outgrows its place, then the next one
     EXPECT_EQ(vakro_json_addarrayitem(inner, vakro_json_getarrayitem(inner, 0)), 1);
