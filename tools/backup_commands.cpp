@@ -134,7 +134,7 @@ void AddBackupCommands(CLI::App& app, Target& target) {
   const auto options = std::make_shared<BackupOptions>();
   CLI::App& backup = AddCommand(app, "backup", "Copy a device to a folder; needs no PIN",
                                 [&target, options] { MakeBackup(target, *options); });
-  AddArgument(backup, "into", &options->folder, "Folder for the copy, not a key folder");
+  AddArgument(backup, "destination", &options->folder, "Folder for the copy, not a key folder");
   AddDeviceOptions(backup, target);
   NoteJson(backup, "{serial, label, file}");
 

@@ -50,12 +50,14 @@ static std::string Lines(const std::vector<Record*>& records, std::string (*desc
 }
 
 template <class Record>
-static Record* TheOne(const Candidates<Record>& candidates, const std::string& none) {
+static Record* TheOne(const Candidates<Record>& candidates, const std::string& name,
+                      const std::string& none) {
   const auto& [what, all, fitting, describe] = candidates;
   if (fitting.size() == 1) return fitting.front();
   if (all.empty()) throw Failure(EXIT_NOT_FOUND, "There is no " + what + " yet.", none);
   if (fitting.empty()) {
-    throw Failure(EXIT_NOT_FOUND, "No such " + what + ".",
+    throw Failure(EXIT_NOT_FOUND,
+                  "There is no such " + what + (name.empty() ? "." : ": " + name + "."),
                   "There is: " + Lines(all, describe) + ".");
   }
   throw Failure(EXIT_USAGE, "Several " + what + "s could be meant.",
@@ -101,7 +103,7 @@ Device* ChooseDevice(DeviceSet* set, const std::string& name) {
     }
     if (!fitting.empty()) break;
   }
-  return TheOne(candidates,
+  return TheOne(candidates, name,
                 "'softdevice create' makes one; 'softdevice list' shows what the folder holds.");
 }
 
@@ -135,5 +137,6 @@ Keypair* ChooseKeypair(Device* device, const Target& target) {
     std::copy_if(typed.begin(), typed.end(), std::back_inserter(candidates.fitting),
                  [&](Keypair* k) { return Fits(k, kind, named.name); });
   }
-  return TheOne(candidates, "'softdevice keygen' and 'softdevice import' make one.");
+  return TheOne(candidates, target.keypair,
+                "'softdevice keygen' and 'softdevice import' make one.");
 }

@@ -26,7 +26,8 @@ static std::string Footer() {
   }
   return footer +
          "\nA PIN is asked on the terminal, or read with --pin-file, --pin-env or --pin-fd; it is "
-         "never an argument.";
+         "never an argument.\nTo begin: 'softdevice create --label NAME', then 'softdevice keygen "
+         "p-256'.\n";
 }
 
 static int Tell(const std::string& what, const std::string& advice, ExitStatus status) {
@@ -57,35 +58,53 @@ static int ShowHelp(const CLI::App& command) {
   return Finish();
 }
 
-static std::string InWords(const CLI::App& app, const CLI::Error& error) {
-  const std::vector<std::string> unknown = app.remaining(true);
+static std::string InWords(const Reach& reach, const CLI::Error& error) {
   std::string what = error.what();
-  if (what.find("ubcommand is required") == what.npos) return what;
-  return unknown.empty() ? "A command is missing" : "There is no command " + unknown.front();
+  if (!reach.stray.empty()) return "There is no command " + reach.stray;
+  return what.find("ubcommand is required") == what.npos ? what : "A command is missing";
 }
 
-// The innermost command that the line has reached.
-static const CLI::App* Reached(const CLI::App* app) {
-  while (!app->get_subcommands().empty()) app = app->get_subcommands().back();
-  return app;
+static std::string HelpFor(const CLI::App* command, const CLI::Error& error) {
+  std::string path;
+  for (const CLI::App* at = command; at->get_parent() != nullptr; at = at->get_parent()) {
+    path.insert(0, " " + at->get_name());
+  }
+  std::string advice = "'softdevice help" + path + "' shows what there is.";
+  const bool isWord = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+  if (isWord && command->get_option_no_throw("--device") != nullptr) {
+    advice += " --device and --keypair name what to work on.";
+  }
+  return advice;
+}
+
+static int TellSlip(const CLI::App& app, const std::vector<std::string>& words,
+                    const CLI::ParseError& error) {
+  const Reach reach = Follow(app, words);
+  const std::vector<std::string> unknown = app.remaining(true);
+  // A word too many behind "pin" may be a PIN, and is not repeated.
+  const bool isWord = !unknown.empty() && !unknown.front().starts_with('-');
+  const CLI::App* family = reach.command->get_parent();
+  if (isWord && reach.command->get_name() == "pin") {
+    return Tell("pin takes change or verify.",
+                "A PIN is never an argument; one that stands there is known by now.", EXIT_USAGE);
+  }
+  if (isWord && family != nullptr && family->get_name() == "pin") {
+    return Tell(SecretTold().what(), SecretTold().advice, EXIT_USAGE);
+  }
+  return Tell(UsageProblem(reach.command, InWords(reach, error)), HelpFor(reach.command, error),
+              EXIT_USAGE);
 }
 
 static int Parse(CLI::App& app, int argc, char** argv) {
+  const std::vector<std::string> words(argv + 1, argv + argc);
   try {
     RefuseSecretWords(argc, argv);
-    const CLI::App* help = FindHelp(app, {argv + 1, argv + argc});
+    const CLI::App* help = FindHelp(app, words);
     if (help != nullptr) return ShowHelp(*help);
     app.parse(argc, argv);
     return Finish();
   } catch (const CLI::ParseError& error) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    const CLI::App* family = Reached(&app)->get_parent();
-    const bool isPinFamily = family != nullptr && family->get_name() == "pin";
-    if (isPinFamily && !unknown.empty() && !unknown.front().starts_with('-')) {
-      return Tell(SecretTold().what(), SecretTold().advice, EXIT_USAGE);
-    }
-    return Tell(UsageProblem(Reached(&app), InWords(app, error)), "--help shows what there is.",
-                EXIT_USAGE);
+    return TellSlip(app, words, error);
   } catch (const Failure& failure) {
     const std::string made =
         ChangeMade().empty() ? "" : " What had been done before: " + ChangeMade() + ".";

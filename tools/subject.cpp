@@ -33,18 +33,19 @@ static size_t Characters(std::string_view text) {
 
 static void CheckEntry(const std::string& type, const std::string& value) {
   const std::string part = "The subject's part '" + type + "=" + value + "' ";
-  if (type.empty() || value.empty()) throw Failure(part + "is not understood.", SUBJECT_FORM);
+  if (type.empty() || value.empty())
+    throw Failure(EXIT_USAGE, part + "is not understood.", SUBJECT_FORM);
   if (Printable(value) != value) {
-    throw Failure(part + "holds a control or invisible character, or is no UTF-8.");
+    throw Failure(EXIT_USAGE, part + "holds a control or invisible character, or is no UTF-8.");
   }
   const bool letters = value.size() == 2 && std::all_of(value.begin(), value.end(), [](char c) {
                          return c >= 'A' && c <= 'Z';
                        });
   if (type == "C" && !letters) {
-    throw Failure(part + "is no country: two capital letters are, as in C=CN.");
+    throw Failure(EXIT_USAGE, part + "is no country: two capital letters are, as in C=CN.");
   }
   if (type == "CN" && Characters(value) > COMMON_NAME_MAX) {
-    throw Failure(part + "is too long: a CN has at most 64 characters.",
+    throw Failure(EXIT_USAGE, part + "is too long: a CN has at most 64 characters.",
                   "Longer names can stand in --san.");
   }
 }
@@ -57,7 +58,8 @@ static void AddEntry(X509_NAME* name, const std::string& type, const std::string
   }
   const char* reason = ERR_reason_error_string(ERR_peek_last_error());
   ERR_clear_error();
-  throw Failure("The subject's part '" + type + "=" + value + "' is not understood" +
+  throw Failure(EXIT_USAGE,
+                "The subject's part '" + type + "=" + value + "' is not understood" +
                     (reason == nullptr ? "." : ": " + std::string(reason) + "."),
                 SUBJECT_FORM);
 }
@@ -66,7 +68,7 @@ Name ParseName(const std::string& text) {
   Name name(X509_NAME_new());
   if (!name) throw std::bad_alloc();
   if (!text.starts_with('/')) {
-    throw Failure("The subject must begin with a slash, as in /CN=Alice.");
+    throw Failure(EXIT_USAGE, "The subject must begin with a slash, as in /CN=Alice.");
   }
   std::string parts[2];  // type, value
   size_t part = 0;
@@ -79,10 +81,10 @@ Name ParseName(const std::string& text) {
     } else if (text[i] == '=' && part == 0) {
       part = 1;
     } else if (text[i] == '+') {
-      throw Failure(
-          "The subject holds a +, which may join two parts into one; that is not done "
-          "here.",
-          "Write \\+ for a plus.");
+      throw Failure(EXIT_USAGE,
+                    "The subject holds a +, which may join two parts into one; that is not done "
+                    "here.",
+                    "Write \\+ for a plus.");
     } else {
       if (text[i] == '\\' && i + 1 < text.size()) i++;
       parts[part] += text[i];
@@ -104,30 +106,30 @@ static bool IsDnsLabel(const std::string& label) {
 
 static void CheckDns(const std::string& value) {
   if (!IsAscii(value)) {
-    throw Failure("The name DNS:" + value + " is not ASCII.",
+    throw Failure(EXIT_USAGE, "The name DNS:" + value + " is not ASCII.",
                   "Write international names in their xn-- form.");
   }
   std::vector<std::string> labels = Split(value, '.');
   if (labels.size() > 1 && labels.front() == "*") labels.erase(labels.begin());
   if (value.size() > 253 || !std::all_of(labels.begin(), labels.end(), IsDnsLabel)) {
-    throw Failure("DNS:" + value + " is no DNS name.", SAN_FORM);
+    throw Failure(EXIT_USAGE, "DNS:" + value + " is no DNS name.", SAN_FORM);
   }
 }
 
 static void CheckEmail(const std::string& value) {
   const size_t at = value.find('@');
   if (IsAscii(value) && at != value.npos && at > 0 && at + 1 < value.size()) return;
-  throw Failure("email:" + value + " is no address.", SAN_FORM);
+  throw Failure(EXIT_USAGE, "email:" + value + " is no address.", SAN_FORM);
 }
 
 static void CheckUri(const std::string& value) {
   const size_t colon = value.find(':');
   if (IsAscii(value) && colon != value.npos && colon > 0) return;
-  throw Failure("URI:" + value + " is no absolute URI.", SAN_FORM);
+  throw Failure(EXIT_USAGE, "URI:" + value + " is no absolute URI.", SAN_FORM);
 }
 
 static void CheckAnything(const std::string& value) {
-  if (!IsAscii(value)) throw Failure(value + " is not understood.", SAN_FORM);
+  if (!IsAscii(value)) throw Failure(EXIT_USAGE, value + " is not understood.", SAN_FORM);
 }
 
 static constexpr struct {
@@ -151,7 +153,7 @@ static GENERAL_NAME* ParseAlternativeName(const std::string& text) {
     if (name != nullptr) return name;
     ERR_clear_error();
   }
-  throw Failure("The alternative name '" + text + "' is not understood.", SAN_FORM);
+  throw Failure(EXIT_USAGE, "The alternative name '" + text + "' is not understood.", SAN_FORM);
 }
 
 AlternativeNames ParseAlternativeNames(const std::string& text) {

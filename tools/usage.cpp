@@ -31,7 +31,9 @@ struct HelpText : CLI::Formatter {
   }
   std::string make_option_desc(const CLI::Option* option) const override {
     const std::string value = option->get_default_str();
-    return option->get_description() + (value.empty() ? "" : " [" + value + "]");
+    const bool isMarked = option->get_required() && !option->get_positional();
+    return option->get_description() + (isMarked ? " (required)" : "") +
+           (value.empty() ? "" : " [" + value + "]");
   }
   std::string make_usage(const CLI::App* app, std::string) const override {
     std::string name;
@@ -67,8 +69,7 @@ static const CLI::Option* OptionAt(const CLI::App* app, const std::string& word)
   return nullptr;
 }
 
-// CommandOf follows the words of a line to the command that they name, past options and values.
-static const CLI::App* CommandOf(CLI::App& app, const std::vector<std::string>& words) {
+Reach Follow(const CLI::App& app, const std::vector<std::string>& words) {
   const CLI::App* command = &app;
   for (size_t i = 0; i < words.size(); i++) {
     if (words[i].starts_with('-')) {
@@ -80,10 +81,10 @@ static const CLI::App* CommandOf(CLI::App& app, const std::vector<std::string>& 
     for (const CLI::App* child : CommandsOf(*command)) {
       if (child->get_name() == words[i]) next = child;
     }
-    if (next == nullptr) break;
+    if (next == nullptr) return {command, CommandsOf(*command).empty() ? "" : words[i]};
     command = next;
   }
-  return command;
+  return {command, ""};
 }
 
 const CLI::App* FindHelp(CLI::App& app, const std::vector<std::string>& words) {
@@ -96,7 +97,7 @@ const CLI::App* FindHelp(CLI::App& app, const std::vector<std::string>& words) {
     if (!asks) left.push_back(*word);
   }
   if (!wanted) return nullptr;
-  const CLI::App* command = CommandOf(app, left);
+  const CLI::App* command = Follow(app, left).command;
   const bool isPlain = !left.empty() && words.front() == "help";
   if (isPlain && command == &app && !left.front().starts_with('-')) {
     throw Failure(EXIT_USAGE, UsageProblem(&app, "There is no command " + left.front()),
@@ -118,10 +119,30 @@ static std::vector<std::string> WordsFor(const CLI::App* app) {
   return words;
 }
 
+// What other programs call our commands.
+static constexpr const char* OTHER_NAMES[][2] = {
+    {"change-pin", "pin change"},
+    {"generate", "keygen"},
+    {"genkey", "keygen"},
+    {"info", "show"},
+    {"init", "create"},
+    {"ls", "list"},
+    {"new", "create"},
+    {"passwd", "pin change"},
+    {"rm", "delete-keypair"},
+};
+
+static std::string MeantBy(const CLI::App* app, const std::string& word) {
+  for (const auto& [other, ours] : OTHER_NAMES) {
+    if (app->get_parent() == nullptr && word == other) return ours;
+  }
+  return Nearest(word.substr(0, word.find('=')), WordsFor(app));
+}
+
 std::string UsageProblem(const CLI::App* app, const std::string& what) {
   // The word that was not understood is the last of the library's, or of our own, sentence.
   const std::string word = what.substr(what.rfind(' ') + 1);
-  const std::string meant = Nearest(word.substr(0, word.find('=')), WordsFor(app));
+  const std::string meant = MeantBy(app, word);
   if (meant.empty() || meant == word) return what + (what.ends_with('?') ? "" : ".");
   return what + ". Did you mean " + meant + "?";
 }

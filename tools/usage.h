@@ -16,6 +16,16 @@ const CLI::App* FindHelp(CLI::App& app, const std::vector<std::string>& words);
 void RefuseSecretWords(int argc, char** argv);
 Failure SecretTold();  // the words for it
 
+// Where the words of a line lead: to the innermost command that they name, and no further because
+// of a word that stands where a command should and is none; "" without one.
+struct Reach {
+  const CLI::App* command;
+  std::string stray;
+};
+
+// Follow goes along the words, past options and their values.
+Reach Follow(const CLI::App& app, const std::vector<std::string>& words);
+
 // UsageProblem says what was wrong with the line, and what may have been meant.
 std::string UsageProblem(const CLI::App* app, const std::string& what);
 
