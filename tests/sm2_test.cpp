@@ -1,5 +1,5 @@
 // SM2: the published examples with their fixed k, and every input that must not pass, as a table.
-// What OpenSSL makes of signatures and ciphertexts is in the sessions of softdevice_test.py.
+// What OpenSSL makes of signatures and ciphertexts is in the sessions of data/softdevice.txt.
 #include "sm2/sm2.h"
 #include "sm2/multiply.h"
 #include "tests/support/world.h"

@@ -1,20 +1,20 @@
 #!/usr/bin/env python3
-"""Plays a session of data/softdevice.txt with the built program: softdevice_test.py TITLE"""
+"""Plays a session of tests/data/: sessions_test.py FILE TITLE
+
+The head of data/softdevice.txt says what stands in such a file."""
 import os
 import pathlib
 import subprocess
 import sys
 import tempfile
-import termios
-import time
 
-from support.terminal import converse
+from support.terminal import await_echo, converse, free_port
 
 
-def read_sessions():
+def read_sessions(file):
     """The steps and the items of each session, by its title."""
     sessions = {}
-    for line in open(pathlib.Path(__file__).parent / "data/softdevice.txt"):
+    for line in open(pathlib.Path(__file__).parent / "data" / file):
         mark, _, text = line.rstrip("\n").partition(" ")
         if mark == "==":
             steps, items = sessions[text] = [], []
@@ -30,14 +30,9 @@ def read_sessions():
             steps[-1]["answers"].append(("<", chr(ord(text) - 64)))
         elif mark in ("<", "<+", "<!"):
             steps[-1]["answers"].append((mark, text))
+        elif mark not in ("", "#"):
+            sys.exit(f"no mark of a session: {line}")
     return sessions
-
-
-def await_echo(terminal, on):
-    """Waits until the program that asks has turned the echo off, or left it on. ctest ends a
-    program that never does."""
-    while bool(termios.tcgetattr(terminal)[3] & termios.ECHO) != on:
-        time.sleep(0.001)
 
 
 def take(line, status, says, answers):
@@ -58,15 +53,17 @@ def take(line, status, says, answers):
     missing = [text for text in says if text not in said]
     shown = [text for mark, text in answers if mark == "<" and text in said]
     if ended != status or left or missing or shown:
-        sys.exit(f"$ {line}\n{said}\nstatus {ended}, {left=}, {missing=}, {shown=}")
+        sys.exit(f"$ {line}\n{said}\nstatus {ended}, {left=}, {missing=}, {shown=}, "
+                 f"IT={os.environ['IT']}")
 
 
-sessions = read_sessions()
+sessions = read_sessions(sys.argv[1])
 first = next(iter(sessions.values()))
-steps, items = sessions[sys.argv[1]]
+steps, items = sessions[sys.argv[2]]
 for item in items or [""]:
     with tempfile.TemporaryDirectory() as scratch:
         os.chdir(scratch)
-        os.environ["IT"] = item
+        os.environ |= {"IT": item, "HOME": scratch, "TMPDIR": scratch, "XDG_RUNTIME_DIR": scratch,
+                       "VAKRO_FOLDER": scratch + "/keys", "PORT": free_port()}
         for step in first[0] + steps:
             take(**step)
