@@ -19,7 +19,7 @@ packages=(
 clients=(
   opensc gnutls-bin openssh-client p11-kit p11-kit-modules
   libengine-pkcs11-openssl libnss3-tools         # OpenSSL's engine; NSS
-  openjdk-17-jdk-headless python3-pykcs11
+  openjdk-17-jdk-headless python3-pykcs11 openvpn
 )
 bench=(
   libbotan-2-dev libgcrypt20-dev                 # other SM2
