@@ -20,6 +20,7 @@ clients=(
   opensc gnutls-bin openssh-client p11-kit p11-kit-modules
   libengine-pkcs11-openssl libnss3-tools         # OpenSSL's engine; NSS
   openjdk-17-jdk-headless python3-pykcs11 openvpn
+  gpgsm gpg-agent gnupg-pkcs11-scd
 )
 bench=(
   libbotan-2-dev libgcrypt20-dev                 # other SM2

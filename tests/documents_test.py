@@ -66,15 +66,22 @@ def blocks(text):
 # --- What a page names --------------------------------------------------------------------------
 
 
+def headings(text):
+    """What a link names headings by."""
+    for heading in re.findall(r"^#+ (.*)", text, re.M):
+        yield re.sub(r"[^\w -]", "", heading).lower().replace(" ", "-")
+
+
 def check_names(page, text):
     code = subprocess.run(["git", "-C", ROOT, "grep", "-hoE", r"\w{4,}", "--", "*.h", "*.cpp",
                            "*.c", "*.cmake"], capture_output=True, text=True).stdout
     words = set(code.split())
     plain = re.sub(r"^```.*?^```$", "", text, flags=re.M | re.S)
-    here = os.path.dirname(os.path.join(ROOT, page))
-    for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", plain):
-        if not os.path.exists(os.path.join(here, link)):
-            yield f"the link to {link} leads nowhere"
+    for link, heading in re.findall(r"\]\(([^)#:]*)#?([^):]*)\)", plain):
+        target = os.path.join(os.path.dirname(page), link) if link else page
+        if not os.path.exists(os.path.join(ROOT, target)) or (
+                heading and heading not in headings(read(target))):
+            yield f"the link to {link}#{heading} leads nowhere"
     for name in re.findall(r"`([^`\s]+)[^`\n]*`", plain):
         path = re.fullmatch(r"(?!build/|/|\.\./)[\w.-]+/[\w./-]*", name)
         function = re.fullmatch(r"[A-Z][a-z]+[A-Z]\w+|g_\w+|Device[A-Z]\w+", name)
