@@ -40,6 +40,27 @@ class Pkcs11Test : public FolderTest {
   }
 };
 
+// A folder with one token, made here, whose user is logged in.
+class Pkcs11TokenTest : public Pkcs11Test {
+ protected:
+  static const Library& WithToken(const Library& p11) {
+    MakeToken(p11);
+    return p11;
+  }
+  // The private key; its public key in *pub.
+  CK_OBJECT_HANDLE Generate(const std::string& id, CK_OBJECT_HANDLE* pub) const {
+    CK_OBJECT_HANDLE priv = 0;
+    EXPECT_EQ(client.Generate(id, &priv, pub), CKR_OK);
+    return priv;
+  }
+  CK_RV Destroy(CK_OBJECT_HANDLE object) const {
+    return p11->C_DestroyObject(client.session, object);
+  }
+
+  const Library p11{folder_};
+  const Client client{WithToken(p11)};
+};
+
 // Runs in a child process; its result is the number of failures.
 template <class Body>
 int InChild(Body body) {
@@ -179,20 +200,16 @@ TEST_F(Pkcs11Test, TemplatesAreJudged) {
   EXPECT_EQ(client.Find(Wanted().Number(CKA_KEY_TYPE, 0x80001234)).size(), 2u);
 }
 
-TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client client(p11);
-  CK_OBJECT_HANDLE priv = 0, pub = 0, priv2 = 0, pub2 = 0;
-  ASSERT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
-  ASSERT_EQ(client.Generate("2", &priv2, &pub2), CKR_OK);
+TEST_F(Pkcs11TokenTest, ObjectsGoOneByOne) {
+  CK_OBJECT_HANDLE pub = 0, pub2 = 0;
+  const CK_OBJECT_HANDLE priv = Generate("1", &pub), priv2 = Generate("2", &pub2);
   Wanted data;
   data.Number(CKA_CLASS, CKO_DATA).Flag(CKA_TOKEN, true).Text(CKA_VALUE, "x");
   const CK_OBJECT_HANDLE note = client.Create(data);
-  EXPECT_EQ(p11->C_DestroyObject(client.session, pub2), CKR_OK) << "hidden";
+  EXPECT_EQ(Destroy(pub2), CKR_OK) << "hidden";
   EXPECT_EQ(client.Sign(priv2), CKR_OK);
   const std::string point = client.Get(pub, CKA_EC_POINT);
-  EXPECT_EQ(p11->C_DestroyObject(client.session, priv), CKR_OK);
+  EXPECT_EQ(Destroy(priv), CKR_OK);
   EXPECT_EQ(client.Sign(priv), CKR_KEY_HANDLE_INVALID);
   EXPECT_EQ(client.Get(pub, CKA_EC_POINT), point) << "the handle is still good";
   EXPECT_EQ(client.Get(pub, CKA_ID), "1");
@@ -200,24 +217,20 @@ TEST_F(Pkcs11Test, ObjectsGoOneByOne) {
   EXPECT_EQ(client.Get(note, CKA_VALUE), "x");
   EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), 1u);
   EXPECT_EQ(client.Count(CKO_PUBLIC_KEY), 1u);
-  for (const CK_OBJECT_HANDLE object : {pub, priv2, note})
-    EXPECT_EQ(p11->C_DestroyObject(client.session, object), CKR_OK);
+  for (const CK_OBJECT_HANDLE object : {pub, priv2, note}) EXPECT_EQ(Destroy(object), CKR_OK);
   EXPECT_EQ(client.Find({}).size(), 0u);
-  EXPECT_EQ(p11->C_DestroyObject(client.session, note), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_EQ(Destroy(note), CKR_OBJECT_HANDLE_INVALID);
   EXPECT_EQ(client.Login(PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
 }
 
 // A key and a certificate for it, and the same key once more.
-TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
+TEST_F(Pkcs11TokenTest, WhatWasMadeElsewhereComesIn) {
   BIGNUM* raw = nullptr;
   EXPECT_EQ(EVP_PKEY_get_bn_param(TestP256().key, "priv", &raw), 1);
   const BigNum scalar(raw);
   std::string bytes(32, 0);
   BN_bn2binpad(raw, Bytes(bytes), 32);
   const std::string own = SelfSigned(TestP256().key);
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client client(p11);
   std::vector<CK_OBJECT_HANDLE> keys;
   for (const char* id : {"first", "second"}) {
     Wanted key;
@@ -240,7 +253,7 @@ TEST_F(Pkcs11Test, WhatWasMadeElsewhereComesIn) {
   nonsense.Number(CKA_CERTIFICATE_TYPE, CKC_X_509).Text(CKA_VALUE, own + "x");
   client.Create(nonsense, CKR_ATTRIBUTE_VALUE_INVALID);
 
-  EXPECT_EQ(p11->C_DestroyObject(client.session, keys[0]), CKR_OK);
+  EXPECT_EQ(Destroy(keys[0]), CKR_OK);
   EXPECT_EQ(client.Get(cert, CKA_VALUE), own) << "stays";
   const auto left = client.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
   ASSERT_EQ(left.size(), 1u);
@@ -286,10 +299,7 @@ TEST_F(Pkcs11Test, ProcessesLoseNothing) {
 }
 
 // All functions, in the order of the list, called with nothing but zeros, and with a session.
-TEST_F(Pkcs11Test, NullIsACode) {
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client client(p11);
+TEST_F(Pkcs11TokenTest, NullIsACode) {
   using Any = CK_RV (*)(CK_ULONG, void*, void*, void*, void*, void*, void*, void*, void*, void*);
   constexpr size_t FIRST = offsetof(CK_FUNCTION_LIST_3_0, C_Initialize);
   std::vector<Any> functions((sizeof(CK_FUNCTION_LIST_3_0) - FIRST) / sizeof(Any));
@@ -312,12 +322,9 @@ TEST_F(Pkcs11Test, NullIsACode) {
 }
 
 // What can't be answered does not keep the rest from its answer.
-TEST_F(Pkcs11Test, EachAttributeIsAnswered) {
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client client(p11);
-  CK_OBJECT_HANDLE priv = 0, pub = 0;
-  ASSERT_EQ(client.Generate("id", &priv, &pub), CKR_OK);
+TEST_F(Pkcs11TokenTest, EachAttributeIsAnswered) {
+  CK_OBJECT_HANDLE pub = 0;
+  const CK_OBJECT_HANDLE priv = Generate("id", &pub);
   const struct {
     CK_ATTRIBUTE_TYPE type;
     CK_ULONG room, length;
@@ -404,45 +411,38 @@ TEST_F(Pkcs11Test, ADeviceThatComesOrGoesIsAnEvent) {
 }
 
 // One logs in and out, the others make, change, use and delete what they can meanwhile.
-TEST_F(Pkcs11Test, ThreadsShareAToken) {
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client owner(p11);
+TEST_F(Pkcs11TokenTest, ThreadsShareAToken) {
   std::atomic<int> done{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; i++)
     threads.emplace_back([&, i] {
-      const Client client(p11, "");
+      const Client other(p11, "");
       for (int k = 0; k < 4; k++) {
         CK_OBJECT_HANDLE priv = 0, pub = 0;
-        const CK_RV made = client.Generate(std::to_string(i), &priv, &pub);
+        const CK_RV made = other.Generate(std::to_string(i), &priv, &pub);
         EXPECT_TRUE(made == CKR_OK || made == CKR_USER_NOT_LOGGED_IN) << made;
-        client.Sign(priv);
-        client.Set(pub, CKA_LABEL, "changed");
-        for (const auto key : client.Find(Wanted().Text(CKA_ID, std::to_string(i))))
-          p11->C_DestroyObject(client.session, key);
+        other.Sign(priv);
+        other.Set(pub, CKA_LABEL, "changed");
+        for (const auto key : other.Find(Wanted().Text(CKA_ID, std::to_string(i))))
+          p11->C_DestroyObject(other.session, key);
       }
       done++;
     });
   while (done < 3) {
-    EXPECT_EQ(p11->C_Logout(owner.session), CKR_OK);
-    EXPECT_EQ(owner.Login(PIN), CKR_OK);
+    EXPECT_EQ(p11->C_Logout(client.session), CKR_OK);
+    EXPECT_EQ(client.Login(PIN), CKR_OK);
     usleep(20000);
   }
   for (std::thread& thread : threads) thread.join();
-  CK_OBJECT_HANDLE priv = 0, pub = 0;
-  EXPECT_EQ(owner.Generate("last", &priv, &pub), CKR_OK);
-  EXPECT_EQ(owner.Sign(priv), CKR_OK);
+  CK_OBJECT_HANDLE pub = 0;
+  EXPECT_EQ(client.Sign(Generate("last", &pub)), CKR_OK);
 }
 
-TEST_F(Pkcs11Test, AChildStartsAnew) {
-  const Library p11(folder_);
-  MakeToken(p11);
-  const Client parent(p11);
+TEST_F(Pkcs11TokenTest, AChildStartsAnew) {
   CK_OBJECT_HANDLE priv = 0, pub = 0;
-  ASSERT_EQ(parent.Generate("1", &priv, &pub), CKR_OK);
+  ASSERT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
   EXPECT_EQ(InChild([&] {
-              EXPECT_EQ(parent.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
+              EXPECT_EQ(client.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
               const Library again(folder_);
               const Client child(again);
               const auto keys = child.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
@@ -450,7 +450,7 @@ TEST_F(Pkcs11Test, AChildStartsAnew) {
               for (const auto key : keys) EXPECT_EQ(child.Sign(key), CKR_OK);
             }),
             0);
-  EXPECT_EQ(parent.Sign(priv), CKR_OK);
+  EXPECT_EQ(client.Sign(priv), CKR_OK);
   // A login ends when another process has changed the PIN.
   EXPECT_EQ(InChild([&] {
               const Library again(folder_);
@@ -459,22 +459,20 @@ TEST_F(Pkcs11Test, AChildStartsAnew) {
                         CKR_OK);
             }),
             0);
-  EXPECT_EQ(parent.Generate("2", &priv, &pub), CKR_USER_NOT_LOGGED_IN);
-  EXPECT_EQ(parent.Login("other"), CKR_OK);
+  EXPECT_EQ(client.Generate("2", &priv, &pub), CKR_USER_NOT_LOGGED_IN);
+  EXPECT_EQ(client.Login("other"), CKR_OK);
 }
 
-TEST_F(Pkcs11Test, AProgramEndsAsItLikes) {
-  const Library p11(folder_);
-  MakeToken(p11);
+TEST_F(Pkcs11TokenTest, AProgramEndsAsItLikes) {
   EXPECT_EQ(InChild([&] {
               const Library own(folder_);
-              const Client client(own);
+              const Client user(own);
               CK_OBJECT_HANDLE priv = 0, pub = 0;
-              EXPECT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
+              EXPECT_EQ(user.Generate("1", &priv, &pub), CKR_OK);
               CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
-              EXPECT_EQ(own->C_SignInit(client.session, &mechanism, priv), CKR_OK);
+              EXPECT_EQ(own->C_SignInit(user.session, &mechanism, priv), CKR_OK);
               OPENSSL_cleanup();
-              EXPECT_EQ(client.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
+              EXPECT_EQ(user.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
               EXPECT_EQ(own->C_Finalize(nullptr), CKR_OK);
             }),
             0);
