@@ -11,7 +11,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+#include <initializer_list>
 #include <memory>
+#include <string_view>
 
 template <auto Free>
 struct Release {
@@ -72,6 +74,18 @@ T* Allocate(size_t count, const char* tag, int line = __builtin_LINE()) {
   void* const memory = vakro_malloc(count * sizeof(T), tag, line);
   if (memory != nullptr) memset(memory, 0, count * sizeof(T));
   return static_cast<T*>(memory);
+}
+
+// Join returns the parts, one behind the other, as a string; NULL when memory is out.
+inline UtilText Join(const char* tag, std::initializer_list<std::string_view> parts,
+                     int line = __builtin_LINE()) {
+  size_t length = 0;
+  for (const std::string_view part : parts) length += part.size();
+  UtilText text(Allocate<char>(length + 1, tag, line));
+  char* end = text.get();
+  if (end == nullptr) return nullptr;
+  for (const std::string_view part : parts) end += part.copy(end, part.size());
+  return text;
 }
 
 // A file descriptor for a scope; below 0 there is none.

@@ -16,14 +16,9 @@ static int ToResult(ReadResult found) { return static_cast<int>(found); }
 
 // SetPaths gives a record the paths of its file and backup.
 static bool SetPaths(Device* device, const char* path) {
-  const size_t length = strlen(path);
-  device->filePath = Allocate<char>(length + 1, "device");
-  device->backupPath = Allocate<char>(length + sizeof(BACKUP_SUFFIX), "device");
-  if (device->filePath == nullptr || device->backupPath == nullptr) return false;
-  memcpy(device->filePath, path, length + 1);
-  memcpy(device->backupPath, path, length);
-  memcpy(device->backupPath + length, BACKUP_SUFFIX, sizeof(BACKUP_SUFFIX));
-  return true;
+  device->filePath = Join("device", {path}).release();
+  device->backupPath = Join("device", {path, BACKUP_SUFFIX}).release();
+  return device->filePath != nullptr && device->backupPath != nullptr;
 }
 
 int LoadDevice(const char* path, Device** out) {

@@ -14,8 +14,8 @@
 #include <sys/stat.h>
 #include <utility>
 
-static constexpr size_t SERIAL_BYTES = 8;  // of a random serial number
-static constexpr size_t FILE_NAME_SIZE = 3 * (NAME_SIZE - 1) + sizeof(BACKUP_SUFFIX);
+static constexpr size_t SERIAL_BYTES = 8;                          // of a random serial number
+static constexpr size_t FILE_NAME_SIZE = 3 * (NAME_SIZE - 1) + 1;  // all escaped
 
 static bool DrawSerialNumber(char (&text)[NAME_SIZE]) {
   unsigned char bytes[SERIAL_BYTES];
@@ -61,9 +61,9 @@ Device* NewDeviceRecord(const char* serialNumber, const char* label) {
   char name[FILE_NAME_SIZE];
   MakeFileName(device->serialNumber, name);
   device->filePath = GetFilePath(g_keyFolder, name);
-  memcpy(name + strlen(name), BACKUP_SUFFIX, sizeof(BACKUP_SUFFIX));
-  device->backupPath = GetFilePath(g_keyFolder, name);
-  return device->filePath != nullptr && device->backupPath != nullptr ? device.release() : nullptr;
+  if (device->filePath == nullptr) return nullptr;
+  device->backupPath = Join("device", {device->filePath, BACKUP_SUFFIX}).release();
+  return device->backupPath != nullptr ? device.release() : nullptr;
 }
 
 // Makes the folder at `path`, which ends in a slash, and those above it, where they are missing.

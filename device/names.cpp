@@ -11,15 +11,9 @@ static constexpr unsigned int LIST_STEP = 1024;  // more than the longest name a
 using Folder = std::unique_ptr<DIR, Release<closedir>>;
 
 char* GetFilePath(const char* folder, const char* name) {
-  size_t folderLen = strlen(folder);
-  if (folderLen > 0 && folder[folderLen - 1] == '/') folderLen--;
-  const size_t nameLen = strlen(name);
-  char* path = Allocate<char>(folderLen + 1 + nameLen + 1, "device");
-  if (path == nullptr) return nullptr;
-  memcpy(path, folder, folderLen);
-  path[folderLen] = '/';
-  memcpy(path + folderLen + 1, name, nameLen);
-  return path;
+  std::string_view above(folder);
+  if (above.ends_with('/')) above.remove_suffix(1);
+  return Join("device", {above, "/", name}).release();
 }
 
 int string_endwiths(const char* text, const char* suffix) {

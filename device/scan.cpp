@@ -17,13 +17,9 @@
 
 static constexpr int MOST_LOOKS = 3;  // at a file that changes all the while
 
-static char* CopyText(const char* text, size_t length, const char* suffix) {
-  const size_t suffixLen = strlen(suffix);
-  char* copy = Allocate<char>(length + suffixLen + 1, "device");
-  if (copy == nullptr) return nullptr;
-  memcpy(copy, text, length);
-  memcpy(copy + length, suffix, suffixLen + 1);
-  return copy;
+// The path without its last BACKUP_SUFFIX, which it ends in; NULL when memory is out.
+static UtilText WithoutSuffix(const char* path) {
+  return Join("device", {{path, strlen(path) - strlen(BACKUP_SUFFIX)}});
 }
 
 static bool IsThere(const char* path) { return access(path, F_OK) == 0; }
@@ -69,7 +65,7 @@ static ReadResult ReadFromFolder(const char* path, const char* backupPath, FileI
 static void AddFromName(DeviceSet* set, const char* name) {
   UtilText path(GetFilePath(g_keyFolder, name));
   if (!path) return;
-  UtilText backupPath(CopyText(path.get(), strlen(path.get()), BACKUP_SUFFIX));
+  UtilText backupPath = Join("device", {path.get(), BACKUP_SUFFIX});
   FileImage image;
   if (!backupPath || ReadFromFolder(path.get(), backupPath.get(), &image) != ReadResult::GOOD)
     return;
@@ -92,7 +88,7 @@ static bool Holds(const DeviceSet* set, const char* path) {
 // that would be taken for the backup of "x".
 static bool IsBackupOfAnother(const char* path) {
   if (!string_endwiths(path, BACKUP_SUFFIX)) return false;
-  const UtilText shorter(CopyText(path, strlen(path) - strlen(BACKUP_SUFFIX), ""));
+  const UtilText shorter = WithoutSuffix(path);
   struct stat info;
   FileImage image;
   return !shorter || lstat(shorter.get(), &info) == 0 ||
@@ -100,12 +96,10 @@ static bool IsBackupOfAnother(const char* path) {
 }
 
 static void AddFromBackup(DeviceSet* set, const char* name) {
-  const size_t nameLen = strlen(name) - strlen(BACKUP_SUFFIX);
-  if (nameLen == 0) return;  // ".bak" is the backup of no file
+  if (strcmp(name, BACKUP_SUFFIX) == 0) return;  // the backup of no file
   UtilText backupPath(GetFilePath(g_keyFolder, name));
   if (!backupPath) return;
-  const size_t pathLen = strlen(backupPath.get()) - strlen(BACKUP_SUFFIX);
-  UtilText path(CopyText(backupPath.get(), pathLen, ""));
+  UtilText path = WithoutSuffix(backupPath.get());
   if (!path || !IsThere(backupPath.get())) return;
   if (Holds(set, path.get()) || IsBackupOfAnother(path.get())) return;
   FileImage image;

@@ -84,20 +84,13 @@ static Slot* FindPath(const char* path) {
   return nullptr;
 }
 
-static UtilText CopyPath(const char* path) {
-  const size_t size = strlen(path) + 1;
-  UtilText copy(Allocate<char>(size, "pkcs11"));
-  if (copy) memcpy(copy.get(), path, size);
-  return copy;
-}
-
 // A slot that is not in the list yet; NULL with `result` set where the file is no device, or can't
 // be looked at.
 static Slot* LoadSlot(const char* path, CK_RV& result) {
   Slot* const slot = New<Slot>();
   result = CKR_HOST_MEMORY;
   if (slot == nullptr) return nullptr;
-  slot->path = CopyPath(path);
+  slot->path = Join("pkcs11", {path});
   if (slot->path) {
     const MutexLock work(slot->work);
     result = Reload(*slot);

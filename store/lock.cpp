@@ -120,11 +120,8 @@ static LockResult WhyNotBeside() {
 // The rule that all rests on: while someone holds the lock on the file that has the name, nobody
 // else removes it or puts another in its place.
 LockResult FileLock::TryBeside(const char* path, const struct stat& device) {
-  const size_t length = strlen(path);
-  besidePath_.reset(Allocate<char>(length + sizeof(LOCK_SUFFIX), "json"));
+  besidePath_ = Join("json", {path, LOCK_SUFFIX});
   if (!besidePath_) return LockResult::FAILED;
-  memcpy(besidePath_.get(), path, length);
-  memcpy(besidePath_.get() + length, LOCK_SUFFIX, sizeof(LOCK_SUFFIX));
   const char* beside = besidePath_.get();
   const bool isMade = beside_.Open(beside, O_WRONLY | O_CREAT | O_EXCL);
   if (!isMade && (errno != EEXIST || !beside_.Open(beside, O_WRONLY | O_NOFOLLOW)))
