@@ -102,16 +102,16 @@ static Slot* LoadSlot(const char* path, CK_RV& result) {
 
 namespace {
 // What one look at the folder finds.
-struct Found {
+struct FolderLook {
   List<Slot*> fresh;
   bool complete = true;  // nothing that could not be looked at
-  ~Found() {
+  ~FolderLook() {
     for (Slot* slot : fresh) FreeSlot(slot);
   }
 };
 }  // namespace
 
-static CK_RV LookAtName(const char* path, Found& found) {
+static CK_RV LookAtName(const char* path, FolderLook& found) {
   Slot* const known = FindPath(path);
   if (known != nullptr) {
     const CK_RV refreshed = Refresh(*known);
@@ -133,7 +133,8 @@ static CK_RV LookAtName(const char* path, Found& found) {
   return CKR_HOST_MEMORY;
 }
 
-static CK_RV LookAtNames(const char* names, unsigned int length, size_t suffixLen, Found& found) {
+static CK_RV LookAtNames(const char* names, unsigned int length, size_t suffixLen,
+                         FolderLook& found) {
   for (unsigned int at = 0; at < length;) {
     const size_t nameLen = strlen(names + at);
     const UtilText path(GetFilePath(g_keyFolder, names + at));
@@ -148,7 +149,7 @@ static CK_RV LookAtNames(const char* names, unsigned int length, size_t suffixLe
   return CKR_OK;
 }
 
-static CK_RV LookAtFolder(Found& found) {
+static CK_RV LookAtFolder(FolderLook& found) {
   char *rawFiles = nullptr, *rawBackups = nullptr;
   unsigned int filesLen = 0, backupsLen = 0;
   if (GetAllCertificateKeyFileName(g_keyFolder, &rawFiles, &filesLen, &rawBackups, &backupsLen) !=
@@ -189,7 +190,7 @@ CK_RV RefreshSlots() {
   const MutexLock turn(g_folderMutex);
   Stamp now;
   if (!HasFolderChanged(now)) return CKR_OK;
-  Found found;
+  FolderLook found;
   const CK_RV looked = LookAtFolder(found);
   if (looked != CKR_OK) return looked;
   if (found.fresh.count > 0)

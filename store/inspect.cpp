@@ -59,7 +59,7 @@ static bool Decodes(const VakroJson* item, bool hex) {
 static void InspectCerts(VakroJson* list, int keypair, const Teller& tell) {
   const int count = vakro_json_getarraysize(list);
   if (count > MAX_CERTS) {
-    tell({.fault = Fault::TOO_MANY_CERTS,
+    tell({.fault = FileFault::TOO_MANY_CERTS,
           .keypair = keypair,
           .found = static_cast<unsigned int>(count),
           .wanted = MAX_CERTS});
@@ -67,12 +67,12 @@ static void InspectCerts(VakroJson* list, int keypair, const Teller& tell) {
   }
   for (int i = 0; i < count; i++)
     if (!Decodes(vakro_json_getarrayitem(list, i), false))
-      tell({.fault = Fault::CERT, .keypair = keypair, .at = i});
+      tell({.fault = FileFault::CERT, .keypair = keypair, .at = i});
 }
 
 static void InspectKeypair(VakroJson* item, int keypair, const Teller& tell) {
   if (!IsArray(item) || vakro_json_getarraysize(item) != KEYPAIR_ITEMS) {
-    tell({.fault = Fault::KEYPAIR, .keypair = keypair});
+    tell({.fault = FileFault::KEYPAIR, .keypair = keypair});
     return;
   }
   for (int field = 0; field < KEYPAIR_ITEMS; field++) {
@@ -83,9 +83,9 @@ static void InspectKeypair(VakroJson* item, int keypair, const Teller& tell) {
                        : isHex                  ? IsString(value)
                                                 : IsNumber(value);
     if (!typed)
-      tell({.fault = Fault::KEYPAIR_FIELD, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
+      tell({.fault = FileFault::KEYPAIR_FIELD, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
     else if (isHex && !Decodes(value, true))
-      tell({.fault = Fault::KEYPAIR_HEX, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
+      tell({.fault = FileFault::KEYPAIR_HEX, .keypair = keypair, .field = KEYPAIR_FIELDS[field]});
     else if (field == KEYPAIR_CERTS)
       InspectCerts(value, keypair, tell);
   }
@@ -124,12 +124,12 @@ static void InspectKeypairs(VakroJson* list, const Teller& teller) {
     InspectKeypair(item, i, tell);
     if (!IsKeypairItem(item)) continue;
     if (loadedCount == MAX_KEYPAIRS) {
-      tell({.fault = Fault::TOO_MANY_KEYPAIRS, .keypair = i});
+      tell({.fault = FileFault::TOO_MANY_KEYPAIRS, .keypair = i});
       continue;
     }
     for (int k = 0; k < loadedCount; k++) {
       if (!SameName(loaded[k], item)) continue;
-      tell({.fault = Fault::SAME_KEYPAIR, .keypair = i});
+      tell({.fault = FileFault::SAME_KEYPAIR, .keypair = i});
       break;
     }
     loaded[loadedCount++] = item;
@@ -140,7 +140,7 @@ static void InspectKeypairs(VakroJson* list, const Teller& teller) {
 
 static void InspectDatas(VakroJson* list, const Teller& tell) {
   if (!IsArray(list)) {
-    tell({.fault = Fault::DATAS});
+    tell({.fault = FileFault::DATAS});
     return;
   }
   const int count = vakro_json_getarraysize(list);
@@ -148,7 +148,7 @@ static void InspectDatas(VakroJson* list, const Teller& tell) {
     VakroJson* item = vakro_json_getarrayitem(list, i);
     const OwnedData data(Json2Data(item));
     if (!data) {
-      tell({.fault = Fault::DATA, .at = i});
+      tell({.fault = FileFault::DATA, .at = i});
       continue;
     }
     for (int k = 0; k < i; k++) {
@@ -156,7 +156,7 @@ static void InspectDatas(VakroJson* list, const Teller& tell) {
       if (!IsArray(other)) continue;
       const VakroJson* earlier = vakro_json_getarrayitem(other, DATA_ID);
       if (!SameNumber(earlier, vakro_json_getarrayitem(item, DATA_ID))) continue;
-      tell({.fault = Fault::SAME_DATA, .at = i});
+      tell({.fault = FileFault::SAME_DATA, .at = i});
       break;
     }
   }
@@ -169,18 +169,18 @@ static int InspectText(std::string_view text, const Teller& tell) {
   const Json root(vakro_json_decode(text.data(), static_cast<unsigned int>(text.size())));
   if (!root) {
     if (errno != EINVAL) return -1;
-    tell({.fault = Fault::TEXT});
+    tell({.fault = FileFault::TEXT});
     return 0;
   }
   if (!IsDeviceRoot(root.get())) {
-    tell({.fault = Fault::ROOT});
+    tell({.fault = FileFault::ROOT});
     return 0;
   }
   int loads = 1;
   for (int field = 0; field < DEVICE_DATAS; field++) {
     const VakroJson* value = vakro_json_getarrayitem(root.get(), field);
     if (field == DEVICE_KEYPAIRS ? IsArray(value) : IsName(value)) continue;
-    tell({.fault = Fault::ROOT_FIELD, .field = ROOT_FIELDS[field]});
+    tell({.fault = FileFault::ROOT_FIELD, .field = ROOT_FIELDS[field]});
     loads = 0;
   }
   VakroJson* keypairs = vakro_json_getarrayitem(root.get(), DEVICE_KEYPAIRS);
@@ -207,18 +207,18 @@ int InspectImage(const unsigned char* image, unsigned int size,
                  void (*tell)(void* context, const StoredFault& fault), void* context) {
   const Teller teller{tell, context, {}};
   if (size < LEAST) {
-    teller({.fault = Fault::SHORT, .found = size, .wanted = LEAST});
+    teller({.fault = FileFault::SHORT, .found = size, .wanted = LEAST});
     return 0;
   }
   const unsigned int length = be2int(image + LENGTH_OFFSET);
   if (length != size - LEAST) {
-    teller({.fault = Fault::LENGTH_WORD, .found = length, .wanted = size - LEAST});
+    teller({.fault = FileFault::LENGTH_WORD, .found = length, .wanted = size - LEAST});
     return 0;
   }
   const std::string_view text = ImageText(image);
   const int proven = IsProven(image, length);
   if (proven < 0) return proven;
-  if (proven == 0) teller({.fault = Fault::DIGEST});
+  if (proven == 0) teller({.fault = FileFault::DIGEST});
   const int loads = InspectText(text, teller);
   return loads == 1 && proven == 0 ? 0 : loads;
 }

@@ -6,7 +6,7 @@
 #include <string_view>
 
 // What can be wrong. What the readers make of it stands beside.
-enum class Fault {
+enum class FileFault {
   // no device
   SHORT,        // `found` bytes, at least `wanted`
   LENGTH_WORD,  // says `found`, the file's size asks for `wanted`
@@ -31,7 +31,7 @@ enum class Fault {
 };
 
 struct StoredFault {
-  Fault fault;
+  FileFault fault;
   int keypair = -1;             // place in the list, from 0
   std::string_view label = {};  // of the keypair, as far as it can be read; good during the call
   const char* field = nullptr;  // the name of an item: "label", "public key"

@@ -26,9 +26,9 @@ const char* WeightName(Weight weight) {
   }
 }
 
-static Weight WeightOf(Fault fault) {
-  if (fault <= Fault::ROOT_FIELD) return Weight::REFUSED;
-  if (fault == Fault::SAME_KEYPAIR) return Weight::NOTE;
+static Weight WeightOf(FileFault fault) {
+  if (fault <= FileFault::ROOT_FIELD) return Weight::REFUSED;
+  if (fault == FileFault::SAME_KEYPAIR) return Weight::NOTE;
   return Weight::SKIPPED;
 }
 
@@ -53,36 +53,36 @@ static std::string InWords(const StoredFault& fault, const Bytes& image) {
   const std::string field = fault.field == nullptr ? "" : std::string("the ") + fault.field;
   const std::string at = std::to_string(fault.at + 1);
   switch (fault.fault) {
-    case Fault::SHORT:
+    case FileFault::SHORT:
       return "the file has " + Numbers(fault) + " bytes are the least";
-    case Fault::LENGTH_WORD:
+    case FileFault::LENGTH_WORD:
       return "the length word (byte 4) says " + Numbers(fault) + " fits the file's size";
-    case Fault::DIGEST:
+    case FileFault::DIGEST:
       return "the digest (the last 64 bytes) is not that of the text: the file is damaged";
-    case Fault::TEXT:
+    case FileFault::TEXT:
       return WhereJsonEnds(image);
-    case Fault::ROOT:
+    case FileFault::ROOT:
       return "the text is no array of 3 items or more";
-    case Fault::ROOT_FIELD:
+    case FileFault::ROOT_FIELD:
       return field + " has the wrong type or is longer than 63 bytes";
-    case Fault::KEYPAIR:
+    case FileFault::KEYPAIR:
       return "it is no array of 9 items";
-    case Fault::KEYPAIR_FIELD:
+    case FileFault::KEYPAIR_FIELD:
       return field + " has the wrong type or is longer than 63 bytes";
-    case Fault::KEYPAIR_HEX:
+    case FileFault::KEYPAIR_HEX:
       return field + " is not hex";
-    case Fault::TOO_MANY_CERTS:
+    case FileFault::TOO_MANY_CERTS:
       return "it has " + std::to_string(fault.found) + " certificates; " +
              std::to_string(fault.wanted) + " are the most";
-    case Fault::TOO_MANY_KEYPAIRS:
+    case FileFault::TOO_MANY_KEYPAIRS:
       return "it comes after the 64th, the last that is loaded";
-    case Fault::CERT:
+    case FileFault::CERT:
       return "certificate " + at + " is not base64";
-    case Fault::SAME_KEYPAIR:
+    case FileFault::SAME_KEYPAIR:
       return "it has type and label of an earlier keypair";
-    case Fault::DATAS:
+    case FileFault::DATAS:
       return "the list of data objects is no array; no call on data objects works";
-    case Fault::DATA:
+    case FileFault::DATA:
       return "data object " + at + " of the list breaks the layout; no call on data objects works";
     default:
       return "data object " + at + " of the list has the number of an earlier one";
@@ -107,7 +107,7 @@ static void Collect(void* context, const StoredFault& fault) {
   Inspection& inspection = collection.inspection;
   inspection.findings.push_back(
       {WeightOf(fault.fault), PlaceOf(fault), InWords(fault, collection.image)});
-  if (fault.fault == Fault::DIGEST) inspection.digestHolds = false;
+  if (fault.fault == FileFault::DIGEST) inspection.digestHolds = false;
 }
 
 static Inspection InspectContent(const Bytes& image) {
