@@ -58,7 +58,7 @@ static void CheckCertificates(Keypair* keypair, Findings& findings) {
 }
 
 static void CheckKeypair(Keypair* keypair, Findings& findings) {
-  const std::string unusable = WhyUnusable(keypair);
+  const std::string unusable = TraitsOf(keypair).problem;
   if (!unusable.empty()) {
     findings.push_back({Weight::SKIPPED, PlaceOf(keypair), unusable});
   } else if (keypair->algorithm == ALGORITHM_RSA &&

@@ -16,25 +16,32 @@ Fields FactsOf(Device* device) {
           {"has_pin", device->keypairCount > 0}};
 }
 
-Fields FactsOf(Keypair* keypair) {
-  const std::string fingerprint = FingerprintOf(keypair);
-  return {{"index", IndexOf(keypair)},
-          {"label", keypair->label},
-          {"type", keypair->type},
-          {"algorithm", KindName(keypair)},
-          {"bits", keypair->bits},
-          {"fingerprint", fingerprint.empty() ? Fact(nullptr) : Fact(fingerprint)}};
-}
-
-std::string WhyUnusable(Keypair* keypair) {
-  const std::string kind = KindName(keypair);
+static std::string ProblemOf(const KeyTraits& traits) {
+  const std::string& kind = traits.kind;
   if (kind != "unknown" && kind != "P-256" && kind != "SM2" && !kind.starts_with("RSA")) {
     return "a stored private key on " + kind +
            " can't be opened again, and it keeps the whole device shut ('softdevice "
            "delete-keypair' gives it up)";
   }
-  return PublicKeyOf(keypair) ? "" : "its public key does not decode";
+  return traits.fingerprint.empty() ? "its public key does not decode" : "";
 }
+
+KeyTraits TraitsOf(Keypair* keypair) {
+  KeyTraits traits{KindName(keypair), FingerprintOf(keypair), ""};
+  traits.problem = ProblemOf(traits);
+  return traits;
+}
+
+Fields FactsOf(Keypair* keypair, const KeyTraits& traits) {
+  return {{"index", IndexOf(keypair)},
+          {"label", keypair->label},
+          {"type", keypair->type},
+          {"algorithm", traits.kind},
+          {"bits", keypair->bits},
+          {"fingerprint", traits.fingerprint.empty() ? Fact(nullptr) : Fact(traits.fingerprint)}};
+}
+
+Fields FactsOf(Keypair* keypair) { return FactsOf(keypair, TraitsOf(keypair)); }
 
 Bytes CertificateAt(Keypair* keypair, int index) {
   int length = 0;

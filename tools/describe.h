@@ -8,8 +8,14 @@
 Fields FactsOf(Device* device);    // serial, label, file, has_pin
 Fields FactsOf(Keypair* keypair);  // index, label, type, algorithm, bits, fingerprint
 
-// WhyUnusable says why a keypair can't be used, whatever the PIN; "" for any other.
-std::string WhyUnusable(Keypair* keypair);
+// What a keypair's public key tells. To decode it takes most of the time of a list.
+struct KeyTraits {
+  std::string kind;
+  std::string fingerprint;  // "" for a broken one
+  std::string problem;      // why the keypair can't be used, whatever the PIN; "" for any other
+};
+KeyTraits TraitsOf(Keypair* keypair);
+Fields FactsOf(Keypair* keypair, const KeyTraits& traits);
 
 Fields CertificateFacts(Keypair* keypair, int index);
 Facts CertificatesOf(Keypair* keypair);

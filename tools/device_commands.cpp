@@ -24,12 +24,21 @@ static std::vector<Device*> Sorted(DeviceSet* set) {
   return devices;
 }
 
-static std::vector<KeypairHandle> KeypairsOf(Device* device) {
-  std::vector<KeypairHandle> keypairs;
+namespace {
+struct Described {
+  KeypairHandle keypair;
+  KeyTraits traits;
+};
+}  // namespace
+
+static std::vector<Described> KeypairsOf(Device* device) {
+  std::vector<Described> keypairs;
   for (int i = 0; i < DeviceGetKeypairCount(device); i++) {
     KeypairHandle keypair(DeviceGetKeypair(device, i));
     if (!keypair) throw std::bad_alloc();
-    if (IsAnchor(keypair.get()) == 0) keypairs.push_back(std::move(keypair));
+    if (IsAnchor(keypair.get()) == 1) continue;
+    KeyTraits traits = TraitsOf(keypair.get());
+    keypairs.push_back({std::move(keypair), std::move(traits)});
   }
   return keypairs;
 }
@@ -43,20 +52,21 @@ static std::string Heading(Device* device) {
          ", file " + Printable(device->filePath);
 }
 
-static std::vector<std::string> Row(Keypair* keypair) {
+static std::vector<std::string> Row(const Described& described) {
+  Keypair* keypair = described.keypair.get();
   const int certs = DeviceGetCertificateCount(keypair);
   return {"#" + std::to_string(IndexOf(keypair)),
           keypair->label,
           "type " + std::to_string(keypair->type),
-          KindName(keypair),
-          ShortFingerprint(FingerprintOf(keypair)),
+          described.traits.kind,
+          ShortFingerprint(described.traits.fingerprint),
           certs > 0 ? Count(static_cast<size_t>(certs), "certificate") : ""};
 }
 
 // A keypair as list and show have it for programs; what they say of its certificates differs.
-static Fields FactsOf(Keypair* keypair, Fact certificates) {
-  Fields fields = FactsOf(keypair);
-  const std::string problem = WhyUnusable(keypair);
+static Fields FactsOf(const Described& described, Fact certificates) {
+  Fields fields = FactsOf(described.keypair.get(), described.traits);
+  const std::string& problem = described.traits.problem;
   fields.emplace_back("problem", problem.empty() ? Fact(nullptr) : Fact(problem));
   fields.emplace_back("certificates", std::move(certificates));
   return fields;
@@ -77,11 +87,11 @@ struct Listing {
 }  // namespace
 
 // AddProblems adds what of the device can't be used, and what is not even loaded.
-static void AddProblems(Device* device, Listing& listing) {
-  for (Keypair* keypair : KeypairsIn(device)) {
-    const std::string problem = WhyUnusable(keypair);
-    if (problem.empty()) continue;
-    listing.AddAlarm("#" + std::to_string(IndexOf(keypair)) + " can't be used: " + problem);
+static void AddProblems(Device* device, const std::vector<Described>& keypairs, Listing& listing) {
+  for (const auto& [keypair, traits] : keypairs) {
+    if (traits.problem.empty()) continue;
+    listing.AddAlarm("#" + std::to_string(IndexOf(keypair.get())) +
+                     " can't be used: " + traits.problem);
   }
   Facts facts;
   for (const Finding& finding : PassedOverKeypairs(device->filePath)) {
@@ -105,12 +115,12 @@ static std::optional<std::vector<DataObject>> ObjectsOf(Device* device, Listing&
 static Listing ListDevice(Device* device) {
   RefuseOpen(device->filePath, true);
   Listing listing{Heading(device), FactsOf(device), true};
-  const std::vector<KeypairHandle> keypairs = KeypairsOf(device);
+  const std::vector<Described> keypairs = KeypairsOf(device);
   Table table;
   Facts facts;
-  for (const KeypairHandle& keypair : keypairs) {
-    table.rows.push_back(Row(keypair.get()));
-    facts.emplace_back(FactsOf(keypair.get(), DeviceGetCertificateCount(keypair.get())));
+  for (const Described& described : keypairs) {
+    table.rows.push_back(Row(described));
+    facts.emplace_back(FactsOf(described, DeviceGetCertificateCount(described.keypair.get())));
   }
   listing.text += "\n" + (keypairs.empty() ? NoKeypairs(device) : table.Text("    "));
   listing.facts.emplace_back("keypairs", facts);
@@ -118,7 +128,7 @@ static Listing ListDevice(Device* device) {
     if (!objects->empty()) listing.text += "\n    " + Count(objects->size(), "data object");
     listing.facts.emplace_back("data_objects", objects->size());
   }
-  AddProblems(device, listing);
+  AddProblems(device, keypairs, listing);
   return listing;
 }
 
@@ -156,11 +166,12 @@ static std::string CertificateText(Keypair* keypair, int index) {
          ExpiryText(cert.get()) + "; " + ShortFingerprint(FingerprintOf(der));
 }
 
-static std::string KeypairText(Keypair* keypair) {
-  const std::string fingerprint = FingerprintOf(keypair);
+static std::string KeypairText(const Described& described) {
+  Keypair* keypair = described.keypair.get();
+  const auto& [kind, fingerprint, problem] = described.traits;
   std::string text = "    #" + std::to_string(IndexOf(keypair)) + "  " +
                      Bold(Printable(keypair->label)) + "  type " + std::to_string(keypair->type) +
-                     ", " + KindName(keypair) + "\n        fingerprint    " +
+                     ", " + kind + "\n        fingerprint    " +
                      (fingerprint.empty() ? "none: the public key is broken" : fingerprint);
   for (int i = 0; i < DeviceGetCertificateCount(keypair); i++) {
     text += "\n" + CertificateText(keypair, i);
@@ -172,13 +183,14 @@ static void ShowDevice(const Target& target) {
   const Session session(target, true);
   Device* device = session.device.get();
   Listing listing{Heading(device), FactsOf(device), true};
-  Facts keypairs, objects;
-  for (const KeypairHandle& keypair : KeypairsOf(device)) {
-    listing.text += "\n" + KeypairText(keypair.get());
-    keypairs.emplace_back(FactsOf(keypair.get(), CertificatesOf(keypair.get())));
+  const std::vector<Described> keypairs = KeypairsOf(device);
+  Facts facts, objects;
+  for (const Described& described : keypairs) {
+    listing.text += "\n" + KeypairText(described);
+    facts.emplace_back(FactsOf(described, CertificatesOf(described.keypair.get())));
   }
   if (keypairs.empty()) listing.text += "\n" + NoKeypairs(device);
-  listing.facts.emplace_back("keypairs", keypairs);
+  listing.facts.emplace_back("keypairs", facts);
   if (const auto all = ObjectsOf(device, listing)) {
     for (const DataObject& object : *all) {
       listing.text += "\n    data object " + std::to_string(object.id) + ", " +
@@ -187,7 +199,7 @@ static void ShowDevice(const Target& target) {
     }
     listing.facts.emplace_back("data_objects", objects);
   }
-  AddProblems(device, listing);
+  AddProblems(device, keypairs, listing);
   Show(listing.text, listing.facts);
 }
 
