@@ -123,8 +123,7 @@ def tool_page(program, version):
     return "\n".join(out) + FILES_AND_MORE
 
 
-COMPLETION = """\
-# Completion of softdevice for bash; made from its help.
+COMPLETION = r"""# Completion of softdevice for bash; made from its help.
 _softdevice() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local command= commands= options= values= i
@@ -138,6 +137,22 @@ _softdevice() {
 %(cases)s
   esac
   COMPREPLY=() # nothing offered: readline goes on with file names
+  local labels=
+  case $previous in
+    --device) labels='s/^(\S.*)  serial number .*/\1/p' ;;
+    --keypair) labels='s/^ +#[0-9]+  (.*\S) +type [0-9]+  .*/\1/p' ;;
+  esac
+  if [[ -n $labels ]]; then
+    local folder= label start=${current#[\"\']}
+    for ((i = 1; i + 1 < COMP_CWORD; i++)); do
+      [[ ${COMP_WORDS[i]} != --folder ]] || folder=${COMP_WORDS[i + 1]}
+    done
+    while read -r label; do
+      [[ $label != "${start//\\}"* ]] || COMPREPLY+=("$(printf %%q "$label")")
+    done < <(NO_COLOR=1 "${COMP_WORDS[0]}" list --quiet ${folder:+--folder "${folder/#\~/$HOME}"} 2>/dev/null |
+             sed -nE "$labels")
+    return 0
+  fi
   [[ " $values " != *" $previous "* ]] || return 0
   [[ $current == -* ]] && commands=$options
   COMPREPLY=($(compgen -W "$commands" -- "$current"))

@@ -43,11 +43,16 @@ def check_manual(usr, version):
                                env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"})
         assert not shown.stderr, shown.stderr
         assert version in shown.stdout and all(n in shown.stdout for n in names.split()), page
-    completed = run("bash", "-c", f". {usr}/share/bash-completion/completions/softdevice; "
-                    "COMP_WORDS=(softdevice --folder x cert a); COMP_CWORD=4; _softdevice; "
-                    "echo ${COMPREPLY[@]}; COMP_WORDS=(softdevice keygen --la); COMP_CWORD=2; "
-                    "_softdevice; echo ${COMPREPLY[@]}")
-    assert completed == "add\n--label\n", completed
+
+
+def check_completion(usr, keys):
+    run(f"{usr}/bin/softdevice", "create", "--folder", keys, "--label", "My $x", "--without-pin")
+    for line, completed in (("--folder x cert a", "add"), ("keygen --la", "--label"), ("sign -o m", ""),
+                            (f"--folder {keys} sign --device M", "My\\ \\$x")):
+        found = run("bash", "-c", f". {usr}/share/bash-completion/completions/softdevice; "
+                    f"COMP_WORDS=({usr}/bin/softdevice {line}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); "
+                    '_softdevice; echo "${COMPREPLY[*]}"')
+        assert found == completed + "\n", f"{line} is completed by {found}"
 
 
 def check_door(usr):
@@ -63,6 +68,7 @@ def main(build):
     with tempfile.TemporaryDirectory() as scratch:
         usr = make_packages(build, scratch)
         check_manual(usr, version)
+        check_completion(usr, f"{scratch}/keys")
         check_door(usr)
         print(run("python3", f"{ROOT}/tests/documents_test.py", "docs/integration.md",
                   env={**os.environ, "LD_LIBRARY_PATH": f"{usr}/lib", "CMAKE_PREFIX_PATH": usr,
