@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 Progress::Progress(std::string what) {
-  if (isatty(STDERR_FILENO) == 0 || g_manner.quiet) return;
+  if (!IsSteerable(STDERR_FILENO) || g_manner.quiet) return;
   clock = std::thread([this, what = std::move(what)] { Tick(what); });
 }
 

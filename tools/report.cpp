@@ -3,6 +3,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 #include <algorithm>
 
@@ -93,12 +94,15 @@ std::string Table::Text(const std::string& indent) const {
   return Join(lines, "\n");
 }
 
+bool IsSteerable(int stream) {
+  const char* term = getenv("TERM");
+  return isatty(stream) != 0 && term != nullptr && *term != '\0' && strcmp(term, "dumb") != 0;
+}
+
 static bool IsColoured() {
   static const bool coloured = [] {
     const char* no = getenv("NO_COLOR");
-    const char* term = getenv("TERM");
-    return isatty(STDOUT_FILENO) != 0 && (no == nullptr || *no == '\0') &&
-           (term == nullptr || std::string(term) != "dumb");
+    return IsSteerable(STDOUT_FILENO) && (no == nullptr || *no == '\0');
   }();
   return coloured;
 }

@@ -52,7 +52,10 @@ void Confirm(const std::string& text, const Fact& fact);
 void Remark(const std::string& text);  // to standard error; left out with --quiet
 void Warn(const std::string& text);    // to standard error, also with --quiet
 
-// Emphasis on a terminal, unless NO_COLOR is set. The text must be printable already.
+// IsSteerable tells a terminal that takes escape sequences.
+bool IsSteerable(int stream);
+
+// Emphasis on such a terminal, unless NO_COLOR is set. The text must be printable already.
 std::string Bold(const std::string& text);
 std::string Alarming(const std::string& text);
 
