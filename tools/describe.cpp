@@ -58,7 +58,10 @@ static int DaysLeft(const ASN1_TIME* end) {
 }
 
 std::string ExpiryText(const X509* cert) {
-  const ASN1_TIME* end = X509_get0_notAfter(cert);
+  const ASN1_TIME *begin = X509_get0_notBefore(cert), *end = X509_get0_notAfter(cert);
+  if (X509_cmp_current_time(begin) > 0) {
+    return TimeText(end) + ", " + Alarming("not valid before " + TimeText(begin));
+  }
   const int days = DaysLeft(end);
   const std::string left =
       days < 0 ? Alarming("expired") : Count(static_cast<size_t>(days), "day") + " left";
