@@ -64,7 +64,8 @@ static std::string InWords(const Reach& reach, const CLI::Error& error) {
   return what.find("ubcommand is required") == what.npos ? what : "A command is missing";
 }
 
-static std::string HelpFor(const CLI::App* command, const CLI::Error& error) {
+static std::string HelpFor(const CLI::App* command, const std::vector<std::string>& unknown,
+                           const CLI::Error& error) {
   std::string path;
   for (const CLI::App* at = command; at->get_parent() != nullptr; at = at->get_parent()) {
     path.insert(0, " " + at->get_name());
@@ -73,6 +74,11 @@ static std::string HelpFor(const CLI::App* command, const CLI::Error& error) {
   const bool isWord = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
   if (isWord && command->get_option_no_throw("--device") != nullptr) {
     advice += " --device and --keypair name what to work on.";
+  }
+  for (const std::string& word : unknown) {
+    if (word.starts_with('-') && access(word.c_str(), F_OK) == 0) {
+      advice += " The file " + word + " is named ./" + word + " here.";
+    }
   }
   return advice;
 }
@@ -91,8 +97,8 @@ static int TellSlip(const CLI::App& app, const std::vector<std::string>& words,
   if (isWord && family != nullptr && family->get_name() == "pin") {
     return Tell(SecretTold().what(), SecretTold().advice, EXIT_USAGE);
   }
-  return Tell(UsageProblem(reach.command, InWords(reach, error)), HelpFor(reach.command, error),
-              EXIT_USAGE);
+  return Tell(UsageProblem(reach.command, InWords(reach, error)),
+              HelpFor(reach.command, unknown, error), EXIT_USAGE);
 }
 
 static int Parse(CLI::App& app, int argc, char** argv) {
