@@ -127,8 +127,12 @@ static void MakeRequest(const Target& target, const RequestOptions& options) {
   const Request request = BuildRequest(key.key.get(), options);
   Unlock(session, options.pin);
   SignRequest(request.get(), {session.keypair.get(), key, options.scheme});
-  if (options.der) return output.Write(ToDer(request.get()));
-  output.Write(PemOf(request.get()));
+  if (options.der) {
+    output.Write(ToDer(request.get()));
+  } else {
+    output.Write(PemOf(request.get()));
+  }
+  Remark("Made a request for a certificate of keypair " + NameOf(session.keypair.get()) + ".");
 }
 
 // --- self-sign -----------------------------------------------------------------------------------
@@ -186,7 +190,9 @@ static void SelfSign(const Target& target, const RequestOptions& options) {
   } else {
     output.Write(CertificatePem(der));
   }
-  if (!options.store) return;
+  const std::string made = "Made a certificate of keypair " + NameOf(keypair) + ", valid for " +
+                           Count(static_cast<size_t>(options.days), "day");
+  if (!options.store) return Remark(made + "; the device has no copy (--store).");
   NoteChange("the certificate is written to " +
              (output.isStandard() ? "standard output" : output.path));
   ChangeDevice(session, "store the certificate on the device", [&](const DeviceChange& change) {
@@ -194,6 +200,7 @@ static void SelfSign(const Target& target, const RequestOptions& options) {
     RequireRoom(stored);
     AppendCertificate(stored, der);
   });
+  Remark(made + "; it is stored on the device too.");
 }
 
 // --- Options -------------------------------------------------------------------------------------
