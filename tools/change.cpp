@@ -55,7 +55,8 @@ std::string WhyNotWritten(const std::string& path) {
   if (access(folder.c_str(), W_OK) != 0) {
     return "the folder " + folder + " can't be written: " + SystemError();
   }
-  if (access(path.c_str(), W_OK) != 0) return path + " can't be written: " + SystemError();
+  if (access(path.c_str(), W_OK) != 0 && errno != ENOENT)
+    return path + " can't be written: " + SystemError();
   struct statvfs room = {};
   if (statvfs(folder.c_str(), &room) == 0) {
     if (room.f_bavail * room.f_frsize < ROOM_NEEDED) return "the disk is full, or nearly so";
