@@ -35,10 +35,12 @@ static CK_RV CreateCertificate(Session& session, const Template& wanted, CK_OBJE
   if (type != CKC_X_509) return CKR_ATTRIBUTE_VALUE_INVALID;
   const Span bytes = wanted.Get(CKA_VALUE);
   if (bytes.empty()) return CKR_TEMPLATE_INCOMPLETE;
-  if (bytes.size() > 0xFFFFFF) return CKR_ATTRIBUTE_VALUE_INVALID;
+  CertificateParts parts;
+  if (bytes.size() > 0xFFFFFF || !ParseCertificate(bytes, parts))
+    return CKR_ATTRIBUTE_VALUE_INVALID;
   if (!wanted.IsToken()) {
     OwnedObject object(NewCertificateObject(bytes));
-    if (!object) return CKR_ATTRIBUTE_VALUE_INVALID;
+    if (!object) return CKR_HOST_MEMORY;
     return AddSessionObject(session, std::move(object), wanted, handle);
   }
   TokenChange change(*session.slot);

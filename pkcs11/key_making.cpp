@@ -68,10 +68,14 @@ CK_RV MakeKeypair(const KeyRequest& request, OwnedKeypair& made) {
 
 // --- Import --------------------------------------------------------------------------------------
 
-static BigNum NumberFrom(const Template& wanted, CK_ATTRIBUTE_TYPE type) {
+static constexpr size_t MAX_NUMBER_SIZE = 1024;  // zeros in front are no part of a number
+
+static CK_RV NumberFrom(const Template& wanted, CK_ATTRIBUTE_TYPE type, BigNum& number) {
   const Span bytes = wanted.Get(type);
-  if (bytes.empty() || bytes.size() > 1024) return nullptr;
-  return BigNum(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+  if (bytes.empty()) return CKR_TEMPLATE_INCOMPLETE;
+  if (bytes.size() > MAX_NUMBER_SIZE) return CKR_ATTRIBUTE_VALUE_INVALID;
+  number.reset(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+  return number ? CKR_OK : CKR_HOST_MEMORY;
 }
 
 static CK_RV DecodeEncoding(unsigned int algorithm, const unsigned char* encoding, int length,
@@ -92,11 +96,9 @@ static CK_RV ImportRsa(const Template& wanted, OwnedKeypair& made) {
       CKA_PRIME_2, CKA_EXPONENT_1,      CKA_EXPONENT_2,       CKA_COEFFICIENT};
   BigNum part[8];
   for (size_t i = 0; i < 8; i++) {
-    part[i] = NumberFrom(wanted, TYPES[i]);
-    if (!part[i]) {
-      LogReason("an RSA key to import has all eight numbers");
-      return CKR_TEMPLATE_INCOMPLETE;
-    }
+    const CK_RV read = NumberFrom(wanted, TYPES[i], part[i]);
+    if (read == CKR_TEMPLATE_INCOMPLETE) LogReason("an RSA key to import has all eight numbers");
+    if (read != CKR_OK) return read;
   }
   const int bits = BN_num_bits(part[0].get());
   if (bits < static_cast<int>(MIN_RSA_BITS) || bits > static_cast<int>(MAX_RSA_BITS))
@@ -148,8 +150,9 @@ static CK_RV ImportEc(const Template& wanted, OwnedKeypair& made) {
   const Span parameters = wanted.Get(CKA_EC_PARAMS);
   const int curve = parameters.empty() ? static_cast<int>(CURVE_SM2) : UsableCurve(parameters);
   if (curve == 0) return CKR_CURVE_NOT_SUPPORTED;
-  const BigNum d = NumberFrom(wanted, CKA_VALUE);
-  if (!d) return CKR_TEMPLATE_INCOMPLETE;
+  BigNum d;
+  const CK_RV read = NumberFrom(wanted, CKA_VALUE, d);
+  if (read != CKR_OK) return read;
   unsigned char point[SM2_POINT_SIZE];
   const CK_RV multiplied = PointOf(curve, d.get(), point);
   if (multiplied != CKR_OK) return multiplied;

@@ -191,7 +191,7 @@ static Keypair* KeypairFor(const TokenChange& change, const Object& certificate)
 
 CK_RV PutInCertificate(TokenChange& change, Span certificate, Object** made) {
   Object* const object = NewCertificateObject(certificate);
-  if (object == nullptr) return CKR_ATTRIBUTE_VALUE_INVALID;
+  if (object == nullptr) return CKR_HOST_MEMORY;
   object->keypair = KeypairFor(change, *object);
   if (object->keypair != nullptr) {
     Cert* const cert = NewCert(certificate.data(), static_cast<int>(certificate.size()));

@@ -190,6 +190,10 @@ TEST_F(Pkcs11Test, TemplatesAreJudged) {
   key.Number(CKA_CLASS, CKO_PUBLIC_KEY).Number(CKA_KEY_TYPE, CKK_EC).Text(CKA_EC_PARAMS, P256);
   EXPECT_EQ(client.Get(client.Create(key.Text(CKA_EC_POINT, point)), CKA_EC_POINT),
             "\4\x41" + point);
+  Wanted tooLong;
+  tooLong.Number(CKA_CLASS, CKO_PRIVATE_KEY).Number(CKA_KEY_TYPE, CKK_EC);
+  expect(CKR_ATTRIBUTE_VALUE_INVALID,
+         tooLong.Text(CKA_EC_PARAMS, P256).Text(CKA_VALUE, std::string(1025, 'd')));
   // The numbers that were asked for are those of SM2 and SM3.
   CK_MECHANISM_INFO info;
   EXPECT_EQ(p11->C_GetMechanismInfo(p11.Slots().at(0), 0x80005678, &info), CKR_OK);
@@ -221,6 +225,18 @@ TEST_F(Pkcs11TokenTest, ObjectsGoOneByOne) {
   EXPECT_EQ(client.Find({}).size(), 0u);
   EXPECT_EQ(Destroy(note), CKR_OBJECT_HANDLE_INVALID);
   EXPECT_EQ(client.Login(PIN), CKR_USER_ALREADY_LOGGED_IN) << "the anchor holds the PIN";
+}
+
+TEST_F(Pkcs11TokenTest, SessionObjectsGoWithTheirSession) {
+  Wanted data;
+  data.Number(CKA_CLASS, CKO_DATA).Flag(CKA_PRIVATE, true).Text(CKA_VALUE, "x");
+  const CK_OBJECT_HANDLE kept = client.Create(data);
+  {
+    const Client other(p11, "");
+    other.Create(data);
+    EXPECT_EQ(client.Count(CKO_DATA), 2u) << "each session sees both";
+  }
+  EXPECT_EQ(client.Find({}), std::vector{kept});
 }
 
 // A key and a certificate for it, and the same key once more.
