@@ -17,6 +17,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <algorithm>
 #include <new>
 
 static std::string Footer() {
@@ -75,12 +76,11 @@ static std::string HelpFor(const CLI::App* command, const std::vector<std::strin
   if (isWord && command->get_option_no_throw("--device") != nullptr) {
     advice += " --device and --keypair name what to work on.";
   }
-  for (const std::string& word : unknown) {
-    if (word.starts_with('-') && access(word.c_str(), F_OK) == 0) {
-      advice += " The file " + word + " is named ./" + word + " here.";
-    }
-  }
-  return advice;
+  const auto file = std::find_if(unknown.begin(), unknown.end(), [](const std::string& word) {
+    return word.starts_with('-') && access(word.c_str(), F_OK) == 0;
+  });
+  return file == unknown.end() ? advice
+                               : advice + " The file " + *file + " is named ./" + *file + " here.";
 }
 
 static int TellSlip(const CLI::App& app, const std::vector<std::string>& words,
