@@ -147,9 +147,12 @@ _softdevice() {
     for ((i = 1; i + 1 < COMP_CWORD; i++)); do
       [[ ${COMP_WORDS[i]} != --folder ]] || folder=${COMP_WORDS[i + 1]}
     done
+    folder=${folder/#\~/$HOME} folder=${folder:-${VAKRO_FOLDER:-/etc/.VAKRO/SoftwareCert}}
+    # Where there are backups, list may mend or remove something, and has to be heard then.
+    compgen -G "$folder/*.bak" >/dev/null && return 0
     while read -r label; do
       [[ $label != "${start//\\}"* ]] || COMPREPLY+=("$(printf %%q "$label")")
-    done < <(NO_COLOR=1 "${COMP_WORDS[0]}" list --quiet ${folder:+--folder "${folder/#\~/$HOME}"} 2>/dev/null |
+    done < <(NO_COLOR=1 "${COMP_WORDS[0]}" list --quiet --folder "$folder" 2>/dev/null |
              sed -nE "$labels")
     return 0
   fi

@@ -46,9 +46,12 @@ def check_manual(usr, version):
 
 
 def check_completion(usr, keys):
-    run(f"{usr}/bin/softdevice", "create", "--folder", keys, "--label", "My $x", "--without-pin")
+    for name in keys, keys + ".2":
+        run(f"{usr}/bin/softdevice", "create", "--folder", name, "--label", "My $x", "--without-pin")
+    os.rename(*(glob.glob(f"{keys}.2/*")[0] + suffix for suffix in ("", ".bak")))
     for line, completed in (("--folder x cert a", "add"), ("keygen --la", "--label"), ("sign -o m", ""),
-                            (f"--folder {keys} sign --device M", "My\\ \\$x")):
+                            (f"--folder {keys} sign --device M", "My\\ \\$x"),
+                            (f"--folder {keys}.2 sign --device M", "")):  # nothing is mended unheard
         found = run("bash", "-c", f". {usr}/share/bash-completion/completions/softdevice; "
                     f"COMP_WORDS=({usr}/bin/softdevice {line}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); "
                     '_softdevice; echo "${COMPREPLY[*]}"')
