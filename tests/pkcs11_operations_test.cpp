@@ -7,7 +7,6 @@
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 
-#include <fstream>
 #include <map>
 #include <set>
 
@@ -182,12 +181,12 @@ std::vector<Use> Encryptions() {
 // A token with one RSA, one P-256 and one SM2 keypair.
 class Pkcs11Operations : public FolderTest {
  protected:
-  static const std::string& WithDevice(const std::string& folder) {
+  const std::string& WithDevice() const {
     const StoredDevice device{.keypairs = {StoredKeypair{.key = &TestRsa()}.Json(),
                                            StoredKeypair{.type = 2, .key = &TestP256()}.Json(),
                                            StoredKeypair{.type = 3, .key = &TestSm2()}.Json()}};
-    std::ofstream(folder + "dev", std::ios::binary) << device.File();
-    return folder;
+    Write("dev", device.File());
+    return folder_;
   }
   CK_OBJECT_HANDLE Find(CK_OBJECT_CLASS cls, CK_KEY_TYPE type) const {
     return client_.Find(Wanted().Number(CKA_CLASS, cls).Number(CKA_KEY_TYPE, type)).at(0);
@@ -235,7 +234,7 @@ class Pkcs11Operations : public FolderTest {
     return End(kind, input, inParts, Bytes(out), &length);
   }
 
-  const Library p11_{WithDevice(folder_)};
+  const Library p11_{WithDevice()};
   const Client client_{p11_};
   const CK_SESSION_HANDLE session_ = client_.session;
 };

@@ -4,13 +4,10 @@
 #include "tests/support/token.h"
 
 #include <openssl/crypto.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <thread>
 
@@ -29,14 +26,6 @@ class Pkcs11Test : public FolderTest {
     EXPECT_EQ(InitToken(p11, 0, SO_PIN), CKR_OK);
     const Client officer(p11, SO_PIN, CKU_SO);
     EXPECT_EQ(p11->C_InitPIN(officer.session, Bytes(PIN), strlen(PIN)), CKR_OK);
-  }
-  std::string FileBytes() const {
-    std::string all;
-    for (const auto& file : std::filesystem::directory_iterator(folder_)) {
-      std::ifstream in(file.path(), std::ios::binary);
-      all += file.path().string() + std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    return all;
   }
 };
 
@@ -61,18 +50,6 @@ class Pkcs11TokenTest : public Pkcs11Test {
   const Client client{WithToken(p11)};
 };
 
-// Runs in a child process; its result is the number of failures.
-template <class Body>
-int InChild(Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    body();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status;
-}
 }  // namespace
 
 TEST_F(Pkcs11Test, ATokenComesToItsPin) {
@@ -104,9 +81,9 @@ TEST_F(Pkcs11Test, ATokenComesToItsPin) {
   CK_OBJECT_HANDLE priv = 0, pub = 0;
   EXPECT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
   EXPECT_EQ(p11->C_CloseAllSessions(slot), CKR_OK);
-  const std::string before = FileBytes();
+  const Folder before = List();
   EXPECT_EQ(InitToken(p11, slot, "new one"), CKR_FUNCTION_FAILED) << "it holds a key";
-  EXPECT_EQ(FileBytes(), before);
+  EXPECT_TRUE(List() == before);
   EXPECT_EQ(Client(p11, "").Login("new one"), CKR_OK);
 }
 
@@ -130,7 +107,8 @@ TEST_F(Pkcs11Test, WhatWasSetReadsBack) {
     EXPECT_EQ(client.Set(made, CKA_VALUE, "another, longer one"), CKR_OK);
     secret.Number(CKA_CLASS, CKO_DATA).Flag(CKA_TOKEN, true).Flag(CKA_PRIVATE, true);
     client.Create(secret.Text(CKA_VALUE, "unmistakable").Text(CKA_LABEL, "secret"));
-    EXPECT_EQ(FileBytes().find("756e6d697374616b61626c65"), std::string::npos) << "in the clear";
+    for (const auto& [name, content] : List())
+      EXPECT_EQ(content.find("756e6d697374616b61626c65"), std::string::npos) << "in the clear";
     want[CKO_PRIVATE_KEY] = {{CKA_ID, "\1\2"},         {CKA_LABEL, "same for all"},
                              {CKA_SUBJECT, "not DER"}, {CKA_LOCAL, "\1"},
                              {CKA_SENSITIVE, "\1"},    {CKA_EXTRACTABLE, std::string(1, '\0')}};
@@ -282,27 +260,20 @@ TEST_F(Pkcs11Test, ProcessesLoseNothing) {
   MakeToken(Library(folder_));
   constexpr int PROCESSES = 3, KEYS = 4;
   std::vector<pid_t> children;
-  for (int i = 0; i < PROCESSES; i++) {
-    children.push_back(fork());
-    if (children.back() != 0) continue;
-    const Library p11(folder_);
-    const Client client(p11);
-    for (int k = 0; k < KEYS; k++) {
-      CK_OBJECT_HANDLE priv = 0, pub = 0;
-      EXPECT_EQ(client.Generate(std::to_string(i) + std::to_string(k), &priv, &pub), CKR_OK);
-      EXPECT_EQ(client.Sign(priv), CKR_OK);
-      if (k % 2 == 1) {
+  for (int i = 0; i < PROCESSES; i++)
+    children.push_back(Fork([&] {
+      const Library p11(folder_);
+      const Client client(p11);
+      for (int k = 0; k < KEYS; k++) {
+        CK_OBJECT_HANDLE priv = 0, pub = 0;
+        EXPECT_EQ(client.Generate(std::to_string(i) + std::to_string(k), &priv, &pub), CKR_OK);
+        EXPECT_EQ(client.Sign(priv), CKR_OK);
+        if (k % 2 == 0) continue;
         EXPECT_EQ(p11->C_DestroyObject(client.session, priv), CKR_OK);
         EXPECT_EQ(p11->C_DestroyObject(client.session, pub), CKR_OK);
       }
-    }
-    _exit(HasFailure() ? 1 : 0);
-  }
-  for (const pid_t child : children) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
+    }));
+  for (const pid_t child : children) EXPECT_EQ(WaitFor(child), 0);
   const Library p11(folder_);
   const Client client(p11);
   EXPECT_EQ(client.Count(CKO_PRIVATE_KEY), size_t{PROCESSES * KEYS / 2});
@@ -457,30 +428,30 @@ TEST_F(Pkcs11TokenTest, ThreadsShareAToken) {
 TEST_F(Pkcs11TokenTest, AChildStartsAnew) {
   CK_OBJECT_HANDLE priv = 0, pub = 0;
   ASSERT_EQ(client.Generate("1", &priv, &pub), CKR_OK);
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(WaitFor(Fork([&] {
               EXPECT_EQ(client.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
               const Library again(folder_);
               const Client child(again);
               const auto keys = child.Find(Wanted().Number(CKA_CLASS, CKO_PRIVATE_KEY));
               EXPECT_EQ(keys.size(), 1u);
               for (const auto key : keys) EXPECT_EQ(child.Sign(key), CKR_OK);
-            }),
+            })),
             0);
   EXPECT_EQ(client.Sign(priv), CKR_OK);
   // A login ends when another process has changed the PIN.
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(WaitFor(Fork([&] {
               const Library again(folder_);
               const Client child(again);
               EXPECT_EQ(again->C_SetPIN(child.session, Bytes(PIN), strlen(PIN), Bytes("other"), 5),
                         CKR_OK);
-            }),
+            })),
             0);
   EXPECT_EQ(client.Generate("2", &priv, &pub), CKR_USER_NOT_LOGGED_IN);
   EXPECT_EQ(client.Login("other"), CKR_OK);
 }
 
 TEST_F(Pkcs11TokenTest, AProgramEndsAsItLikes) {
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(WaitFor(Fork([&] {
               const Library own(folder_);
               const Client user(own);
               CK_OBJECT_HANDLE priv = 0, pub = 0;
@@ -490,13 +461,11 @@ TEST_F(Pkcs11TokenTest, AProgramEndsAsItLikes) {
               OPENSSL_cleanup();
               EXPECT_EQ(user.Sign(priv), CKR_CRYPTOKI_NOT_INITIALIZED);
               EXPECT_EQ(own->C_Finalize(nullptr), CKR_OK);
-            }),
+            })),
             0);
 }
 
 TEST_F(Pkcs11Test, IsUnloaded) {
   { MakeToken(Library(folder_)); }
-  std::ifstream maps("/proc/self/maps");
-  const std::string all(std::istreambuf_iterator<char>(maps), {});
-  EXPECT_EQ(all.find("libvakro_pkcs11"), std::string::npos);
+  EXPECT_EQ(ReadText("/proc/self/maps").find("libvakro_pkcs11"), std::string::npos);
 }

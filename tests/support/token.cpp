@@ -137,9 +137,3 @@ CK_RV Client::Sign(CK_OBJECT_HANDLE key) const {
   const CK_RV begun = p11->C_SignInit(session, &mechanism, key);
   return begun == CKR_OK ? p11->C_Sign(session, digest, 32, signature, &length) : begun;
 }
-
-FolderTest::FolderTest() {
-  EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-  folder_ += '/';
-}
-FolderTest::~FolderTest() { std::filesystem::remove_all(folder_); }

@@ -3,8 +3,8 @@
 #define VAKRO_TESTS_TOKEN_H
 
 #include "tests/support/device_file.h"
+#include "tests/support/folder.h"
 
-#include <gtest/gtest.h>
 #include <pkcs11.h>
 
 #include <memory>
@@ -78,15 +78,6 @@ struct Client {
   CK_RV Set(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::string_view value) const;
   CK_OBJECT_HANDLE Create(Wanted& wanted, CK_RV want = CKR_OK) const;
   CK_RV Sign(CK_OBJECT_HANDLE key) const;  // with ECDSA
-};
-
-// A folder of the test's own.
-class FolderTest : public testing::Test {
- protected:
-  FolderTest();
-  ~FolderTest() override;
-
-  std::string folder_ = "/tmp/pkcs11-XXXXXX";
 };
 
 #endif

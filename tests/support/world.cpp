@@ -1,16 +1,7 @@
 #include "tests/support/world.h"
 
-#include <dirent.h>
 #include <openssl/rand.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 
@@ -63,12 +54,6 @@ void FixRandom(const std::string& first) {
 }
 
 ModuleTest::ModuleTest() {
-  // In memory where there is such a folder: the module waits for stable storage at every write.
-  const char* const wish = getenv("TMPDIR");
-  const char* const usual = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/var/tmp";
-  folder_ = std::string(wish != nullptr ? wish : usual) + "/module_tests.XXXXXX";
-  EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-  folder_ += '/';
   EXPECT_EQ(DeviceInit(), 1);
   EXPECT_EQ(DeviceSetKeyFolder(folder_.c_str()), 1);
 }
@@ -78,30 +63,6 @@ ModuleTest::~ModuleTest() {
   EXPECT_EQ(DeviceUnlockDevice(nullptr), 0) << "the lock is still held";
   EXPECT_EQ(DeviceEnd(), 1);
   EXPECT_EQ(LiveAllocations(), live_) << "not given back";
-  std::filesystem::remove_all(folder_);
-}
-
-void ModuleTest::Write(const std::string& name, const std::string& content,
-                       unsigned int mode) const {
-  std::ofstream(Path(name), std::ios::binary) << content;
-  ASSERT_EQ(chmod(Path(name).c_str(), mode), 0);
-}
-
-std::string ReadText(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
-
-ModuleTest::Folder ModuleTest::List() const {
-  Folder list;
-  for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-    struct stat status = {};
-    EXPECT_EQ(lstat(entry.path().c_str(), &status), 0);
-    const std::string name = entry.path().filename();
-    list[name] = std::to_string(status.st_mode) + (S_ISREG(status.st_mode) ? Read(name) : "");
-  }
-  return list;
 }
 
 int ModuleTest::LeavingErrors(const std::function<int()>& call) {
@@ -136,21 +97,6 @@ DeviceHandle ModuleTest::Rescan(const char* pin) {
     EXPECT_EQ(DeviceVerifyPwd(device.get(), 1, pin, nullptr), 1);
   }
   return device;
-}
-
-pid_t ModuleTest::Fork(const std::function<void()>& body) {
-  const pid_t child = fork();
-  if (child != 0) return child;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a hang is for ctest to end, however long that takes
-  body();
-  _exit(HasFailure() ? 1 : 0);
-}
-
-int ModuleTest::WaitFor(pid_t child) {
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  return WTERMSIG(status);
 }
 
 KeypairHandle Import(Device* device, std::string_view pair, int want, const std::string& label) {

@@ -7,13 +7,12 @@
 #include "core/secret.h"
 #include "device/device.h"
 #include "tests/support/device_file.h"
+#include "tests/support/folder.h"
 #include "tests/support/interpose.h"
 
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -23,7 +22,6 @@ using KeypairHandle = std::unique_ptr<Keypair, Release<DeviceFreeKeypair>>;
 using PublicHandle = std::unique_ptr<PublicKey, Release<DeviceFreePublicKey>>;
 
 std::string Bytes(const unsigned char* bytes, long length);
-std::string ReadText(const std::string& path);  // "" when there is none
 // Every field of the record, as text; without `addresses` it says the same of equal devices.
 std::string Describe(const Device& device, bool addresses = true);
 
@@ -40,18 +38,10 @@ KeypairHandle Generate(Device* device, unsigned int algorithm, int bits, const v
 // Starts the module on an empty folder; at the end stops it, removes the folder and expects every
 // block of vakro_malloc back. It does so as it is made and destroyed: what a derived test holds is
 // made on the running module, and has been given back before.
-class ModuleTest : public testing::Test {
+class ModuleTest : public FolderTest {
  protected:
-  using Folder = std::map<std::string, std::string>;  // name -> mode and content
-
   ModuleTest();
   ~ModuleTest() override;
-
-  std::string Path(const std::string& name) const { return folder_ + name; }
-  void Write(const std::string& name, const std::string& content, unsigned int mode = 0600) const;
-  std::string Read(const std::string& name) const { return ReadText(Path(name)); }
-  bool Exists(const std::string& name) const { return access(Path(name).c_str(), F_OK) == 0; }
-  Folder List() const;
 
   // Writes the file as "dev" and loads it; verified with PIN unless `pin` is NULL.
   DeviceHandle Load(const std::string& file = StoredDevice().File(), const char* pin = PIN) {
@@ -67,12 +57,6 @@ class ModuleTest : public testing::Test {
   // Expects the call to give `want` and to leave the folder, the record (which may be NULL), the
   // live allocations and OpenSSL's errors as they were.
   void Refuses(int want, const Device* device, const std::function<int()>& call) const;
-
-  // A child of the process that ends after `body`, and with its parent.
-  static pid_t Fork(const std::function<void()>& body);
-  static int WaitFor(pid_t child);  // its signal; 0 for one that has ended without failures
-
-  std::string folder_;  // with a trailing slash
 
  private:
   const long live_ = LiveAllocations();
